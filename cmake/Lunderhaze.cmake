@@ -1,0 +1,89 @@
+# What every folder of this project shares: compiler settings, dependencies, and the functions that
+# turn a folder into a library or a test program.
+
+if(NOT CMAKE_BUILD_TYPE)
+  set(CMAKE_BUILD_TYPE RelWithDebInfo CACHE STRING "" FORCE)
+endif()
+find_program(LUND_CCACHE ccache)
+if(LUND_CCACHE)
+  set(CMAKE_CXX_COMPILER_LAUNCHER ${LUND_CCACHE})
+  set(CMAKE_C_COMPILER_LAUNCHER ${LUND_CCACHE})
+endif()
+
+# The two dependencies that scripts/setup builds lie in its prefix.
+if(WIN32)
+  set(LUND_PLATFORM windows)
+else()
+  set(LUND_PLATFORM linux)
+endif()
+execute_process(
+  COMMAND ${CMAKE_SOURCE_DIR}/scripts/setup prefix ${LUND_PLATFORM}
+  OUTPUT_VARIABLE LUND_PREFIX OUTPUT_STRIP_TRAILING_WHITESPACE COMMAND_ERROR_IS_FATAL ANY)
+
+add_library(lund_options INTERFACE)
+target_include_directories(lund_options INTERFACE ${CMAKE_SOURCE_DIR})
+target_compile_options(lund_options INTERFACE -Wall -Wextra -Wshadow -Wconversion)
+if(LUND_WERROR)
+  target_compile_options(lund_options INTERFACE -Werror)
+endif()
+if(LUND_SANITIZE)
+  add_compile_options(-fsanitize=${LUND_SANITIZE} -fno-omit-frame-pointer -fno-sanitize-recover=all)
+  add_link_options(-fsanitize=${LUND_SANITIZE})
+endif()
+if(LUND_FUZZ)
+  add_compile_options(-fsanitize=fuzzer-no-link)
+endif()
+find_package(Threads REQUIRED)
+target_link_libraries(lund_options INTERFACE Threads::Threads)
+
+add_library(monocypher INTERFACE)
+find_package(PkgConfig QUIET)
+if(PkgConfig_FOUND AND NOT WIN32)
+  pkg_check_modules(MONOCYPHER QUIET IMPORTED_TARGET monocypher>=4)
+endif()
+if(MONOCYPHER_FOUND)
+  target_link_libraries(monocypher INTERFACE PkgConfig::MONOCYPHER)
+else()
+  target_include_directories(monocypher SYSTEM INTERFACE ${LUND_PREFIX}/include)
+  target_link_libraries(monocypher INTERFACE ${LUND_PREFIX}/lib/libmonocypher.a)
+endif()
+
+if(NOT WIN32)
+  set(ENV{PKG_CONFIG_PATH} "${LUND_PREFIX}/lib/pkgconfig:$ENV{PKG_CONFIG_PATH}")
+  pkg_check_modules(FFMPEG REQUIRED IMPORTED_TARGET libavcodec>=61.19 libavutil libswscale)
+  # The libraries are static, so what they need in turn is to be linked too.
+  add_library(ffmpeg INTERFACE)
+  target_include_directories(ffmpeg SYSTEM INTERFACE ${FFMPEG_STATIC_INCLUDE_DIRS})
+  target_link_directories(ffmpeg INTERFACE ${FFMPEG_STATIC_LIBRARY_DIRS})
+  target_link_libraries(ffmpeg INTERFACE ${FFMPEG_STATIC_LIBRARIES})
+  pkg_check_modules(XCB REQUIRED IMPORTED_TARGET
+    xcb xcb-shm xcb-damage xcb-xfixes xcb-randr xcb-xtest)
+endif()
+
+# lund_library(NAME folder's direct dependencies...): the library of the calling folder. A source
+# belongs to it by lying in the folder; one in linux/ or windows/ by being of this platform.
+function(lund_library name)
+  file(GLOB sources CONFIGURE_DEPENDS *.cpp ${LUND_PLATFORM}/*.cpp)
+  if(sources)
+    add_library(${name} STATIC ${sources})
+    target_link_libraries(${name} PUBLIC lund_options ${ARGN})
+  else()
+    add_library(${name} INTERFACE)
+    target_link_libraries(${name} INTERFACE lund_options ${ARGN})
+  endif()
+endfunction()
+
+# lund_test(NAME GLOB... LIBS libraries...): a GoogleTest program of the sources that match, with
+# each of its tests known to ctest by its own name.
+function(lund_test name)
+  cmake_parse_arguments(arg "" "" "LIBS" ${ARGN})
+  file(GLOB sources CONFIGURE_DEPENDS ${arg_UNPARSED_ARGUMENTS})
+  if(NOT sources)
+    return()
+  endif()
+  add_executable(${name} ${sources})
+  target_link_libraries(${name} PRIVATE ${arg_LIBS} GTest::gmock GTest::gtest_main)
+  target_compile_definitions(${name} PRIVATE
+    LUND_SOURCE_DIR="${CMAKE_SOURCE_DIR}" LUND_BIN_DIR="${CMAKE_RUNTIME_OUTPUT_DIRECTORY}")
+  gtest_discover_tests(${name} DISCOVERY_TIMEOUT 60 PROPERTIES TIMEOUT 120)
+endfunction()
