@@ -235,8 +235,8 @@ TEST(FecPaths, VectorRegionsEqualScalarOnesAtAnySizeAndOffset) {
   if (!simd()) GTEST_SKIP() << "this processor has no vector path";
   for (std::size_t size = 1; size <= 200; ++size) {
     const std::size_t offset = size % 17;
-    FecShards scalar(1, 1, size, static_cast<std::uint32_t>(size), offset);
-    FecShards vector(1, 1, size, static_cast<std::uint32_t>(size), offset);
+    FecShards scalar(1, 1, size, size, offset);
+    FecShards vector(1, 1, size, size, offset);
     for (const unsigned coefficient : {0u, 1u, 2u, 0x53u, 0x8Eu, 0xFFu}) {
       const auto c = static_cast<std::uint8_t>(coefficient);
       lund_fec::SCALAR_OPS.mul_region(scalar.pointers[1], scalar.pointers[0], c, size);
@@ -254,8 +254,8 @@ TEST(FecPaths, VectorCodeEqualsScalarCodeAtAnySizeAndOffset) {
   for (std::size_t size = 1; size <= 200; ++size) {
     const int m = 1 + static_cast<int>(size % 13);
     const std::size_t offset = (size * 3) % 19;
-    FecShards scalar(17, m, size, static_cast<std::uint32_t>(size), offset);
-    FecShards vector(17, m, size, static_cast<std::uint32_t>(size), offset);
+    FecShards scalar(17, m, size, size, offset);
+    FecShards vector(17, m, size, size, offset);
     lund_fec::encode(lund_fec::SCALAR_OPS, 17, m, size, scalar.pointers.data(), scalar.parity());
     lund_fec::encode(*simd(), 17, m, size, vector.pointers.data(), vector.parity());
     ASSERT_EQ(scalar.all(), vector.all()) << size << " bytes, " << m << " rows";

@@ -14,7 +14,7 @@ namespace video_frames {
 
 using Bytes = std::vector<std::uint8_t>;
 
-inline Bytes random_bytes(std::size_t size, std::uint32_t seed) {
+inline Bytes random_bytes(std::size_t size, std::mt19937::result_type seed) {
   std::mt19937 random(seed);
   Bytes bytes(size);
   for (auto& byte : bytes) byte = static_cast<std::uint8_t>(random());
