@@ -14,6 +14,7 @@ extern "C" {
 #include <libavutil/dict.h>
 #include <libavutil/error.h>
 #include <libavutil/hwcontext.h>
+#include <libavutil/log.h>
 }
 
 using namespace encoder_internal;
@@ -135,7 +136,11 @@ bool VideoEncoder::Codec::make_scaler(int source_width, int source_height) {
   return true;
 }
 
-VideoEncoder::VideoEncoder() = default;
+// FFmpeg writes to standard error on its own, where each opening of libopenh264 draws two warnings
+// that tell nothing; its results are logged here.
+VideoEncoder::VideoEncoder() {
+  av_log_set_level(AV_LOG_ERROR);
+}
 VideoEncoder::~VideoEncoder() = default;
 
 bool VideoEncoder::is_open() const {

@@ -27,6 +27,9 @@ constexpr std::uint32_t SHM_WITH_DESCRIPTORS = 2;  // minor version of MIT-SHM
 // each clearing of ours has the server report what remains.
 constexpr int FOREIGN_RECTANGLES_KEPT = 64;
 
+// Monitors that are set up by hand change without an event, so the server is asked now and then.
+constexpr std::uint64_t GEOMETRY_CHECK_US = 1'000'000;
+
 constexpr SourceTraits TRAITS{"X11 CPU", true, false};
 
 // Memory that is shared by its descriptor.
@@ -106,7 +109,7 @@ class X11Source final : public CaptureSource {
   bool query_extensions();
   bool attach_segment();
   bool read_geometry(x11::Monitor* out) const;
-  bool moved() const;
+  bool lost();
   void read_events();
   void note_damage(const xcb_damage_notify_event_t& event, std::uint32_t sequence);
   bool grab();
@@ -125,6 +128,7 @@ class X11Source final : public CaptureSource {
   bool stale_ = true;                      // the screen has changed since the segment was filled
   bool reported_ = false;                  // and acquire has said so
   bool rearranged_ = false;                // the server has said that outputs or monitors change
+  std::uint64_t geometry_checked_us_ = 0;
   bool grab_failed_ = false;
   bool held_ = false;
 };
@@ -244,12 +248,11 @@ AcquireResult X11Source::acquire(std::uint32_t wait_ms, WakeEvent& wake, Acquire
       hlog("video: the X server is gone");
       return AcquireResult::Gone;
     }
-    if (rearranged_ && moved()) {
+    if (lost()) {
       hlog("video: X11 capture lost (%s was moved, resized or removed); recreating",
            monitor_.name.c_str());
       return AcquireResult::Lost;
     }
-    rearranged_ = false;
     if (grab_failed_) {
       hlog("video: X11 picture of %s failed", monitor_.name.c_str());
       return AcquireResult::Busy;
@@ -276,7 +279,11 @@ void X11Source::wait(std::uint64_t deadline_us, const WakeEvent& wake) const {
   ppoll(polled, std::size(polled), &left, nullptr);
 }
 
-bool X11Source::moved() const {
+bool X11Source::lost() {
+  const std::uint64_t now_us = lund_now_us();
+  if (!rearranged_ && now_us - geometry_checked_us_ < GEOMETRY_CHECK_US) return false;
+  rearranged_ = false;
+  geometry_checked_us_ = now_us;
   x11::Monitor now;
   return !read_geometry(&now) || now.x != monitor_.x || now.y != monitor_.y ||
          now.width != monitor_.width || now.height != monitor_.height;

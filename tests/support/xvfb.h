@@ -24,6 +24,7 @@ class Xvfb {
 
   // `xrandr` with these arguments; true on success.
   bool xrandr(const std::vector<std::string>& arguments) const;
+  bool resize(int width, int height) const;  // within the size that it started with
 
  private:
   std::unique_ptr<ChildProcess> server_;

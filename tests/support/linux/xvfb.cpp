@@ -26,9 +26,8 @@ std::string display_number(const std::string& output) {
 Xvfb::Xvfb(int width, int height, int depth) {
   const std::string screen =
       std::to_string(width) + "x" + std::to_string(height) + "x" + std::to_string(depth);
-  server_ = std::make_unique<ChildProcess>(
-      std::vector<std::string>{"Xvfb", "-displayfd", "1", "-noreset", "-nolisten", "tcp", "-screen",
-                               "0", screen});
+  server_ = std::make_unique<ChildProcess>(std::vector<std::string>{
+      "Xvfb", "-displayfd", "1", "-noreset", "-nolisten", "tcp", "-screen", "0", screen});
   // The number is followed by a line feed and nothing else, so waiting for more lines ends with it.
   const auto until = std::chrono::steady_clock::now() + START_DEADLINE;
   std::string seen;
@@ -71,6 +70,16 @@ bool Xvfb::xrandr(const std::vector<std::string>& arguments) const {
   return result.status == 0;
 }
 
+bool Xvfb::resize(int width, int height) const {
+  const std::string w = std::to_string(width);
+  const std::string h = std::to_string(height);
+  const std::string name = w + "x" + h;
+  // Timings are of no matter to a server without a screen, but must be there: 60 Hz.
+  const std::string clock_mhz = std::to_string(width * height * 60 / 1e6);
+  return xrandr({"--newmode", name, clock_mhz, w, w, w, w, h, h, h, h}) &&
+         xrandr({"--addmode", "screen", name}) && xrandr({"--output", "screen", "--mode", name});
+}
+
 struct RootPainter::Impl {
   xcb_connection_t* connection = nullptr;
   xcb_window_t root = XCB_NONE;
@@ -84,7 +93,9 @@ RootPainter::RootPainter(const std::string& display) : impl_(std::make_unique<Im
   xcb_create_gc(impl_->connection, impl_->gc, impl_->root, 0, nullptr);
 }
 
-RootPainter::~RootPainter() { xcb_disconnect(impl_->connection); }
+RootPainter::~RootPainter() {
+  xcb_disconnect(impl_->connection);
+}
 
 void RootPainter::fill(std::uint32_t colour, int x, int y, int width, int height) {
   xcb_change_gc(impl_->connection, impl_->gc, XCB_GC_FOREGROUND, &colour);
