@@ -106,8 +106,8 @@ int lund_client_add_candidate(lund_client* client, const lund_rv_endpoint* addre
   if (path_class != LUND_PATH_LAN && path_class != LUND_PATH_DIRECT) path_class = natural;
   if (path_class == LUND_PATH_LAN && natural != LUND_PATH_LAN) path_class = LUND_PATH_DIRECT;
 
-  const std::uint64_t now = lund_now_us();
   const std::lock_guard guard(client->base.lock);
+  const std::uint64_t now = lund_now_us();
   const bool known = path_find(*client, *address) >= 0;
   const int index = path_add(*client, *address, path_class, -1);
   if (index < 0) return -1;
@@ -117,14 +117,14 @@ int lund_client_add_candidate(lund_client* client, const lund_rv_endpoint* addre
 
 int lund_client_pair(lund_client* client, const char* secret, std::uint32_t kind) {
   if (!secret || kind > LUND_KIND_PASSWORD) return -1;
-  const std::uint64_t now = lund_now_us();
   const std::lock_guard guard(client->base.lock);
+  const std::uint64_t now = lund_now_us();
   return start_pairing(*client, secret, kind, now);
 }
 
 int lund_client_connect(lund_client* client) {
-  const std::uint64_t now = lund_now_us();
   const std::lock_guard guard(client->base.lock);
+  const std::uint64_t now = lund_now_us();
   if (!client->has_host_key) return -1;
   if (client->mode == LUND_CLIENT_PAIRING) forget_pairing(*client);
   start_connect(*client, now);
@@ -132,8 +132,8 @@ int lund_client_connect(lund_client* client) {
 }
 
 int lund_client_open_session(lund_client* client) {
-  const std::uint64_t now = lund_now_us();
   const std::lock_guard guard(client->base.lock);
+  const std::uint64_t now = lund_now_us();
   if (!client->has_host_key) return -1;
   for (lund_client_session& session : client->sessions) {
     if (session.state != LUND_SESSION_FREE) continue;
@@ -162,8 +162,8 @@ int lund_client_receive(lund_client* client, const std::uint8_t* datagram, std::
   if (out_size) *out_size = 0;
   if (rx_info) *rx_info = {};
   if (size < LUND_HEADER_SIZE || datagram[0] != LUND_MAGIC) return LUND_RX_NONE;
-  const std::uint64_t now = lund_now_us();
   const std::lock_guard guard(client->base.lock);
+  const std::uint64_t now = lund_now_us();
   switch (datagram[1]) {
     case LUND_VERSION_SEALED:
       return take_sealed(*client, datagram, size, from, {out, out_capacity, out_size, rx_info},
@@ -190,8 +190,8 @@ std::size_t lund_client_seal(lund_client* client, std::uint32_t session_id,
 }
 
 std::uint64_t lund_client_tick(lund_client* client) {
-  const std::uint64_t now = lund_now_us();
   const std::lock_guard guard(client->base.lock);
+  const std::uint64_t now = lund_now_us();
   Tick tick{now, now + WAIT_MAX_US};
   tick_pairing(*client, tick);
   tick_sessions(*client, tick);
@@ -210,8 +210,8 @@ int lund_client_poll_event(lund_client* client, lund_conn_event* event) {
 }
 
 void lund_client_rekey(lund_client* client) {
-  const std::uint64_t now = lund_now_us();
   const std::lock_guard guard(client->base.lock);
+  const std::uint64_t now = lund_now_us();
   for (lund_client_session& session : client->sessions)
     if (session.state == LUND_SESSION_UP && !session.in_flight && !session.has_pending)
       begin_rekey(session, now);
@@ -219,8 +219,8 @@ void lund_client_rekey(lund_client* client) {
 
 void lund_client_status_get(lund_client* client, lund_client_status* status) {
   *status = {};
-  const std::uint64_t now = lund_now_us();
   const std::lock_guard guard(client->base.lock);
+  const std::uint64_t now = lund_now_us();
   if (const lund_client_session* up = first_session_up(*client)) {
     status->connected = 1;
     status->session_id = up->session_id;
