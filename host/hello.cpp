@@ -17,7 +17,9 @@ constexpr int VIRTUAL_DEFAULT_HEIGHT = 1080;
 constexpr std::uint8_t CODEC_HEVC = 1;
 constexpr std::uint8_t CODEC_H264 = 2;
 
-char fold(char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c; }
+char fold(char c) {
+  return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
+}
 
 bool same_device(const std::string& a, const std::string& b) {
   return std::equal(a.begin(), a.end(), b.begin(), b.end(),
@@ -98,7 +100,8 @@ int pick_main_monitor(const std::vector<MonitorEntry>& entries, const std::strin
 std::vector<int> other_monitors_in_order(const std::vector<MonitorEntry>& entries, int main) {
   std::vector<int> others;
   for (std::size_t i = 0; i < entries.size(); ++i)
-    if (!entries[i].is_virtual && static_cast<int>(i) != main) others.push_back(static_cast<int>(i));
+    if (!entries[i].is_virtual && static_cast<int>(i) != main)
+      others.push_back(static_cast<int>(i));
   std::ranges::stable_sort(others, [&](int a, int b) {
     return before(entries[static_cast<std::size_t>(a)], entries[static_cast<std::size_t>(b)]);
   });
@@ -129,8 +132,7 @@ DisplayPlan plan_display(int mode, bool usable, const lund_hello& hello, bool ha
 DisplayRequest virtual_display_request(const lund_hello& hello, const HostOptions& options,
                                        const std::vector<DisplayInfo>& displays, int main,
                                        const std::vector<int>& right_edges) {
-  const DisplayInfo* main_display =
-      main < 0 ? nullptr : &displays[static_cast<std::size_t>(main)];
+  const DisplayInfo* main_display = main < 0 ? nullptr : &displays[static_cast<std::size_t>(main)];
   DisplayRequest request;
   if (hello.width != 0 && hello.height != 0) {
     request.width = hello.width;
@@ -158,11 +160,10 @@ std::string no_display_message(int screen, const std::vector<MonitorEntry>& entr
     return text;
   }
   const int others = std::max(physical_count(entries) - 1, 0);
-  std::snprintf(text, sizeof text, "only %d other active monitor%s and %s", others,
-                others == 1 ? "" : "s",
-                mode != VIRTUAL_DISPLAY_OFF
-                    ? "no virtual display driver (see README: Virtual displays)"
-                    : "--virtual-display off");
+  std::snprintf(
+      text, sizeof text, "only %d other active monitor%s and %s", others, others == 1 ? "" : "s",
+      mode != VIRTUAL_DISPLAY_OFF ? "no virtual display driver (see README: Virtual displays)"
+                                  : "--virtual-display off");
   return text;
 }
 

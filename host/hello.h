@@ -1,5 +1,6 @@
-// What a host decides about a client's HELLO: whether it starts, replaces or repeats a screen, which
-// monitor serves it, and with which stream values. Pure: no state, no clock, no locks; any thread.
+// What a host decides about a client's HELLO: whether it starts, replaces or repeats a screen,
+// which monitor serves it, and with which stream values. Pure: no state, no clock, no locks; any
+// thread.
 #pragma once
 
 #include <cstdint>

@@ -45,7 +45,9 @@ ScreenSession::ScreenSession(HostServer& server, SessionSetup the_setup,
 }
 
 // The capture and audio threads hold no reference: they must be gone before the members are.
-ScreenSession::~ScreenSession() { stop(); }
+ScreenSession::~ScreenSession() {
+  stop();
+}
 
 bool ScreenSession::init_capture(const std::string& preferred_encoder) {
   if (!capture) return false;
@@ -185,9 +187,8 @@ void ScreenSession::send_frame(const EncodedVideoFrame& frame) {
         "%sfirst frame: %s %zu bytes, %.1f ms after HELLO, encode %.2f ms (submit->packet %.2f "
         "ms), %u packets sealed in %.1f us",
         tag().c_str(), frame.keyframe ? "keyframe" : "NON-keyframe",
-        static_cast<std::size_t>(frame.size),
-        static_cast<double>(lund_now_us() - start_us_) / 1e3, frame.encode_time_us / 1e3,
-        frame.submit_to_packet_us / 1e3, frame_.packets,
+        static_cast<std::size_t>(frame.size), static_cast<double>(lund_now_us() - start_us_) / 1e3,
+        frame.encode_time_us / 1e3, frame.submit_to_packet_us / 1e3, frame_.packets,
         static_cast<double>(frame_.seal_ns) / 1e3);
 }
 

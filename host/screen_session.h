@@ -1,13 +1,13 @@
-// One screen that streams to one client over one engine session, from its setup until the server ends
-// it. Encoded frames, cursor images and positions come in on the capture thread, sound on the audio
-// thread, the client's packets on the receive thread, time on the tick thread; everything leaves
-// through HostServer::send_sealed, without a queue. Nothing adapts by itself: the bit rate follows
-// the client's requests, and the datagrams only shrink, at a keyframe.
+// One screen that streams to one client over one engine session, from its setup until the server
+// ends it. Encoded frames, cursor images and positions come in on the capture thread, sound on the
+// audio thread, the client's packets on the receive thread, time on the tick thread; everything
+// leaves through HostServer::send_sealed, without a queue. Nothing adapts by itself: the bit rate
+// follows the client's requests, and the datagrams only shrink, at a keyframe.
 //
 // Held by shared_ptr; a thread that works with a session keeps a copy. Only HostServer::end_session
 // ends one. Locks: `cursor_mutex_` may be held around a send and so around `stats_mutex_`, which is
-// innermost; the others are held alone, `life_mutex_` around `audio_mutex_`. No heap in steady state
-// on the capture and audio threads.
+// innermost; the others are held alone, `life_mutex_` around `audio_mutex_`. No heap in steady
+// state on the capture and audio threads.
 #pragma once
 
 #include <atomic>
@@ -82,9 +82,9 @@ class ScreenSession : public std::enable_shared_from_this<ScreenSession> {
 
   StreamValues stream() const;  // with the bit rate of now
   bool audio_running() const;
-  ScreenStatus live() const;     // only the measured values are filled
-  std::string summary() const;   // of the whole session
-  std::string tag() const;       // how log lines about it begin: "screen 2: ", nothing for screen 0
+  ScreenStatus live() const;    // only the measured values are filled
+  std::string summary() const;  // of the whole session
+  std::string tag() const;      // how log lines about it begin: "screen 2: ", nothing for screen 0
 
  private:
   // Capture thread.

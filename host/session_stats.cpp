@@ -16,19 +16,22 @@ class Line {
     if (length_ >= sizeof text_ - 1) return;
     va_list arguments;
     va_start(arguments, format);
-    const int written =
-        std::vsnprintf(text_ + length_, sizeof text_ - length_, format, arguments);
+    const int written = std::vsnprintf(text_ + length_, sizeof text_ - length_, format, arguments);
     va_end(arguments);
     if (written > 0) length_ += static_cast<std::size_t>(written);
   }
-  std::string str() const { return text_; }
+  std::string str() const {
+    return text_;
+  }
 
  private:
   char text_[512] = {};
   std::size_t length_ = 0;
 };
 
-double per_frame(double sum, std::uint32_t frames) { return frames == 0 ? 0.0 : sum / frames; }
+double per_frame(double sum, std::uint32_t frames) {
+  return frames == 0 ? 0.0 : sum / frames;
+}
 
 double loss_percent(const lund_client_stats& client) {
   const double lost = client.frames_lost;

@@ -1,5 +1,5 @@
-// What a session counts, and the log line made of it once a second. Plain values: the session's lock
-// guards them.
+// What a session counts, and the log line made of it once a second. Plain values: the session's
+// lock guards them.
 #pragma once
 
 #include <cstdint>

@@ -11,6 +11,12 @@ std::uint64_t read_ns(clockid_t clock) {
 }
 }  // namespace
 
-std::uint64_t lund_now_us() { return read_ns(CLOCK_MONOTONIC) / 1'000; }
-std::uint64_t lund_now_ns() { return read_ns(CLOCK_MONOTONIC); }
-std::uint64_t lund_wall_us() { return read_ns(CLOCK_REALTIME) / 1'000; }
+std::uint64_t lund_now_us() {
+  return read_ns(CLOCK_MONOTONIC) / 1'000;
+}
+std::uint64_t lund_now_ns() {
+  return read_ns(CLOCK_MONOTONIC);
+}
+std::uint64_t lund_wall_us() {
+  return read_ns(CLOCK_REALTIME) / 1'000;
+}
