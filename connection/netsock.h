@@ -5,6 +5,7 @@
 #include <array>
 #include <cstddef>
 #include <cstdint>
+#include <string_view>
 
 // 20 bytes. `family` is 0 (none), 4 or 6; `address` in network byte order, an IPv4 address in its
 // first 4 bytes and the rest zero; `port` in host order.
@@ -32,12 +33,15 @@ inline constexpr int LUND_SEAL_OVERHEAD = 24;
 // 0, or -1 for anything else, a null text, and ports outside 1..65535.
 int lund_addr_parse(lund_rv_endpoint* out, const char* text, std::uint16_t default_port);
 
+// A bare literal of either family, no brackets and no port; the port becomes 0. 0 or -1.
+int lund_addr_parse_ip(lund_rv_endpoint* out, std::string_view text);
+
 // Writes "1.2.3.4:5", "[::1]:5" (RFC 5952's shortening), or "-" for family 0. Returns the text's
 // length, cut to capacity - 1; 0 for capacity 0.
 std::size_t lund_addr_format(char* out, std::size_t capacity, const lund_rv_endpoint& address);
 inline constexpr std::size_t LUND_ADDR_TEXT = 64;  // room that every address's text fits
 
-bool lund_addr_is_private(const lund_rv_endpoint& address);    // RFC 1918, 4193, link-local, loopback
+bool lund_addr_is_private(const lund_rv_endpoint& address);  // RFC 1918, 4193, link-local, loopback
 bool lund_addr_is_tailscale(const lund_rv_endpoint& address);  // 100.64/10, fd7a:115c:a1e0::/48
 
 // LUND_PATH_LAN for a private address outside the overlay ranges, otherwise LUND_PATH_DIRECT.
@@ -56,8 +60,8 @@ struct sockaddr;
 // 0, or -1 with `out` zeroed.
 int lund_addr_from_sockaddr(lund_rv_endpoint* out, const sockaddr* address, std::size_t size);
 
-// Writes a sockaddr_in (16 bytes), or, for family 6 and with `force_ipv6`, a sockaddr_in6 (28 bytes,
-// IPv4-mapped for family 4). Returns the size written, 0 when it doesn't fit or family is 0.
+// Writes a sockaddr_in (16 bytes), or, for family 6 and with `force_ipv6`, a sockaddr_in6 (28
+// bytes, IPv4-mapped for family 4). Returns the size written, 0 when it doesn't fit or family is 0.
 std::size_t lund_addr_to_sockaddr(const lund_rv_endpoint& address, void* out, std::size_t capacity,
                                   bool force_ipv6);
 
@@ -85,9 +89,10 @@ std::uint16_t lund_udp_local_port(lund_socket socket);  // 0 on failure
 int lund_udp_send(lund_socket socket, const lund_rv_endpoint& to, const void* bytes,
                   std::size_t size);
 
-// The datagram's length, or -1 when there is none or on an error. A sender that can't be converted
-// leaves `from` zeroed.
+// The datagram's length, or -1 when there is none or on an error. A datagram longer than the buffer
+// is dropped and gives 0. A sender that can't be converted leaves `from` zeroed.
 int lund_udp_recv(lund_socket socket, void* buffer, std::size_t capacity, lund_rv_endpoint* from);
 
-// 1 when one of up to 64 sockets is readable, 0 on time-out, -1 on an error. Duplicates are skipped.
+// 1 when one of up to 64 sockets is readable, 0 on time-out, -1 on an error. Duplicates are
+// skipped.
 int lund_udp_wait(const lund_socket* sockets, int count, int timeout_ms);

@@ -11,5 +11,9 @@ std::uint64_t read_us(clockid_t clock) {
 }
 }  // namespace
 
-std::uint64_t lund_now_us() { return read_us(CLOCK_MONOTONIC); }
-std::uint64_t lund_wall_us() { return read_us(CLOCK_REALTIME); }
+std::uint64_t lund_now_us() {
+  return read_us(CLOCK_MONOTONIC);
+}
+std::uint64_t lund_wall_us() {
+  return read_us(CLOCK_REALTIME);
+}

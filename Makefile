@@ -1,0 +1,71 @@
+# The front door. Every target sets up what it needs first (as root or with sudo), and may be
+# repeated at will.
+SECONDS ?= 10
+JOBS ?= $(shell nproc)
+BUILD = build/linux
+
+.PHONY: help run test lint sanitize soak bench fuzz windows test-windows clean
+
+help:
+	@echo "make run [SECONDS=n]  build, stream this computer's screen to a client here, report"
+	@echo "make test             build and run all tests"
+	@echo "make lint             formatting, static analysis, the tree's own rules"
+	@echo "make sanitize         the tests under address, undefined-behaviour and thread sanitizers"
+	@echo "make soak             what takes long: ten minutes of streaming, random failures"
+	@echo "make bench            benchmarks, each beside a rival"
+	@echo "make fuzz             each fuzz target for FUZZ_SECONDS (default 600)"
+	@echo "make windows          cross-build for Windows x64 into out/windows/"
+	@echo "make test-windows     run the Windows build's tests under Wine"
+
+define configure
+@scripts/setup linux
+@cmake --preset $(1) $(2) > build/.$(1).log 2>&1 || { cat build/.$(1).log; exit 1; }
+endef
+
+build:
+	@mkdir -p build
+
+run: | build
+	$(call configure,linux)
+	@cmake --build $(BUILD) -j $(JOBS) --target lunderhaze lunderhaze-client lunderhaze-testscreen
+	@scripts/run $(BUILD)/bin $(SECONDS) out/run
+
+test: | build
+	$(call configure,linux)
+	@cmake --build $(BUILD) -j $(JOBS)
+	@ctest --test-dir $(BUILD) -j $(JOBS) --output-on-failure --no-tests=error
+
+lint: | build
+	$(call configure,linux)
+	@scripts/lint $(BUILD)
+
+sanitize: | build
+	@scripts/setup linux
+	@scripts/sanitize
+
+soak: | build
+	$(call configure,linux-asan)
+	@cmake --build build/linux-asan -j $(JOBS)
+	@scripts/soak build/linux-asan/bin
+
+bench: | build
+	$(call configure,linux)
+	@cmake --build $(BUILD) -j $(JOBS)
+	@scripts/bench $(BUILD)/bin
+
+fuzz: | build
+	$(call configure,fuzz)
+	@cmake --build build/fuzz -j $(JOBS)
+	@scripts/fuzz build/fuzz/bin $(or $(FUZZ_SECONDS),600)
+
+windows: | build
+	@scripts/setup windows
+	@cmake --preset windows > build/.windows.log 2>&1 || { cat build/.windows.log; exit 1; }
+	@cmake --build build/windows -j $(JOBS)
+
+test-windows: windows
+	@echo "test-windows: the connection and media folders are built for Windows; no program runs there yet"
+	@exit 1
+
+clean:
+	rm -rf build out

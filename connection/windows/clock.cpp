@@ -1,0 +1,34 @@
+#include "connection/clock.h"
+
+#include <windows.h>
+
+namespace {
+
+constexpr std::uint64_t US_PER_SECOND = 1'000'000;
+constexpr std::uint64_t FILETIME_TICKS_PER_US = 10;
+// From 1601, where FILETIME starts, to 1970.
+constexpr std::uint64_t FILETIME_TO_UNIX_US = 11'644'473'600ull * US_PER_SECOND;
+
+std::uint64_t counter_frequency() {
+  LARGE_INTEGER frequency;
+  QueryPerformanceFrequency(&frequency);
+  return static_cast<std::uint64_t>(frequency.QuadPart);
+}
+
+}  // namespace
+
+// Whole seconds and the rest apart: the counter times a million overflows 64 bits after days.
+std::uint64_t lund_now_us() {
+  static const std::uint64_t frequency = counter_frequency();
+  LARGE_INTEGER now;
+  QueryPerformanceCounter(&now);
+  const auto ticks = static_cast<std::uint64_t>(now.QuadPart);
+  return ticks / frequency * US_PER_SECOND + ticks % frequency * US_PER_SECOND / frequency;
+}
+
+std::uint64_t lund_wall_us() {
+  FILETIME now;
+  GetSystemTimeAsFileTime(&now);
+  const std::uint64_t ticks = std::uint64_t{now.dwHighDateTime} << 32 | now.dwLowDateTime;
+  return ticks / FILETIME_TICKS_PER_US - FILETIME_TO_UNIX_US;
+}

@@ -1,0 +1,6 @@
+// The system's declarations of sockaddr_in, sockaddr_in6 and getaddrinfo, for code that is the same
+// on both platforms.
+#pragma once
+
+#include <winsock2.h>
+#include <ws2tcpip.h>

@@ -1,0 +1,51 @@
+// A program started by a test, with its output and its end. Killed and reaped when it goes out of
+// scope. One thread.
+#pragma once
+
+#include <sys/types.h>
+
+#include <chrono>
+#include <map>
+#include <optional>
+#include <string>
+#include <vector>
+
+class ChildProcess {
+ public:
+  // Starts `arguments[0]` (looked up in PATH) with the test's environment changed by `environment`;
+  // an empty value removes a variable. Standard output and error are collected together.
+  explicit ChildProcess(std::vector<std::string> arguments,
+                        const std::map<std::string, std::string>& environment = {});
+  ~ChildProcess();
+  ChildProcess(const ChildProcess&) = delete;
+  ChildProcess& operator=(const ChildProcess&) = delete;
+
+  // Reads until the output holds `text`; false when the deadline passes or the program ends first.
+  bool wait_for_output(const std::string& text, std::chrono::milliseconds deadline);
+
+  // Waits for the end; the exit status, 128 + the signal's number, or nothing at the deadline.
+  std::optional<int> wait(std::chrono::milliseconds deadline);
+
+  void signal(int number) const;
+  const std::string& output() const { return output_; }
+  pid_t pid() const { return pid_; }
+  double processor_seconds() const;  // user and system time so far
+
+ private:
+  bool read_some(std::chrono::steady_clock::time_point deadline);  // false: deadline or end of file
+  void reap(bool block);
+
+  pid_t pid_ = -1;
+  int pipe_ = -1;
+  std::string output_;
+  std::optional<int> status_;
+};
+
+// Runs to the end within the deadline; fails the test when it doesn't end.
+struct RunResult {
+  int status = -1;
+  std::string output;
+};
+RunResult run_program(const std::vector<std::string>& arguments,
+                      const std::map<std::string, std::string>& environment = {},
+                      std::chrono::milliseconds deadline = std::chrono::seconds(60));

@@ -1,0 +1,112 @@
+#include "tests/support/child_process.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <poll.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <fstream>
+#include <sstream>
+
+using Clock = std::chrono::steady_clock;
+
+ChildProcess::ChildProcess(std::vector<std::string> arguments,
+                           const std::map<std::string, std::string>& environment) {
+  int ends[2];
+  if (pipe2(ends, O_CLOEXEC) != 0) return;
+  std::vector<char*> argv;
+  for (std::string& argument : arguments) argv.push_back(argument.data());
+  argv.push_back(nullptr);
+  pid_ = fork();
+  if (pid_ == 0) {
+    dup2(ends[1], STDOUT_FILENO);
+    dup2(ends[1], STDERR_FILENO);
+    for (const auto& [name, value] : environment) {
+      if (value.empty())
+        unsetenv(name.c_str());
+      else
+        setenv(name.c_str(), value.c_str(), 1);
+    }
+    execvp(argv[0], argv.data());
+    _exit(127);
+  }
+  close(ends[1]);
+  pipe_ = ends[0];
+}
+
+ChildProcess::~ChildProcess() {
+  if (!status_ && pid_ > 0) {
+    kill(pid_, SIGKILL);
+    reap(true);
+  }
+  if (pipe_ >= 0) close(pipe_);
+}
+
+bool ChildProcess::read_some(Clock::time_point deadline) {
+  if (pipe_ < 0) return false;
+  const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now());
+  if (left.count() <= 0) return false;
+  pollfd ready{pipe_, POLLIN, 0};
+  if (poll(&ready, 1, static_cast<int>(left.count())) <= 0) return errno == EINTR;
+  char buffer[4096];
+  const ssize_t size = read(pipe_, buffer, sizeof buffer);
+  if (size <= 0) {
+    close(pipe_);
+    pipe_ = -1;
+    return false;
+  }
+  output_.append(buffer, static_cast<std::size_t>(size));
+  return true;
+}
+
+bool ChildProcess::wait_for_output(const std::string& text, std::chrono::milliseconds deadline) {
+  const auto until = Clock::now() + deadline;
+  while (output_.find(text) == std::string::npos) {
+    if (!read_some(until)) return false;
+  }
+  return true;
+}
+
+void ChildProcess::reap(bool block) {
+  int status = 0;
+  if (status_ || waitpid(pid_, &status, block ? 0 : WNOHANG) != pid_) return;
+  status_ = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+}
+
+std::optional<int> ChildProcess::wait(std::chrono::milliseconds deadline) {
+  const auto until = Clock::now() + deadline;
+  // The end of its output is the end of the program, but for its exit itself.
+  while (read_some(until)) {
+  }
+  if (pipe_ < 0) reap(true);
+  return status_;
+}
+
+void ChildProcess::signal(int number) const {
+  if (!status_) kill(pid_, number);
+}
+
+double ChildProcess::processor_seconds() const {
+  std::ifstream file("/proc/" + std::to_string(pid_) + "/stat");
+  std::string text((std::istreambuf_iterator<char>(file)), {});
+  std::istringstream fields(text.substr(text.rfind(')') + 2));
+  std::string skipped;
+  for (int field = 3; field < 14; ++field) fields >> skipped;  // proc(5): utime is field 14
+  double user = 0;
+  double system = 0;
+  fields >> user >> system;
+  return (user + system) / static_cast<double>(sysconf(_SC_CLK_TCK));
+}
+
+RunResult run_program(const std::vector<std::string>& arguments,
+                      const std::map<std::string, std::string>& environment,
+                      std::chrono::milliseconds deadline) {
+  ChildProcess child(arguments, environment);
+  const auto status = child.wait(deadline);
+  EXPECT_TRUE(status.has_value()) << arguments[0] << " did not end; it said:\n" << child.output();
+  return {status.value_or(-1), child.output()};
+}
