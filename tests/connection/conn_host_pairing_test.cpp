@@ -554,6 +554,8 @@ TEST_F(HostPairing, ConfirmationAfterThePasswordWasClearedIsDropped) {
   EXPECT_EQ(listed(rig), 1);
   EXPECT_EQ(rig.pairing().has_password, 0U);
   for (const std::uint8_t byte : rig.host->pairing.pw_verifier) EXPECT_EQ(byte, 0);
+  for (const std::uint8_t byte : rig.host->pairing.password_pair.secret) EXPECT_EQ(byte, 0);
+  EXPECT_EQ(rig.host->pairing.password_pair.role, 0);
 }
 
 TEST_F(HostPairing, SessionOfADevicePairedByPasswordOutlivesThePassword) {
