@@ -30,7 +30,8 @@ struct FrameBuffer {
   std::vector<std::uint8_t> bytes;
   std::uint64_t generation = 0;  // one more on each reset
 
-  // Zeroed bytes for a picture of this size; false, and empty, for a size out of range or no memory.
+  // Zeroed bytes for a picture of this size; false, and empty, for a size out of range or no
+  // memory.
   bool reset(int width, int height, int left, int top);
 };
 

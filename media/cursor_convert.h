@@ -1,5 +1,5 @@
-// Pointer images as a client wants them: straight-alpha 32-bit pixels, scaled to the encoded picture,
-// with a short identity. Pure computation on bytes.
+// Pointer images as a client wants them: straight-alpha 32-bit pixels, scaled to the encoded
+// picture, with a short identity. Pure computation on bytes.
 #pragma once
 
 #include <cstdint>

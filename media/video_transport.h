@@ -1,6 +1,7 @@
 // Cuts encoded frames into self-describing, erasure-protected datagrams (lund_packetizer), and puts
-// them together again in order (lund_reassembler). Neither has a clock or a thread; neither allocates
-// in steady state. An object belongs to one thread at a time; different objects are independent.
+// them together again in order (lund_reassembler). Neither has a clock or a thread; neither
+// allocates in steady state. An object belongs to one thread at a time; different objects are
+// independent.
 #pragma once
 
 #include <cstddef>
@@ -60,7 +61,8 @@ struct lund_reassembler_stats {
 lund_reassembler* lund_reassembler_create(std::uint64_t max_frame_size);
 void lund_reassembler_destroy(lund_reassembler* r);
 
-// Takes one plain video shard packet. -1 for an invalid one, otherwise 1 if a frame is ready, else 0.
+// Takes one plain video shard packet. -1 for an invalid one, otherwise 1 if a frame is ready, else
+// 0.
 std::int32_t lund_reassembler_push(lund_reassembler* r, const std::uint8_t* packet,
                                    std::size_t length);
 

@@ -36,7 +36,9 @@ void give(void* block) noexcept {
 
 namespace allocations {
 
-std::size_t count() { return allocated; }
+std::size_t count() {
+  return allocated;
+}
 
 void watch(const void* block, std::size_t size) {
   watched_block = block;
@@ -44,17 +46,39 @@ void watch(const void* block, std::size_t size) {
   watched_fate = fate::kept;
 }
 
-fate watched() { return watched_fate; }
+fate watched() {
+  return watched_fate;
+}
 
 }  // namespace allocations
 
-void* operator new(std::size_t size) { return take_or_throw(size); }
-void* operator new[](std::size_t size) { return take_or_throw(size); }
-void* operator new(std::size_t size, const std::nothrow_t&) noexcept { return take(size); }
-void* operator new[](std::size_t size, const std::nothrow_t&) noexcept { return take(size); }
-void operator delete(void* block) noexcept { give(block); }
-void operator delete[](void* block) noexcept { give(block); }
-void operator delete(void* block, std::size_t) noexcept { give(block); }
-void operator delete[](void* block, std::size_t) noexcept { give(block); }
-void operator delete(void* block, const std::nothrow_t&) noexcept { give(block); }
-void operator delete[](void* block, const std::nothrow_t&) noexcept { give(block); }
+void* operator new(std::size_t size) {
+  return take_or_throw(size);
+}
+void* operator new[](std::size_t size) {
+  return take_or_throw(size);
+}
+void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
+  return take(size);
+}
+void* operator new[](std::size_t size, const std::nothrow_t&) noexcept {
+  return take(size);
+}
+void operator delete(void* block) noexcept {
+  give(block);
+}
+void operator delete[](void* block) noexcept {
+  give(block);
+}
+void operator delete(void* block, std::size_t) noexcept {
+  give(block);
+}
+void operator delete[](void* block, std::size_t) noexcept {
+  give(block);
+}
+void operator delete(void* block, const std::nothrow_t&) noexcept {
+  give(block);
+}
+void operator delete[](void* block, const std::nothrow_t&) noexcept {
+  give(block);
+}
