@@ -214,8 +214,8 @@ TEST_F(SessionSetupTest, AClientThatSaysByeAtItsHelloAckStartsNoCapture) {
 // ---- The decision's consequences
 
 TEST_F(SessionSetupTest, AnotherClientIsBusyAlsoForABadScreenAndItIsLoggedEvery5Seconds) {
+  TestLink tablet = connected(TABLET, "192.168.1.30:5000");  // while the host is still free
   stream();
-  TestLink tablet = connected(TABLET, "192.168.1.30:5000");
   log();
   for (int i = 0; i < 3; ++i) {
     const auto ack = answer(tablet, hello_for(9));
@@ -532,8 +532,8 @@ TEST_F(SessionSetupTest, ACancelledSetupWhoseCaptureFailsTellsTheClientNothing) 
 // The moment between the end of the old session and the queueing of the new one is the only one in
 // which another client's HELLO finds the host free.
 TEST_F(SessionSetupTest, AClientThatLostTheRaceIsBusyAndLeavesNoLease) {
-  TestLink laptop = stream();
   TestLink tablet = connected(TABLET, "192.168.1.30:5000");
+  TestLink laptop = stream();
   laptop.ping();
   laptop.receive();
   platform.captures[0]->during_stop = [&] { tablet.hello(); };
