@@ -19,6 +19,7 @@ using namespace std::chrono_literals;
 
 namespace {
 
+constexpr std::size_t FRAME_BYTES = 5'000;
 constexpr auto PATIENCE = 20s;  // of a loaded machine under a sanitizer
 
 bool eventually(const std::function<bool()>& condition) {
@@ -30,7 +31,8 @@ bool eventually(const std::function<bool()>& condition) {
   return true;
 }
 
-// Sends a frame a millisecond, moves the pointer, and changes its shape, from its own thread.
+// Sends frames, moves the pointer and changes its shape from a thread of its own, at a pace that a
+// client can read under a sanitizer.
 class BusyCapture final : public VideoCapture {
  public:
   ~BusyCapture() override { stop(); }
@@ -50,7 +52,7 @@ class BusyCapture final : public VideoCapture {
 
  private:
   void run() {
-    const std::vector<std::uint8_t> bytes(20'000, 0x5A);
+    const std::vector<std::uint8_t> bytes(FRAME_BYTES, 0x5A);
     CursorBitmap cursor;
     cursor.width = cursor.height = 4;
     for (std::uint32_t i = 0; !stopping_; ++i) {
@@ -63,7 +65,7 @@ class BusyCapture final : public VideoCapture {
       pointer_sink(static_cast<std::uint16_t>(i), 0, 1);
       cursor.pixels.assign(64, static_cast<std::uint8_t>(i));
       cursor_sink(cursor);
-      std::this_thread::sleep_for(1ms);
+      std::this_thread::sleep_for(2ms);
     }
   }
 
@@ -237,7 +239,7 @@ TEST_F(HostServerRealtimeTest, AClientConnectsSeesFramesAndHearsTheShutdown) {
     while (lund_reassembler_pop(reassembler, &frame, nullptr) == 1) {
       ++frames;
       keyframes += frame.flags;
-      EXPECT_EQ(frame.size, 20'000u);
+      EXPECT_EQ(frame.size, FRAME_BYTES);
     }
     return frames >= 50 && keyframes >= 1 && sounds >= 10 && cursors >= 10;
   })) << frames
@@ -245,8 +247,9 @@ TEST_F(HostServerRealtimeTest, AClientConnectsSeesFramesAndHearsTheShutdown) {
   lund_reassembler_destroy(reassembler);
   EXPECT_GT(changes, 0);
 
-  host->shutdown();
-  EXPECT_TRUE(loop.await(LUND_PKT_BYE));
+  std::thread stopping([&] { host->shutdown(); });
+  EXPECT_TRUE(loop.await(LUND_PKT_BYE));  // while the stream still comes in
+  stopping.join();
   EXPECT_EQ(lines_with(" ended (host shutting down): \"Loop\""), 1);
 }
 
@@ -299,8 +302,9 @@ TEST_F(HostServerRealtimeTest, RemovingTheDeviceInMidStreamIsSafe) {
   ASSERT_TRUE(loop.connect());
   ASSERT_TRUE(loop.start_stream(0));
   ASSERT_TRUE(loop.await(LUND_PKT_VIDEO_SHARD));
-  EXPECT_TRUE(host->remove_device(loop.key()));
+  std::thread removing([&] { EXPECT_TRUE(host->remove_device(loop.key())); });
   EXPECT_TRUE(loop.await(LUND_PKT_BYE));
+  removing.join();
   EXPECT_TRUE(host->paired_devices().empty());
 }
 
