@@ -48,7 +48,16 @@ std::vector<DisplayInfo> list_displays();
 // Why no display can be captured here, in words for a person; empty when one can be.
 std::string display_obstacle();
 
+// The two views that a system may have of its displays, as one list: the outputs of adapters first,
+// each device once, then the monitors that no adapter knows and that have an area. Marks those that
+// `virtual_devices` names.
+std::vector<DisplayInfo> merge_displays(const std::vector<DisplayInfo>& adapter_outputs,
+                                        const std::vector<DisplayInfo>& monitors,
+                                        const std::vector<std::string>& virtual_devices);
+
 bool find_display(const std::string& device, DisplayInfo* out);  // without regard to case
+bool find_display(const std::vector<DisplayInfo>& displays, const std::string& device,
+                  DisplayInfo* out);
 bool refresh_display(DisplayInfo* info);  // false, with `info` as it was, when it is gone
 
 // An empty selector: the primary display, else the first. A number: that index. Else a device name.

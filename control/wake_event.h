@@ -18,6 +18,10 @@ class WakeEvent {
   void reset();
   bool wait(std::uint32_t timeout_ms);  // true when signalled, false on time-out
 
+  // For a platform's own wait on several things at once: a descriptor that polls readable while the
+  // event is set, an event handle.
+  std::intptr_t native_handle() const { return handle_; }
+
  private:
   Reset reset_;
   std::intptr_t handle_;

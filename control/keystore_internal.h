@@ -1,0 +1,53 @@
+// The store's own parts, for its files and its tests: scope and health, whole files, secret files.
+#pragma once
+
+#include <filesystem>
+#include <string>
+
+#include "connection/secure.h"
+#include "control/keystore.h"
+#include "control/store_platform.h"
+
+namespace keystore::internal {
+
+using store_platform::Read;
+
+inline constexpr std::size_t FILE_LIMIT_BYTES = 1'048'576;
+
+// A text that is wiped with its scope.
+struct Secret {
+  std::string text;
+  Secret() = default;
+  ~Secret() { lund_secure_wipe(text.data(), text.size()); }
+  Secret(const Secret&) = delete;
+  Secret& operator=(const Secret&) = delete;
+};
+
+bool is_machine();
+
+// Fails the store and throws the same text.
+[[noreturn]] void fatal(const char* text);
+
+// Something stored is unusable. Machine scope: fatal with the first text, which is stable and holds
+// no path. User scope: the line, for a person.
+void unusable(const char* machine_text, const std::string& user_line);
+
+// A save failed: the store fails in the machine scope, and the line is logged.
+void not_saved(const char* line);
+
+bool is_file_name(const char* name);
+std::filesystem::path path_of(const char* name);
+Read read_plain(const char* name, std::string* bytes);
+Read read_protected(const char* name, std::string* text);
+
+// Atomic: afterwards the file is the old one or the new one, after a crash too.
+bool write_private(const char* name, const void* data, std::size_t size);
+bool write_protected(const char* name, const std::string& text);
+
+// The machine scope's way through configureHostStore.
+bool configure_machine(std::string* error);
+
+// As a new process in that scope, its store in `directory`; an empty one means the scope's own.
+void reset_for_test(HostStoreScope scope, const std::filesystem::path& directory);
+
+}  // namespace keystore::internal

@@ -1,0 +1,179 @@
+// What the store's files mean, and what damage to each costs. The texts inside are the connection
+// library's.
+#include <cctype>
+#include <memory>
+
+#include "control/keystore.h"
+#include "control/keystore_internal.h"
+#include "control/log.h"
+
+namespace keystore {
+
+using namespace internal;
+
+namespace {
+
+constexpr std::size_t IDENTITY_DIGITS = 2 * LUND_KEY_SIZE;
+constexpr const char* IDENTITY = "identity";
+constexpr const char* CLIENTS = "authorized_clients";
+constexpr const char* PASSWORD = "pairing_password";
+constexpr const char* RELAYS = "relays";
+
+std::string path_text(const char* name) {
+  const std::u8string text = path_of(name).u8string();
+  return {text.begin(), text.end()};
+}
+
+// False when it is missing; a damaged one is dealt with and then as good as missing.
+bool load_identity(lund_keypair* identity) {
+  Secret stored;
+  const Read result = read_protected(IDENTITY, &stored.text);
+  if (result == Read::Missing) return false;
+  const bool whole = !is_machine() || stored.text.size() == IDENTITY_DIGITS;
+  if (result == Read::Ok && whole && lund_identity_load(identity, stored.text.c_str()) == 0) {
+    return true;
+  }
+  // A worker never replaces its identity by itself.
+  if (is_machine()) fatal("machine identity is unreadable or malformed");
+  store_platform::replace_file(path_of(IDENTITY), path_of("identity.bad"));
+  hlog(
+      "identity: %s is unreadable (another user's or damaged; kept as identity.bad): NEW identity, "
+      "paired devices must pair again",
+      path_text(IDENTITY).c_str());
+  return false;
+}
+
+int count_fields(const std::string& text) {
+  int count = 0;
+  bool inside = false;
+  for (const char character : text) {
+    const bool blank = std::isspace(static_cast<unsigned char>(character)) != 0;
+    if (!blank && !inside) ++count;
+    inside = !blank;
+  }
+  return count;
+}
+
+// Exactly the blob's five fields, and nothing behind them.
+bool is_whole_password_blob(const std::string& text) {
+  lund_password_record record;
+  const bool whole =
+      count_fields(text) == 5 && lund_password_blob_parse(&record, text.c_str()) == 0;
+  lund_secure_wipe(&record, sizeof(record));
+  return whole;
+}
+
+struct TextBuffer {
+  std::unique_ptr<char[]> bytes = std::make_unique<char[]>(LUND_LIST_TEXT_MAX);
+  ~TextBuffer() { lund_secure_wipe(bytes.get(), LUND_LIST_TEXT_MAX); }
+};
+
+}  // namespace
+
+lund_keypair load_or_create_identity(bool* created) {
+  if (created != nullptr) *created = false;
+  if (is_machine() && !hostStoreHealthy(nullptr)) fatal("machine store already failed");
+  lund_keypair identity;
+  if (load_identity(&identity)) return identity;
+  Secret digits;
+  digits.text.resize(IDENTITY_DIGITS + 1);
+  if (lund_identity_generate(&identity, digits.text.data()) != 0) {
+    unusable("machine identity generation failed", "identity: key generation failed");
+    return {};
+  }
+  digits.text.resize(IDENTITY_DIGITS);
+  if (!write_protected(IDENTITY, digits.text)) {
+    unusable(
+        "machine identity persistence failed",
+        "identity: could not save " + path_text(IDENTITY) + "; this identity lasts until quit");
+    return identity;
+  }
+  if (created != nullptr) *created = true;
+  char code[LUND_KEY_CODE_TEXT];
+  lund_key_code(code, identity.public_key);
+  hlog("identity: created a new key for this PC (%s)", code);
+  return identity;
+}
+
+lund_client_list load_clients() {
+  lund_client_list clients;
+  std::string text;
+  const Read result = read_plain(CLIENTS, &text);
+  if (result != Read::Ok) {
+    if (result == Read::Failed && is_machine()) fatal("machine authorized clients unreadable");
+    return clients;
+  }
+  if (lund_client_list_load(&clients, text.data(), text.size()) != 0) {
+    unusable("machine authorized clients malformed",
+             "authorized_clients is malformed: no paired devices loaded");
+    return {};
+  }
+  return clients;
+}
+
+bool save_clients(const lund_client_list& clients) {
+  const TextBuffer text;
+  const std::size_t size = lund_client_list_save(&clients, text.bytes.get(), LUND_LIST_TEXT_MAX);
+  if (size != 0 && write_private(CLIENTS, text.bytes.get(), size)) return true;
+  not_saved("could not save the paired devices list");
+  return false;
+}
+
+std::string load_password_blob() {
+  Secret blob;
+  const Read result = read_protected(PASSWORD, &blob.text);
+  if (result == Read::Failed) {
+    unusable("machine pairing password unreadable",
+             "pairing_password is unreadable: password pairing is off");
+  }
+  if (result != Read::Ok) return {};
+  if (is_machine() && !is_whole_password_blob(blob.text)) {
+    fatal("machine pairing password malformed");
+  }
+  return blob.text;
+}
+
+bool save_password_blob(const std::string& blob) {
+  if (write_protected(PASSWORD, blob)) return true;
+  not_saved("could not save the pairing password; it lasts until quit");
+  return false;
+}
+
+void delete_password_blob() {
+  if (is_machine() && !hostStoreHealthy(nullptr)) return;
+  const std::filesystem::path path = path_of(PASSWORD);
+  if (!path.empty() && !store_platform::remove_file(path)) {
+    failHostStore("machine password deletion failed");
+  }
+}
+
+lund_relay_config load_relays() {
+  lund_relay_config relays;
+  Secret text;
+  const Read result = read_protected(RELAYS, &text.text);
+  if (result == Read::Failed) {
+    unusable("machine relays unreadable",
+             "relays is unreadable (another user's or damaged): no relay servers");
+    return relays;
+  }
+  const int stored_state = result == Read::Ok ? 1 : 0;
+  if (lund_relay_config_load_stored(&relays, text.text.data(), text.text.size(), stored_state) !=
+          0 &&
+      result == Read::Ok) {
+    unusable("machine relays malformed", "relays is malformed: no relay servers");
+    return {};
+  }
+  return relays;
+}
+
+bool save_relays(const lund_relay_config& relays) {
+  TextBuffer buffer;
+  const std::size_t size = lund_relay_config_save(&relays, buffer.bytes.get(), LUND_LIST_TEXT_MAX);
+  Secret text;
+  text.text.assign(buffer.bytes.get(), size);
+  if (size != 0 && write_protected(RELAYS, text.text)) return true;
+  not_saved("could not save the relay server list");
+  return false;
+}
+
+}  // namespace keystore

@@ -1,0 +1,108 @@
+#include "tests/support/xvfb.h"
+
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <xcb/xcb.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <sstream>
+
+namespace {
+
+constexpr std::chrono::seconds START_DEADLINE{20};
+
+// The line of the output that is a number alone: what -displayfd writes once the server is up.
+std::string display_number(const std::string& output) {
+  std::istringstream lines(output);
+  for (std::string line; std::getline(lines, line);) {
+    if (!line.empty() && std::all_of(line.begin(), line.end(), ::isdigit)) return line;
+  }
+  return {};
+}
+
+}  // namespace
+
+Xvfb::Xvfb(int width, int height, int depth) {
+  const std::string screen =
+      std::to_string(width) + "x" + std::to_string(height) + "x" + std::to_string(depth);
+  server_ = std::make_unique<ChildProcess>(std::vector<std::string>{
+      "Xvfb", "-displayfd", "1", "-noreset", "-nolisten", "tcp", "-screen", "0", screen});
+  // The number is followed by a line feed and nothing else, so waiting for more lines ends with it.
+  const auto until = std::chrono::steady_clock::now() + START_DEADLINE;
+  std::string seen;
+  while (display_.empty() && std::chrono::steady_clock::now() < until) {
+    const std::string number = display_number(server_->output());
+    if (!number.empty()) {
+      display_ = ":" + number;
+    } else if (!server_->wait_for_output("\n", START_DEADLINE) || server_->output() == seen) {
+      server_->wait_for_output("\n\n", std::chrono::milliseconds(20));
+    }
+    seen = server_->output();
+  }
+  EXPECT_TRUE(running()) << "Xvfb did not start; it said:\n" << server_->output();
+  if (const char* former = std::getenv("DISPLAY")) former_display_ = former;
+  setenv("DISPLAY", display_.c_str(), 1);
+  unsetenv("WAYLAND_DISPLAY");
+}
+
+Xvfb::~Xvfb() {
+  // A regular end lets the server remove its socket and lock file.
+  server_->signal(SIGTERM);
+  server_->wait(std::chrono::seconds(5));
+  if (former_display_.empty()) {
+    unsetenv("DISPLAY");
+  } else {
+    setenv("DISPLAY", former_display_.c_str(), 1);
+  }
+}
+
+void Xvfb::kill() {
+  server_->signal(SIGKILL);
+  server_->wait(std::chrono::seconds(5));
+}
+
+bool Xvfb::xrandr(const std::vector<std::string>& arguments) const {
+  std::vector<std::string> command{"xrandr"};
+  command.insert(command.end(), arguments.begin(), arguments.end());
+  const RunResult result = run_program(command, {{"DISPLAY", display_}});
+  EXPECT_EQ(result.status, 0) << result.output;
+  return result.status == 0;
+}
+
+bool Xvfb::resize(int width, int height) const {
+  const std::string w = std::to_string(width);
+  const std::string h = std::to_string(height);
+  const std::string name = w + "x" + h;
+  // Timings are of no matter to a server without a screen, but must be there: 60 Hz.
+  const std::string clock_mhz = std::to_string(width * height * 60 / 1e6);
+  return xrandr({"--newmode", name, clock_mhz, w, w, w, w, h, h, h, h}) &&
+         xrandr({"--addmode", "screen", name}) && xrandr({"--output", "screen", "--mode", name});
+}
+
+struct RootPainter::Impl {
+  xcb_connection_t* connection = nullptr;
+  xcb_window_t root = XCB_NONE;
+  xcb_gcontext_t gc = XCB_NONE;
+};
+
+RootPainter::RootPainter(const std::string& display) : impl_(std::make_unique<Impl>()) {
+  impl_->connection = xcb_connect(display.c_str(), nullptr);
+  impl_->root = xcb_setup_roots_iterator(xcb_get_setup(impl_->connection)).data->root;
+  impl_->gc = xcb_generate_id(impl_->connection);
+  xcb_create_gc(impl_->connection, impl_->gc, impl_->root, 0, nullptr);
+}
+
+RootPainter::~RootPainter() {
+  xcb_disconnect(impl_->connection);
+}
+
+void RootPainter::fill(std::uint32_t colour, int x, int y, int width, int height) {
+  xcb_change_gc(impl_->connection, impl_->gc, XCB_GC_FOREGROUND, &colour);
+  const xcb_rectangle_t rectangle{static_cast<std::int16_t>(x), static_cast<std::int16_t>(y),
+                                  static_cast<std::uint16_t>(width),
+                                  static_cast<std::uint16_t>(height)};
+  xcb_poly_fill_rectangle(impl_->connection, impl_->root, impl_->gc, 1, &rectangle);
+  std::free(xcb_get_input_focus_reply(impl_->connection, xcb_get_input_focus(impl_->connection),
+                                      nullptr));
+}
