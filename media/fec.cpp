@@ -18,6 +18,8 @@ namespace {
 
 constexpr unsigned POLYNOMIAL = 0x11D;  // x^8 + x^4 + x^3 + x^2 + 1; 2 generates its field
 
+std::uint8_t gf_inverse[256];  // of 1..255
+
 std::once_flag fec_once;
 region_ops selected_ops;
 
@@ -41,6 +43,7 @@ void fill_tables() {
   }
   for (unsigned i = 0; i <= 256; ++i) gf_exp[255 + i] = gf_exp[i];
   gf_log[0] = 0;
+  for (unsigned v = 1; v < 256; ++v) gf_inverse[v] = gf_exp[255 - gf_log[v]];
   for (unsigned c = 1; c < 256; ++c)
     for (unsigned v = 1; v < 256; ++v) gf_mul_table[c][v] = gf_exp[gf_log[c] + gf_log[v]];
   for (unsigned c = 0; c < 256; ++c) {
@@ -57,13 +60,9 @@ void fec_once_cb() {
   selected_ops = simd ? *simd : SCALAR_OPS;
 }
 
-std::uint8_t gf_inverse(unsigned v) {
-  return gf_exp[255 - gf_log[v]];
-}
-
 // Of data shard j in parity shard i: k + i is above j, so that there is an inverse.
 std::uint8_t coefficient(int k, int i, int j) {
-  return gf_inverse(static_cast<unsigned>((k + i) ^ j));
+  return gf_inverse[(k + i) ^ j];
 }
 
 bool valid_counts(std::int32_t k, std::int32_t m, std::uint64_t shard_size) {
@@ -114,7 +113,7 @@ bool eliminate(const region_ops& ops, system_row* rows, std::size_t n, std::size
     while (pivot < n && rows[pivot][p] == 0) ++pivot;
     if (pivot == n) return false;
     if (pivot != p) std::swap(rows[pivot], rows[p]);
-    ops.mul_region(rows[p].data(), rows[p].data(), gf_inverse(rows[p][p]), bytes);
+    ops.mul_region(rows[p].data(), rows[p].data(), gf_inverse[rows[p][p]], bytes);
     for (std::size_t r = 0; r < n; ++r) {
       const std::uint8_t e = rows[r][p];
       if (r != p && e != 0) ops.mul_add_region(rows[r].data(), rows[p].data(), e, bytes);
