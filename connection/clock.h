@@ -7,5 +7,8 @@
 // Monotonic time in microseconds from an arbitrary start; all timers use it.
 std::uint64_t lund_now_us();
 
+// The same clock in nanoseconds, to measure spans too short for microseconds.
+std::uint64_t lund_now_ns();
+
 // Wall clock: microseconds of UTC since 1970.
 std::uint64_t lund_wall_us();

@@ -74,6 +74,13 @@ struct lund_conn_event {
   char name[64] = {};
 };
 
+// What the engines' receive functions return.
+enum lund_receive_result : int {
+  LUND_RX_NONE = 0,    // nothing for the application
+  LUND_RX_OPENED = 1,  // a packet was opened into `out`
+  LUND_RX_PLAIN = 2,   // a plain packet for the application, in the datagram itself
+};
+
 // Filled for each packet that a receive function delivers.
 struct lund_rx_info {
   std::uint32_t session_id = 0;    // the logical session

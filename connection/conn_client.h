@@ -51,8 +51,9 @@ struct lund_client_status {
   lund_client_path_status paths[LUND_CLIENT_PATHS];
 };
 
-lund_client* lund_client_create(const lund_client_config* config);  // null without a send callback
-void lund_client_destroy(lund_client* client);                      // wipes; null is accepted
+// Null without a send callback, with a host_code that is no key code, or without memory.
+lund_client* lund_client_create(const lund_client_config* config);
+void lund_client_destroy(lund_client* client);  // wipes; null is accepted
 
 int lund_client_add_candidate(lund_client* client, const lund_rv_endpoint* address,
                               std::int32_t path_class);

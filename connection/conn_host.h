@@ -35,19 +35,14 @@ struct lund_pairing_status {
   std::uint32_t password_locked = 0;
 };
 
-enum lund_host_receive_result : int {
-  LUND_RX_NONE = 0,   // nothing for the application
-  LUND_RX_OPENED = 1,  // a packet was opened into `out`
-  LUND_RX_PLAIN = 2,  // a plain packet for the application, in the datagram itself
-};
-
 // `clients` and `password_blob` may be null. Null without a send callback or without memory. A host
 // with no clients starts with pairing open and no deadline.
 lund_host* lund_host_create(const lund_host_config* config, const lund_client_list* clients,
                             const char* password_blob);
 void lund_host_destroy(lund_host* host);  // wipes; null is accepted
 
-// `out` of 2048 bytes takes every packet; `out_size` and `rx_info` may be null.
+// A lund_receive_result. `out` of 2048 bytes takes every packet; `out_size` and `rx_info` may be
+// null.
 int lund_host_receive(lund_host* host, const std::uint8_t* datagram, std::size_t size,
                       const lund_rv_endpoint& from, std::uint8_t* out, std::size_t out_capacity,
                       std::size_t* out_size, lund_rx_info* rx_info);

@@ -5,6 +5,7 @@
 
 #include <cstring>
 
+#include "connection/cpace_field.h"
 #include "connection/protocol.h"
 
 namespace {
@@ -64,47 +65,6 @@ std::size_t zero_pad_size(std::size_t secret_size) {
   const std::size_t used =
       encode_leb128(length, secret_size) + secret_size + sizeof GENERATOR_DSI + 2;
   return used < SHA512_BLOCK ? SHA512_BLOCK - used : 0;
-}
-
-// `mask` 0xFF takes `replacement`, 0 keeps.
-void select(std::uint8_t value[32], const std::uint8_t replacement[32], std::uint8_t mask) {
-  for (int i = 0; i < 32; ++i)
-    value[i] = static_cast<std::uint8_t>(value[i] ^ (mask & (value[i] ^ replacement[i])));
-}
-
-std::uint8_t mask_of_bit(const std::uint8_t value[32], int bit) {
-  return static_cast<std::uint8_t>(-(value[bit / 8] >> (bit % 8) & 1));
-}
-
-// Modulo p = 2^255 - 19 for a value below 2^255: adding 19 carries into bit 255 just when it is >=
-// p.
-void reduce_once(std::uint8_t value[32]) {
-  std::uint8_t plus19[32];
-  unsigned carry = 19;
-  for (int i = 0; i < 32; ++i) {
-    carry += value[i];
-    plus19[i] = static_cast<std::uint8_t>(carry);
-    carry >>= 8;
-  }
-  const std::uint8_t mask = mask_of_bit(plus19, 255);
-  plus19[31] &= 0x7F;
-  select(value, plus19, mask);
-  crypto_wipe(plus19, sizeof plus19);
-}
-
-// The map takes r and -r to one point, and Monocypher's reads 254 bits: of the two it gets the one
-// that fits, so that no bit of the field element is lost.
-void fold_to_254_bits(std::uint8_t value[32]) {
-  std::uint8_t negated[32];
-  int difference = 0;
-  for (int i = 0; i < 32; ++i) {
-    const int p = i == 0 ? 0xED : i == 31 ? 0x7F : 0xFF;
-    difference += p - value[i];
-    negated[i] = static_cast<std::uint8_t>(difference);
-    difference >>= 8;
-  }
-  select(value, negated, mask_of_bit(value, 254));
-  crypto_wipe(negated, sizeof negated);
 }
 
 // --- keys of an exchange ------------------------------------------------------------------------
@@ -350,8 +310,8 @@ void lund_cpace_generator(std::uint8_t point_out[32], const std::uint8_t* secret
   crypto_sha512_final(&context, digest);  // wipes the context
 
   digest[31] &= 0x7F;
-  reduce_once(digest);
-  fold_to_254_bits(digest);
+  conn_field_reduce(digest);
+  conn_field_fold(digest);
   crypto_elligator_map(point_out, digest);
   crypto_wipe(digest, sizeof digest);
 }

@@ -1,7 +1,7 @@
-// Pairing: CPace over X25519 with SHA-512 (draft-irtf-cfrg-cpace) on a short secret, then an exchange
-// of the static public keys under keys of the shared secret. One lund_pair is one side of one
-// exchange at a time; admission, attempt limits over time and retries are the engines'. Nothing here
-// locks, logs or allocates.
+// Pairing: CPace over X25519 with SHA-512 (draft-irtf-cfrg-cpace) on a short secret, then an
+// exchange of the static public keys under keys of the shared secret. One lund_pair is one side of
+// one exchange at a time; admission, attempt limits over time and retries are the engines'. Nothing
+// here locks, logs or allocates.
 #pragma once
 
 #include "connection/secure.h"
@@ -48,7 +48,8 @@ struct lund_pair {
   char peer_name[64] = {};
 };
 
-// Builds PAIR_INIT (56 bytes). LUND_OK, LUND_ERR_RANDOM, or LUND_ERR_BUFFER with the message stored.
+// Builds PAIR_INIT (56 bytes). LUND_OK, LUND_ERR_RANDOM, or LUND_ERR_BUFFER with the message
+// stored.
 int lund_pair_client_start(lund_pair* pair, const lund_keypair* keypair, const char* name,
                            const char* secret, std::uint8_t* out, std::size_t capacity,
                            std::size_t* out_size);

@@ -84,6 +84,8 @@ int lund_relay_config_load(lund_relay_config* config, const char* bytes, std::si
 // which gives an empty list); 1: the bytes are loaded; anything else: -1.
 int lund_relay_config_load_stored(lund_relay_config* config, const char* bytes, std::size_t size,
                                   int stored_state);
+// Adds `link` unless it is empty. 0, or -1 for one that doesn't parse.
+int lund_relay_config_add_default(lund_relay_config* config, const char* link);
 
 // Identity: the X25519 secret in 64 hexadecimal digits. `hex_out` has room for 65.
 int lund_identity_generate(lund_keypair* keypair, char* hex_out);

@@ -33,8 +33,9 @@ void lund_noise_ik_init(lund_noise_ik* state, bool initiator, const std::uint8_t
 
 // The four message functions give a lund_result: LUND_ERR_STATE out of turn, LUND_ERR_BUFFER for a
 // short output, LUND_ERR_MALFORMED for a short message, LUND_ERR_AUTH, LUND_ERR_WEAK_KEY.
-// `fixed_ephemeral_secret` is null but in tests with known answers. read2 works on a copy, so that a
-// forged reply leaves the state able to take the true one.
+// `fixed_ephemeral_secret` is null but in tests with known answers. read2 works on a copy, so that
+// a forged reply leaves the state able to take the true one; a failure of the others that has
+// touched the state leaves a dead one (stage 4) without secrets.
 int lund_noise_ik_write1(lund_noise_ik* state, const std::uint8_t* fixed_ephemeral_secret,
                          const std::uint8_t* payload, std::size_t payload_size, std::uint8_t* out,
                          std::size_t capacity, std::size_t* out_size);  // payload + 96

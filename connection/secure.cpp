@@ -59,14 +59,6 @@ void advance_window(lund_session* session, std::uint64_t counter) {
   session->recv_next = counter + 1;
 }
 
-void hash_public_key(std::uint8_t out[LUND_KEY_ID_SIZE],
-                     const std::uint8_t public_key[LUND_KEY_SIZE]) {
-  std::uint8_t input[sizeof KEY_ID_LABEL + LUND_KEY_SIZE];
-  std::memcpy(input, KEY_ID_LABEL, sizeof KEY_ID_LABEL);
-  std::memcpy(input + sizeof KEY_ID_LABEL, public_key, LUND_KEY_SIZE);
-  crypto_blake2b(out, LUND_KEY_ID_SIZE, input, sizeof input);
-}
-
 // A letter as a person may have typed it; -1 for none of the alphabet.
 int code_value(char letter) {
   if (letter >= 'a' && letter <= 'z') letter = static_cast<char>(letter - 'a' + 'A');
@@ -124,12 +116,15 @@ int lund_keypair_generate(lund_keypair* keypair) {
 }
 
 void lund_key_id(std::uint8_t out[LUND_KEY_ID_SIZE], const std::uint8_t public_key[LUND_KEY_SIZE]) {
-  hash_public_key(out, public_key);
+  std::uint8_t input[sizeof KEY_ID_LABEL + LUND_KEY_SIZE];
+  std::memcpy(input, KEY_ID_LABEL, sizeof KEY_ID_LABEL);
+  std::memcpy(input + sizeof KEY_ID_LABEL, public_key, LUND_KEY_SIZE);
+  crypto_blake2b(out, LUND_KEY_ID_SIZE, input, sizeof input);
 }
 
 void lund_key_code(char out[LUND_KEY_CODE_TEXT], const std::uint8_t public_key[LUND_KEY_SIZE]) {
   std::uint8_t id[LUND_KEY_ID_SIZE];
-  hash_public_key(id, public_key);
+  lund_key_id(id, public_key);
   std::uint64_t bits = 0;
   for (int i = 0; i < CODE_BITS / 8; ++i) bits = bits << 8 | id[i];
   for (int i = 0; i < CODE_LETTERS; ++i) {
@@ -201,22 +196,19 @@ std::size_t lund_seal(lund_session* session, const std::uint8_t* plain, std::siz
   if (plain_size < LUND_HEADER_SIZE || plain[0] != LUND_MAGIC || plain[1] != LUND_VERSION_PLAIN ||
       out_capacity < SEAL_OVERHEAD || out_capacity - SEAL_OVERHEAD < plain_size)
     return 0;
-  // An exhausted counter stays advanced: 2^60 further calls would be needed to wrap it.
+  // A counter at its limit stays advanced: only some 2^64 further calls could wrap it.
   const std::uint64_t counter = session->send_counter.fetch_add(1);
   if (counter >= COUNTER_LIMIT) return 0;
 
-  const std::uint8_t type = plain[2];
-  const std::uint8_t flags = plain[3];
   const std::size_t body_size = plain_size - LUND_HEADER_SIZE;
-  std::memmove(out + BODY_AT, plain + LUND_HEADER_SIZE, body_size);
   out[0] = LUND_MAGIC;
   out[1] = LUND_VERSION_SEALED;
-  out[2] = type;
-  out[3] = flags;
+  out[2] = plain[2];
+  out[3] = plain[3];
   store_le(out + 4, session->session_id);
   store_le(out + COUNTER_AT, counter);
-  lund_aead_encrypt(session->send_key, counter, out, LUND_HEADER_SIZE, out + BODY_AT, body_size,
-                    out + BODY_AT, out + BODY_AT + body_size);
+  lund_aead_encrypt(session->send_key, counter, out, LUND_HEADER_SIZE, plain + LUND_HEADER_SIZE,
+                    body_size, out + BODY_AT, out + BODY_AT + body_size);
   return plain_size + SEAL_OVERHEAD;
 }
 

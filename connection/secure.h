@@ -1,5 +1,5 @@
-// Key material and sealed records: a device's X25519 identity, the texts and ids by which people and
-// programs know it, and the AEAD record format of a session. Primitives come from Monocypher.
+// Key material and sealed records: a device's X25519 identity, the texts and ids by which people
+// and programs know it, and the AEAD record format of a session. Primitives come from Monocypher.
 // Everything works on data of the caller; `lund_open` needs exclusive access to its session.
 #pragma once
 
@@ -74,10 +74,12 @@ int lund_hex_decode(std::uint8_t* out, std::size_t size, const char* text);
 // Input and output may be the same buffer. The decrypting one gives LUND_OK or LUND_ERR_AUTH.
 void lund_aead_encrypt(const std::uint8_t key[LUND_KEY_SIZE], std::uint64_t counter,
                        const std::uint8_t* ad, std::size_t ad_size, const std::uint8_t* plain,
-                       std::size_t size, std::uint8_t* cipher_out, std::uint8_t mac_out[LUND_MAC_SIZE]);
+                       std::size_t size, std::uint8_t* cipher_out,
+                       std::uint8_t mac_out[LUND_MAC_SIZE]);
 int lund_aead_decrypt(const std::uint8_t key[LUND_KEY_SIZE], std::uint64_t counter,
                       const std::uint8_t* ad, std::size_t ad_size, const std::uint8_t* cipher,
-                      std::size_t size, const std::uint8_t mac[LUND_MAC_SIZE], std::uint8_t* plain_out);
+                      std::size_t size, const std::uint8_t mac[LUND_MAC_SIZE],
+                      std::uint8_t* plain_out);
 
 // Seals a plain packet of `plain_size` >= 8 bytes into plain_size + 24. Returns that size, or 0 for
 // a packet without a plain header, a short buffer, or an exhausted counter (2^60).

@@ -5,6 +5,7 @@
 
 #include <functional>
 #include <memory>
+#include <string>
 #include <vector>
 
 #include "capture/display.h"
@@ -16,6 +17,10 @@
 
 struct Platform {
   std::function<std::vector<DisplayInfo>()> list_displays;
+  // Why there may be none, in words for a person; an empty text where nothing stands in the way.
+  std::function<std::string()> display_obstacle;
+  // Where a display lies now; asked twice a second. False when it can't be told.
+  std::function<bool(const std::string& device, DesktopRect* bounds)> display_bounds;
   std::function<std::unique_ptr<VideoCapture>()> make_capture;
   std::function<std::unique_ptr<VirtualDisplays>()> make_virtual_displays;
   std::function<std::unique_ptr<InputInjector>()> make_input;

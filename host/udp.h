@@ -33,8 +33,9 @@ class UdpSocket {
   // Bytes received; 0 for a datagram too long for the buffer, which is lost; -1 on an error
   // (last_error) or when closed.
   int recv(std::uint8_t* buffer, int size, Peer* peer);
-  int last_error() const;              // of the calling thread's last failed recv
-  static bool interrupted(int error);  // a blocking call was merely interrupted
+  int last_error() const;                    // of the calling thread's last failed recv
+  static bool interrupted(int error);        // a blocking call was merely interrupted
+  static std::string error_text(int error);  // "errno 104", as log lines have it
 
   // True only when the whole datagram went out; nothing is retried or queued.
   bool send(const void* data, std::uint64_t size, const lund_rv_endpoint& to);

@@ -120,7 +120,7 @@ std::uint32_t destination_of(const msghdr& message) {
 }
 
 std::string failure_text(const char* step, int error) {
-  return std::string(step) + " failed (errno " + std::to_string(error) + ")";
+  return std::string(step) + " failed (" + UdpSocket::error_text(error) + ")";
 }
 
 }  // namespace
@@ -214,6 +214,9 @@ int UdpSocket::last_error() const {
 }
 bool UdpSocket::interrupted(int error) {
   return error == EINTR;
+}
+std::string UdpSocket::error_text(int error) {
+  return "errno " + std::to_string(error);
 }
 
 bool UdpSocket::send(const void* data, std::uint64_t size, const lund_rv_endpoint& to) {

@@ -14,6 +14,10 @@ nlohmann::json load(const std::string& file_name) {
   return nlohmann::json::parse(file);
 }
 
+nlohmann::json load_list(const std::string& file_name, const char* list) {
+  return load(file_name).at(list);
+}
+
 bytes from_hex(const std::string& text) {
   bytes out(text.size() / 2);
   if (lund_hex_decode(out.data(), out.size(), text.c_str()) != 0)

@@ -1,0 +1,190 @@
+#include "tests/support/fake_platform.h"
+
+#include "connection/clock.h"
+
+namespace {
+
+template <typename... Parts>
+std::string words(const char* verb, const Parts&... parts) {
+  std::string text = verb;
+  ((text += ' ', text += std::to_string(parts)), ...);
+  return text;
+}
+
+std::string at(const InputTarget& target) {
+  return " on " + std::to_string(target.monitor.left) + "," + std::to_string(target.monitor.top) +
+         " " + std::to_string(target.width) + "x" + std::to_string(target.height);
+}
+
+class Capture final : public VideoCapture {
+ public:
+  explicit Capture(std::shared_ptr<FakeCapture> record) : record_(std::move(record)) {
+    record_->object = this;
+  }
+  ~Capture() override { record_->object = nullptr; }
+
+  bool init(const VideoSettings& settings) override {
+    record_->settings = settings;
+    if (record_->during_init) record_->during_init();
+    return record_->init_succeeds;
+  }
+  void start() override { ++record_->starts; }
+  void stop() override {
+    if (record_->starts > record_->stops) ++record_->stops;
+  }
+  void request_keyframe() override { ++record_->keyframe_requests; }
+  void set_bitrate(int kbps) override { record_->bitrates.push_back(kbps); }
+  bool encoder_is_hevc() const override { return record_->hevc; }
+  std::string encoder_name() const override { return record_->encoder; }
+  std::string capture_backend() const override { return "X11 CPU"; }
+
+ private:
+  std::shared_ptr<FakeCapture> record_;
+};
+
+class Audio final : public AudioCapture {
+ public:
+  explicit Audio(std::shared_ptr<FakeAudio> record) : record_(std::move(record)) {
+    record_->object = this;
+  }
+  ~Audio() override { record_->object = nullptr; }
+  void start() override {
+    record_->running = true;
+    ++record_->starts;
+  }
+  void stop() override { record_->running = false; }
+
+ private:
+  std::shared_ptr<FakeAudio> record_;
+};
+
+class Input final : public InputInjector {
+ public:
+  explicit Input(std::shared_ptr<std::vector<std::string>> calls) : calls_(std::move(calls)) {}
+  void set_mac_keys(bool on) override { calls_->push_back(words("mac_keys", int{on})); }
+  void mouse_rel(const InputTarget& target, int dx, int dy) override {
+    calls_->push_back(words("rel", dx, dy) + at(target));
+  }
+  void mouse_abs(const InputTarget& target, std::uint16_t x, std::uint16_t y) override {
+    calls_->push_back(words("abs", x, y) + at(target));
+  }
+  void mouse_button(int button, bool down) override {
+    calls_->push_back(words("button", button, int{down}));
+  }
+  void mouse_wheel(int dx, int dy) override { calls_->push_back(words("wheel", dx, dy)); }
+  void key(std::uint16_t usage, bool down) override {
+    calls_->push_back(words("key", usage, int{down}));
+  }
+  void release_all() override { calls_->push_back("release"); }
+
+ private:
+  std::shared_ptr<std::vector<std::string>> calls_;
+};
+
+class Clipboard final : public HostClipboard {
+ public:
+  explicit Clipboard(std::shared_ptr<FakeClipboard> record) : record_(std::move(record)) {}
+  void session_start(std::uint32_t, int payload, Send send) override {
+    record_->calls.push_back(words("start", payload));
+    record_->send = std::move(send);
+  }
+  void session_end(std::uint32_t) override { record_->calls.push_back("end"); }
+  void resize(std::uint32_t, int payload) override {
+    record_->calls.push_back(words("resize", payload));
+  }
+  void receive(const std::uint8_t*, std::uint64_t size) override {
+    record_->calls.push_back(words("receive", size));
+  }
+
+ private:
+  std::shared_ptr<FakeClipboard> record_;
+};
+
+class Displays final : public VirtualDisplays {
+ public:
+  explicit Displays(std::shared_ptr<FakeVirtualDisplays> record) : record_(std::move(record)) {}
+  std::string probe() override { return "fake driver"; }
+  bool usable() override { return record_->usable; }
+  bool acquire(int screen, int width, int height, int fps, const DesktopPoint* position,
+               DisplayInfo* out, std::string* reason) override {
+    std::string call = words("acquire", screen, width, height, fps);
+    if (position) call += " at " + std::to_string(position->x) + "," + std::to_string(position->y);
+    record_->calls.push_back(call);
+    *out = record_->display;
+    if (!record_->acquire_succeeds) *reason = record_->reason;
+    record_->leases += record_->acquire_succeeds ? 1 : 0;
+    return record_->acquire_succeeds;
+  }
+  void release(int screen) override {
+    record_->calls.push_back(words("release", screen));
+    --record_->leases;
+  }
+  void tick() override {}
+  void restore_now() override { record_->calls.push_back("restore"); }
+  std::string status_line() override { return "Virtual display: fake"; }
+
+ private:
+  std::shared_ptr<FakeVirtualDisplays> record_;
+};
+
+}  // namespace
+
+void FakeCapture::frame(bool keyframe, std::uint64_t size, std::uint64_t capture_time_us) {
+  static const std::vector<std::uint8_t> bytes(1 << 20, 0x5A);
+  EncodedVideoFrame frame;
+  frame.data = bytes.data();
+  frame.size = size;
+  frame.keyframe = keyframe;
+  frame.capture_time_us = capture_time_us != 0 ? capture_time_us : lund_now_us();
+  frame.encode_time_us = 3'000;
+  frame.submit_to_packet_us = 2'000;
+  object->frame_sink(frame);
+}
+
+FakePlatform::FakePlatform()
+    : input(std::make_shared<std::vector<std::string>>()),
+      clipboard(std::make_shared<FakeClipboard>()),
+      virtual_displays(std::make_shared<FakeVirtualDisplays>()) {}
+
+DisplayInfo& FakePlatform::add_display(const std::string& device, int left, int width, int height) {
+  DisplayInfo display;
+  display.index = static_cast<int>(displays.size());
+  display.device = device;
+  display.name = "Fake display";
+  display.left = left;
+  display.right = left + width;
+  display.bottom = height;
+  display.width = width;
+  display.height = height;
+  display.refresh_hz = 60;
+  display.primary = displays.empty();
+  displays.push_back(display);
+  return displays.back();
+}
+
+Platform FakePlatform::record() {
+  Platform platform;
+  platform.list_displays = [this] { return displays; };
+  platform.display_bounds = [this](const std::string& device, DesktopRect* bounds) {
+    for (const DisplayInfo& display : displays) {
+      if (display.device != device) continue;
+      *bounds = {display.left, display.top, display.right, display.bottom};
+      return true;
+    }
+    return false;
+  };
+  platform.make_capture = [this] {
+    captures.push_back(std::make_shared<FakeCapture>());
+    if (prepare_capture) prepare_capture(*captures.back());
+    return std::make_unique<Capture>(captures.back());
+  };
+  platform.make_virtual_displays = [this] { return std::make_unique<Displays>(virtual_displays); };
+  platform.make_clipboard = [this] { return std::make_unique<Clipboard>(clipboard); };
+  if (has_input) platform.make_input = [this] { return std::make_unique<Input>(input); };
+  if (has_audio)
+    platform.make_audio = [this] {
+      audios.push_back(std::make_shared<FakeAudio>());
+      return std::make_unique<Audio>(audios.back());
+    };
+  return platform;
+}
