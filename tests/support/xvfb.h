@@ -21,6 +21,7 @@ class Xvfb {
   bool running() const { return !display_.empty(); }
   const std::string& display() const { return display_; }  // ":7"
   void kill();                                             // at once, as a crash would
+  void restart();                                          // after kill, on the same display
   double processor_seconds() const { return server_->processor_seconds(); }
 
   // `xrandr` with these arguments; true on success.
@@ -28,6 +29,9 @@ class Xvfb {
   bool resize(int width, int height) const;  // within the size that it started with
 
  private:
+  void start(const std::vector<std::string>& display);
+
+  std::string screen_;
   std::unique_ptr<ChildProcess> server_;
   std::string display_;
   std::string former_display_;

@@ -23,27 +23,33 @@ std::string display_number(const std::string& output) {
 
 }  // namespace
 
-Xvfb::Xvfb(int width, int height, int depth) {
-  const std::string screen =
-      std::to_string(width) + "x" + std::to_string(height) + "x" + std::to_string(depth);
-  server_ = std::make_unique<ChildProcess>(std::vector<std::string>{
-      "Xvfb", "-displayfd", "1", "-noreset", "-nolisten", "tcp", "-screen", "0", screen});
-  // The number is followed by a line feed and nothing else, so waiting for more lines ends with it.
-  const auto until = std::chrono::steady_clock::now() + START_DEADLINE;
-  std::string seen;
-  while (display_.empty() && std::chrono::steady_clock::now() < until) {
-    const std::string number = display_number(server_->output());
-    if (!number.empty()) {
-      display_ = ":" + number;
-    } else if (!server_->wait_for_output("\n", START_DEADLINE) || server_->output() == seen) {
-      server_->wait_for_output("\n\n", std::chrono::milliseconds(20));
-    }
-    seen = server_->output();
-  }
-  EXPECT_TRUE(running()) << "Xvfb did not start; it said:\n" << server_->output();
+Xvfb::Xvfb(int width, int height, int depth)
+    : screen_(std::to_string(width) + "x" + std::to_string(height) + "x" + std::to_string(depth)) {
+  start({});
   if (const char* former = std::getenv("DISPLAY")) former_display_ = former;
   setenv("DISPLAY", display_.c_str(), 1);
   unsetenv("WAYLAND_DISPLAY");
+}
+
+// Without a display it takes a free one.
+void Xvfb::start(const std::vector<std::string>& display) {
+  std::vector<std::string> command{"Xvfb", "-displayfd", "1", "-noreset", "-nolisten",
+                                   "tcp",  "-screen",    "0", screen_};
+  command.insert(command.begin() + 1, display.begin(), display.end());
+  server_ = std::make_unique<ChildProcess>(command);
+  const auto until = std::chrono::steady_clock::now() + START_DEADLINE;
+  std::string number;
+  while (number.empty() && std::chrono::steady_clock::now() < until) {
+    // No output holds this text, so each turn reads what has come.
+    server_->wait_for_output({"\0", 1}, std::chrono::milliseconds(5));
+    number = display_number(server_->output());
+  }
+  EXPECT_FALSE(number.empty()) << "Xvfb did not start; it said:\n" << server_->output();
+  if (!number.empty()) display_ = ":" + number;
+}
+
+void Xvfb::restart() {
+  start({display_});
 }
 
 Xvfb::~Xvfb() {
