@@ -8,8 +8,7 @@
 
 namespace {
 
-constexpr std::uint64_t TICK_MIN_US = 1'000;
-constexpr std::uint64_t TICK_MAX_US = 250'000;
+constexpr std::uint64_t TICK_US = 250'000;
 
 constexpr std::uint8_t CONTROL_FIRST = 80;
 constexpr std::uint8_t RENDEZVOUS_FIRST = 96;
@@ -86,7 +85,7 @@ void lund_host_destroy(lund_host* host) {
   if (host == nullptr) return;
   host->~lund_host();
   lund_secure_wipe(host, sizeof *host);
-  ::operator delete(host, sizeof *host);
+  ::operator delete(host);
 }
 
 int lund_host_receive(lund_host* host, const std::uint8_t* datagram, std::size_t size,
@@ -113,8 +112,7 @@ std::uint64_t lund_host_tick(lund_host* host) {
   const std::uint64_t now = lund_now_us();
   conn_host_pairing_tick(host, now);
   conn_host_sessions_tick(host, now);
-  // Nothing here is due to better than a quarter second.
-  return TICK_MAX_US;
+  return TICK_US;  // nothing here is due to better than that
 }
 
 int lund_host_poll_event(lund_host* host, lund_conn_event* event) {

@@ -78,8 +78,9 @@ class input {
 
 const std::string BLOB =
     "lunderhaze-pw1 000102030405060708090a0b0c0d0e0f 1024 2 " + std::string(64, 'a');
-constexpr std::uint8_t HOST_SEED = 1;
-constexpr std::uint8_t CLIENT_SEEDS[2] = {2, 3};
+// Made once: their arithmetic would be most of a run. The host knows the first client.
+const lund_keypair HOST_KEYS = peer::keypair_of(1);
+const engine_peer CLIENTS[2] = {{2, HOST_KEYS.public_key}, {3, HOST_KEYS.public_key}};
 
 class world {
  public:
@@ -87,7 +88,7 @@ class world {
     virtual_time::reset();
     random_state = 1;
     lund_host_config config;
-    config.identity = peer::keypair_of(HOST_SEED);
+    config.identity = HOST_KEYS;
     config.name = "Desk";
     config.user = this;
     config.send = [](void* user, const lund_rv_endpoint*, const std::uint8_t* bytes,
@@ -96,7 +97,7 @@ class world {
     };
     config.log = [](void*, const char* text) { REQUIRE(std::strchr(text, '\n') == nullptr); };
     lund_client_list clients;
-    lund_client_list_add(&clients, peer::keypair_of(CLIENT_SEEDS[0]).public_key, "known");
+    lund_client_list_add(&clients, CLIENTS[0].key(), "known");
     host_ = lund_host_create(&config, &clients, BLOB.c_str());
   }
   ~world() { lund_host_destroy(host_); }
@@ -131,8 +132,7 @@ class world {
   lund_rv_endpoint from_;
   peer::bytes answer_;
   peer::bytes last_;
-  engine_peer clients_[2] = {{CLIENT_SEEDS[0], peer::keypair_of(HOST_SEED).public_key},
-                             {CLIENT_SEEDS[1], peer::keypair_of(HOST_SEED).public_key}};
+  engine_peer clients_[2] = {CLIENTS[0], CLIENTS[1]};
 };
 
 void world::pair(engine_peer& client, std::uint8_t how) {

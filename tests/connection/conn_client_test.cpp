@@ -54,7 +54,7 @@ TEST(ClientEngine, NeedsAConfigurationAndASendCallback) {
 }
 
 TEST(ClientEngine, RefusesACodeThatCouldNotBeCompared) {
-  const ClientRig rig([](lund_client_config& config) { config.host_code = "not a code"; });
+  const ClientRig rig([](lund_client_config& config) { config.host_code = "7K2M-Q9TU"; });
   EXPECT_EQ(rig.client, nullptr);
   const ClientRig good([](lund_client_config& config) { config.host_code = "7K2M-Q9TX"; });
   EXPECT_NE(good.client, nullptr);

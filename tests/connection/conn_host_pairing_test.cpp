@@ -30,11 +30,14 @@ class HostPairing : public ::testing::Test {
   HostPairing() { virtual_time::reset(); }
 };
 
-peer::bytes fail_packet(const engine_peer& client, std::uint8_t reason) {
-  peer::bytes out = peer::packet(LUND_PKT_PAIR_FAIL, 0, peer::bytes(17));
-  std::memcpy(out.data() + 8, client.pair.sid, LUND_PAIR_SID_SIZE);
-  out[24] = reason;
-  return out;
+// The client by reference: its id is known only once the answer has been got.
+::testing::AssertionResult refused(const peer::bytes& answer, const engine_peer& client,
+                                   std::uint8_t reason) {
+  peer::bytes wanted = peer::packet(LUND_PKT_PAIR_FAIL, 0, peer::bytes(17));
+  std::memcpy(wanted.data() + 8, client.pair.sid, LUND_PAIR_SID_SIZE);
+  wanted[24] = reason;
+  if (answer == wanted) return ::testing::AssertionSuccess();
+  return ::testing::AssertionFailure() << ::testing::PrintToString(answer);
 }
 
 std::string wrong_pin(const host_rig& rig) {
@@ -99,7 +102,7 @@ TEST_F(HostPairing, HostWithClientsStartsClosedWithTheWayShut) {
   EXPECT_STREQ(rig.pairing().pin, "");
   EXPECT_EQ(rig.host->pairing.pin[0], 0);
   engine_peer client = rig.client(3);
-  EXPECT_EQ(guess(rig, client, PIN), fail_packet(client, LUND_PAIR_FAIL_UNAVAILABLE));
+  EXPECT_TRUE(refused(guess(rig, client, PIN), client, LUND_PAIR_FAIL_UNAVAILABLE));
 }
 
 TEST_F(HostPairing, OpeningWithZeroSecondsMeansTwoMinutesAndEachOpeningMakesAnotherPin) {
@@ -155,7 +158,7 @@ TEST_F(HostPairing, PinPairsOneDeviceAndClosesTheWindow) {
   EXPECT_EQ(rig.pairing().open, 0U);
   EXPECT_TRUE(rig.connect(client, HOME));
   engine_peer next = rig.client(3);
-  EXPECT_EQ(guess(rig, next, PIN), fail_packet(next, LUND_PAIR_FAIL_UNAVAILABLE));
+  EXPECT_TRUE(refused(guess(rig, next, PIN), next, LUND_PAIR_FAIL_UNAVAILABLE));
 }
 
 TEST_F(HostPairing, PairedNameIsCleanedWhereverItIsShown) {
@@ -225,7 +228,7 @@ TEST_F(HostPairing, EleventhExchangeBurnsThePinAndTheWindowStaysOpen) {
   rig.events();
   rig.lines.clear();
   lund_pair burnt = rig.host->pairing.pin_pair;
-  EXPECT_EQ(guess(rig, client, PIN), fail_packet(client, LUND_PAIR_FAIL_LOCKED));
+  EXPECT_TRUE(refused(guess(rig, client, PIN), client, LUND_PAIR_FAIL_LOCKED));
   const auto events = rig.events();
   ASSERT_EQ(events.size(), 3U);
   EXPECT_EQ(events[0].status, 1) << "the tenth is over";
@@ -303,7 +306,7 @@ TEST_F(HostPairing, ForgedConfirmationUnderTheRightIdCostsOnlyThatExchange) {
   rig.events();
   peer::bytes forged = confirm;
   forged.back() ^= 1;
-  EXPECT_EQ(rig.answer(forged, AWAY), fail_packet(client, LUND_PAIR_FAIL_SECRET));
+  EXPECT_TRUE(refused(rig.answer(forged, AWAY), client, LUND_PAIR_FAIL_SECRET));
   EXPECT_EQ(types(rig), std::vector<std::uint32_t>{LUND_EV_PAIR_ATTEMPT_FAILED});
   EXPECT_EQ(rig.lines.back(),
             "pairing attempt 1 (PIN) from 192.168.1.20:5000 failed: bad confirmation");
@@ -415,7 +418,7 @@ TEST_F(HostPairing, ThirtyThirdDevicePairsButIsNotListedAndIsUnknownToTheHandsha
 
 TEST_F(HostPairing, PasswordPairsManyDevices) {
   host_rig rig(clients_of({2}), BLOB.c_str());
-  for (const std::uint8_t seed : {3, 4}) {
+  for (const std::uint8_t seed : {std::uint8_t{3}, std::uint8_t{4}}) {
     engine_peer client = rig.client(seed);
     EXPECT_TRUE(pair(rig, client, VERIFIER.c_str(), PASSWORD));
     EXPECT_EQ(rig.host->pairing.password_pair.attempts, 0);
@@ -429,7 +432,7 @@ TEST_F(HostPairing, PasswordPairsManyDevices) {
 TEST_F(HostPairing, WithoutAPasswordThatWayIsNotAvailable) {
   host_rig rig;
   engine_peer client = rig.client(2);
-  EXPECT_EQ(guess(rig, client, PASSWORD), fail_packet(client, LUND_PAIR_FAIL_UNAVAILABLE));
+  EXPECT_TRUE(refused(guess(rig, client, PASSWORD), client, LUND_PAIR_FAIL_UNAVAILABLE));
 }
 
 TEST_F(HostPairing, PasswordGuessesWithinASecondAreDroppedWhileARetransmissionIsAnswered) {
@@ -467,7 +470,7 @@ TEST_F(HostPairing, GuessedPasswordLocksForTenMinutes) {
   }
   EXPECT_EQ(capabilities(rig), 0b011);
   rig.events();
-  EXPECT_EQ(guess(rig, client, PASSWORD), fail_packet(client, LUND_PAIR_FAIL_LOCKED));
+  EXPECT_TRUE(refused(guess(rig, client, PASSWORD), client, LUND_PAIR_FAIL_LOCKED));
   const auto events = rig.events();
   ASSERT_EQ(events.size(), 2U);
   EXPECT_EQ(events[0].status, 1);
@@ -480,7 +483,7 @@ TEST_F(HostPairing, GuessedPasswordLocksForTenMinutes) {
   EXPECT_EQ(capabilities(rig), 0b111);
 
   rig.wait_us(600 * SECOND_US - 1);
-  EXPECT_EQ(guess(rig, client, PASSWORD), fail_packet(client, LUND_PAIR_FAIL_LOCKED));
+  EXPECT_TRUE(refused(guess(rig, client, PASSWORD), client, LUND_PAIR_FAIL_LOCKED));
   EXPECT_FALSE(pair(rig, client, VERIFIER.c_str(), PASSWORD)) << "the right one is refused too";
   EXPECT_TRUE(rig.events().empty());
   rig.wait_us(1);
@@ -551,6 +554,8 @@ TEST_F(HostPairing, ConfirmationAfterThePasswordWasClearedIsDropped) {
   EXPECT_EQ(listed(rig), 1);
   EXPECT_EQ(rig.pairing().has_password, 0U);
   for (const std::uint8_t byte : rig.host->pairing.pw_verifier) EXPECT_EQ(byte, 0);
+  for (const std::uint8_t byte : rig.host->pairing.password_pair.secret) EXPECT_EQ(byte, 0);
+  EXPECT_EQ(rig.host->pairing.password_pair.role, 0);
 }
 
 TEST_F(HostPairing, SessionOfADevicePairedByPasswordOutlivesThePassword) {

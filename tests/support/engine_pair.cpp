@@ -25,12 +25,6 @@ std::string quick_password_blob(const char* password) {
   return text.data();
 }
 
-const lund_rv_endpoint EnginePair::HOST_LAN = endpoint("192.168.1.10:9876");
-const lund_rv_endpoint EnginePair::HOST_WAN = endpoint("198.51.100.7:9876");
-const lund_rv_endpoint EnginePair::HOST_RELAY = endpoint("203.0.113.99:9877");
-const lund_rv_endpoint EnginePair::CLIENT_LAN = endpoint("192.168.1.20:50000");
-const lund_rv_endpoint EnginePair::CLIENT_WAN = endpoint("203.0.113.20:50000");
-const lund_rv_endpoint EnginePair::CLIENT_RELAY = endpoint("203.0.113.99:9878");
 
 namespace {
 std::vector<lund_conn_event> of_type(const std::vector<lund_conn_event>& events,

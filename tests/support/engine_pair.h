@@ -38,8 +38,12 @@ class EnginePair {
   };
 
   // Where the two see each other on each network.
-  static const lund_rv_endpoint HOST_LAN, HOST_WAN, HOST_RELAY;
-  static const lund_rv_endpoint CLIENT_LAN, CLIENT_WAN, CLIENT_RELAY;
+  static inline const lund_rv_endpoint HOST_LAN = endpoint("192.168.1.10:9876");
+  static inline const lund_rv_endpoint HOST_WAN = endpoint("198.51.100.7:9876");
+  static inline const lund_rv_endpoint HOST_RELAY = endpoint("203.0.113.99:9877");
+  static inline const lund_rv_endpoint CLIENT_LAN = endpoint("192.168.1.20:50000");
+  static inline const lund_rv_endpoint CLIENT_WAN = endpoint("203.0.113.20:50000");
+  static inline const lund_rv_endpoint CLIENT_RELAY = endpoint("203.0.113.99:9878");
 
   EnginePair() : EnginePair(Options{}) {}
   explicit EnginePair(const Options& options);  // resets the virtual clock
