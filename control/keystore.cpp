@@ -7,12 +7,11 @@
 
 #include "control/keystore_internal.h"
 #include "control/log.h"
+#include "control/private_file.h"
 
 namespace keystore {
 
 namespace {
-
-constexpr std::size_t TEMPORARY_NAME_BYTES = 16;
 
 struct Store {
   bool configured = false;
@@ -26,15 +25,6 @@ struct Store {
 Store& store() {
   static Store& instance = *new Store;
   return instance;
-}
-
-// Empty when the random source fails.
-std::string random_hex() {
-  std::uint8_t bytes[TEMPORARY_NAME_BYTES];
-  if (lund_random_bytes(bytes, sizeof(bytes)) != LUND_OK) return {};
-  char hex[2 * TEMPORARY_NAME_BYTES + 1];
-  lund_hex_encode(hex, bytes, sizeof(bytes));
-  return hex;
 }
 
 }  // namespace
@@ -157,15 +147,7 @@ bool write_private(const char* name, const void* data, std::size_t size) {
   const std::filesystem::path directory = hostStoreDirectory();
   if (directory.empty()) return false;
   if (!is_machine()) store_platform::make_directory(directory);
-  const std::string suffix = random_hex();
-  if (suffix.empty()) return false;
-  const std::filesystem::path path = directory / name;
-  std::filesystem::path temporary = path;
-  temporary += ".tmp-" + suffix;
-  if (!store_platform::create_file(temporary, data, size)) return false;
-  if (store_platform::replace_file(temporary, path)) return true;
-  store_platform::remove_file(temporary);
-  return false;
+  return write_private_file(directory / name, data, size);
 }
 
 bool write_protected(const char* name, const std::string& text) {

@@ -70,7 +70,8 @@ class HostServer {
   // Commands.
   bool remove_device(const std::string& key);  // 32 bytes
   bool authorize_client(const std::uint8_t* key, const std::string& name);
-  bool set_password(const std::string& password);  // takes its time
+  enum class Keep { Stored, ThisRun };
+  bool set_password(const std::string& password, Keep keep = Keep::Stored);  // takes its time
   void clear_password();
   void pairing_open(std::uint32_t seconds);
   void pairing_close();

@@ -163,7 +163,7 @@ void HostServer::pairing_close() {
   status_changed();
 }
 
-bool HostServer::set_password(const std::string& password) {
+bool HostServer::set_password(const std::string& password, Keep keep) {
   constexpr std::size_t BLOB_BYTES = 192;
   std::scoped_lock lock(host_mutex_);
   if (!host_ || stopping_) return false;
@@ -173,9 +173,11 @@ bool HostServer::set_password(const std::string& password) {
   if (taken) {
     hlog("pairing password set (Argon2id %.0f ms)",
          static_cast<double>(lund_now_us() - since_us) / 1e3);
-    std::string stored = blob;
-    keystore::save_password_blob(stored);
-    lund_secure_wipe(stored.data(), stored.size());
+    if (keep == Keep::Stored) {
+      std::string stored = blob;
+      keystore::save_password_blob(stored);
+      lund_secure_wipe(stored.data(), stored.size());
+    }
   } else {
     hlog("setting the pairing password failed (out of memory?)");
   }

@@ -146,8 +146,7 @@ FakePlatform::FakePlatform()
       clipboard(std::make_shared<FakeClipboard>()),
       virtual_displays(std::make_shared<FakeVirtualDisplays>()) {}
 
-DisplayInfo& FakePlatform::add_display(const std::string& device, int left, int width,
-                                       int height) {
+DisplayInfo& FakePlatform::add_display(const std::string& device, int left, int width, int height) {
   DisplayInfo display;
   display.index = static_cast<int>(displays.size());
   display.device = device;
@@ -179,9 +178,7 @@ Platform FakePlatform::record() {
     if (prepare_capture) prepare_capture(*captures.back());
     return std::make_unique<Capture>(captures.back());
   };
-  platform.make_virtual_displays = [this] {
-    return std::make_unique<Displays>(virtual_displays);
-  };
+  platform.make_virtual_displays = [this] { return std::make_unique<Displays>(virtual_displays); };
   platform.make_clipboard = [this] { return std::make_unique<Clipboard>(clipboard); };
   if (has_input) platform.make_input = [this] { return std::make_unique<Input>(input); };
   if (has_audio)

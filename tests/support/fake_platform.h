@@ -1,6 +1,7 @@
 // A computer without hardware: displays that are a list, captures that send what a test gives them,
-// and input, sound, clipboard and virtual displays that write down what they were asked. The records
-// outlive the objects that a host makes. A capture may be used by one thread beside the test's.
+// and input, sound, clipboard and virtual displays that write down what they were asked. The
+// records outlive the objects that a host makes. A capture may be used by one thread beside the
+// test's.
 #pragma once
 
 #include <atomic>

@@ -1,6 +1,6 @@
-// The host's socket as a list: what is sent ends here, and nothing ever arrives by itself. Linking the
-// object library test_fake_udp puts it in place of the platform's socket. For one host at a time,
-// without threads.
+// The host's socket as a list: what is sent ends here, and nothing ever arrives by itself. Linking
+// the object library test_fake_udp puts it in place of the platform's socket. For one host at a
+// time, without threads.
 #pragma once
 
 #include <cstdint>

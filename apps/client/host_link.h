@@ -1,0 +1,48 @@
+// The client engine on a UDP socket, driven by one thread: datagrams in, events and opened packets
+// out. Loses datagrams on purpose when asked to, before the engine sees them.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <random>
+#include <string>
+
+#include "connection/conn_client.h"
+
+class HostLink {
+ public:
+  using PacketHandler = std::function<void(const std::uint8_t* packet, std::size_t size)>;
+  using EventHandler = std::function<void(const lund_conn_event&)>;
+
+  HostLink() = default;
+  ~HostLink();
+  HostLink(const HostLink&) = delete;
+  HostLink& operator=(const HostLink&) = delete;
+
+  // Fills in the callbacks of `config` and opens the socket. False with `error`.
+  bool open(lund_client_config config, std::string* error);
+
+  // Datagrams received from now on are lost with this probability, by a seeded generator.
+  void set_drop(double percent, std::uint32_t seed);
+
+  // Receives and ticks until `deadline_us` or until `stop` answers true; `stop` is asked after
+  // every batch of datagrams and at least every 50 ms.
+  void run(std::uint64_t deadline_us, const PacketHandler& packet, const EventHandler& event,
+           const std::function<bool()>& stop);
+
+  // Seals and sends a plain packet on the first session that is up.
+  bool send(const std::uint8_t* plain, std::size_t size);
+
+  lund_client* engine() { return engine_; }
+  std::uint64_t dropped_on_purpose() const { return dropped_; }
+
+ private:
+  void receive_all(const PacketHandler& packet);
+  void drain_events(const EventHandler& event);
+
+  lund_client* engine_ = nullptr;
+  lund_socket socket_ = LUND_NO_SOCKET;
+  double drop_percent_ = 0;
+  std::mt19937 random_;
+  std::uint64_t dropped_ = 0;
+};

@@ -1,0 +1,130 @@
+// The stream as a whole: loss, endings, a still screen, a second device.
+#include <signal.h>
+
+#include <chrono>
+#include <fstream>
+
+#include "tests/system/system_support.h"
+
+namespace system_test {
+namespace {
+
+class StreamTest : public SystemTest {
+ protected:
+  void prepare(bool moving) {
+    start_desktop(1280, 720);
+    if (moving)
+      screen_ = std::make_unique<ChildProcess>(
+          std::vector<std::string>{program("lunderhaze-testscreen")}, environment_);
+    start_host();
+    pair();
+  }
+  void TearDown() override {
+    screen_.reset();
+    SystemTest::TearDown();
+  }
+  std::unique_ptr<ChildProcess> screen_;
+};
+
+// The distribution's own decoder, which knows nothing of this project.
+RunResult decode_with_ffmpeg(const std::filesystem::path& recording) {
+  return run_program(
+      {"ffmpeg", "-v", "warning", "-xerror", "-i", recording.string(), "-f", "null", "-"});
+}
+
+TEST_F(StreamTest, AFewSecondsOfAMovingScreenArriveCompleteAndDecodable) {
+  prepare(true);
+  stream(3);
+  const auto json = report();
+  EXPECT_GT(json["frames"].get<int>(), 90) << json.dump();
+  EXPECT_EQ(json["frames_undecodable"], 0);
+  const RunResult decoded = decode_with_ffmpeg(recording());
+  EXPECT_EQ(decoded.status, 0);
+  EXPECT_EQ(decoded.output, "");
+}
+
+TEST_F(StreamTest, ARecordingUnderLossDecodesWithoutAMessage) {
+  prepare(true);
+  stream(6, {"--drop", "10", "--seed", "7", "--fec", "5"});
+  const auto json = report();
+  EXPECT_GT(json["datagrams_dropped_on_purpose"].get<int>(), 100) << json.dump();
+  EXPECT_GT(json["frames_recovered"].get<int>(), 0) << json.dump();
+  const RunResult decoded = decode_with_ffmpeg(recording());
+  EXPECT_EQ(decoded.status, 0);
+  EXPECT_EQ(decoded.output, "");
+}
+
+TEST_F(StreamTest, AStillScreenSendsNoFramesAndCostsNextToNothing) {
+  prepare(false);
+  ChildProcess receiver(
+      {program("lunderhaze-client"), "--store", (directory_ / "client").string(), "connect",
+       "--host", host_address(), "--seconds", "0", "--out", out().string()},
+      environment_);
+  ASSERT_TRUE(receiver.wait_for_output("fps", seconds(20))) << receiver.output();
+  const double before = host_->processor_seconds();
+  const auto begin = std::chrono::steady_clock::now();
+  const std::size_t said = receiver.output().size();
+  ASSERT_TRUE(receiver.wait_for_output("\x01", seconds(5)) == false);  // five seconds of stillness
+  const double lasted =
+      std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count();
+  // Pings and statistics are answered all the while; a hundredth of a core and the clock's tick.
+  EXPECT_LT((host_->processor_seconds() - before) / lasted, 0.01 + 0.01);
+  EXPECT_NE(receiver.output().find("  0.0 fps", said), std::string::npos) << receiver.output();
+  receiver.signal(SIGINT);
+  EXPECT_EQ(receiver.wait(seconds(20)), 0);
+  EXPECT_LE(report()["frames"].get<int>(), 3) << report().dump();
+}
+
+TEST_F(StreamTest, StoppingTheHostTellsTheClient) {
+  prepare(true);
+  ChildProcess receiver({program("lunderhaze-client"), "--store", (directory_ / "client").string(),
+                         "connect", "--host", host_address(), "--seconds", "0"},
+                        environment_);
+  ASSERT_TRUE(receiver.wait_for_output("fps", seconds(20))) << receiver.output();
+  EXPECT_EQ(stop_host(), 0);
+  EXPECT_EQ(receiver.wait(seconds(3)), 3) << receiver.output();
+  EXPECT_NE(receiver.output().find("the host ended the stream"), std::string::npos);
+  EXPECT_NE(host_log().find("host shutting down"), std::string::npos);
+}
+
+TEST_F(StreamTest, AClientThatIsKilledIsForgottenAfterThreeSecondsAndMayComeBack) {
+  prepare(true);
+  {
+    ChildProcess receiver(
+        {program("lunderhaze-client"), "--store", (directory_ / "client").string(), "connect",
+         "--host", host_address(), "--seconds", "0"},
+        environment_);
+    ASSERT_TRUE(receiver.wait_for_output("fps", seconds(20))) << receiver.output();
+    receiver.signal(SIGKILL);
+    receiver.wait(seconds(5));
+  }
+  stream(1);  // the same device is never busy with itself
+  EXPECT_EQ(stop_host(), 0);
+  EXPECT_NE(host_log().find("ended"), std::string::npos);
+}
+
+TEST_F(StreamTest, ASecondDeviceIsToldThatTheHostIsBusy) {
+  prepare(true);
+  ChildProcess receiver({program("lunderhaze-client"), "--store", (directory_ / "client").string(),
+                         "connect", "--host", host_address(), "--seconds", "0"},
+                        environment_);
+  ASSERT_TRUE(receiver.wait_for_output("fps", seconds(20))) << receiver.output();
+  // The second device is paired by copying a host list; its key is unknown to the host.
+  const RunResult other =
+      run_program({program("lunderhaze-client"), "--store", (directory_ / "other").string(), "pair",
+                   "--host", host_address(), "--pin", "123456"},
+                  environment_);
+  EXPECT_EQ(other.status, 4) << other.output;
+  EXPECT_NE(other.output.find("not in pairing mode"), std::string::npos) << other.output;
+}
+
+TEST_F(StreamTest, DiscoveryFindsTheHostOnThisComputer) {
+  start_desktop(1280, 720);
+  start_host();
+  const RunResult found = client({"discover", "--port", std::to_string(port_)});
+  EXPECT_EQ(found.status, 0) << found.output;
+  EXPECT_NE(found.output.find("1280x720"), std::string::npos) << found.output;
+}
+
+}  // namespace
+}  // namespace system_test

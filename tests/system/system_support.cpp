@@ -1,0 +1,184 @@
+#include "tests/system/system_support.h"
+
+#include <png.h>
+#include <signal.h>
+#include <unistd.h>
+
+#include <cmath>
+#include <cstdlib>
+#include <fstream>
+#include <regex>
+
+#include "connection/netsock.h"
+
+namespace system_test {
+
+RgbPicture read_png(const std::filesystem::path& path) {
+  png_image image{};
+  image.version = PNG_IMAGE_VERSION;
+  RgbPicture picture;
+  if (!png_image_begin_read_from_file(&image, path.c_str())) {
+    ADD_FAILURE() << "cannot read " << path << ": " << image.message;
+    return picture;
+  }
+  image.format = PNG_FORMAT_RGB;
+  picture.width = static_cast<int>(image.width);
+  picture.height = static_cast<int>(image.height);
+  picture.pixels.resize(PNG_IMAGE_SIZE(image));
+  EXPECT_TRUE(png_image_finish_read(&image, nullptr, picture.pixels.data(), 0, nullptr));
+  return picture;
+}
+
+double luma_psnr(const RgbPicture& a, const RgbPicture& b) {
+  EXPECT_EQ(a.width, b.width);
+  EXPECT_EQ(a.height, b.height);
+  if (a.pixels.size() != b.pixels.size() || a.pixels.empty()) return 0;
+  auto luma = [](const std::uint8_t* rgb) {
+    return 0.2126 * rgb[0] + 0.7152 * rgb[1] + 0.0722 * rgb[2];
+  };
+  double sum = 0;
+  for (std::size_t i = 0; i < a.pixels.size(); i += 3) {
+    const double difference = luma(&a.pixels[i]) - luma(&b.pixels[i]);
+    sum += difference * difference;
+  }
+  const double mean = sum / (static_cast<double>(a.pixels.size()) / 3);
+  return mean == 0 ? 99.0 : 10 * std::log10(255.0 * 255.0 / mean);
+}
+
+int free_port() {
+  const lund_socket socket = lund_udp_open(4, nullptr, 0);
+  const int port = lund_udp_local_port(socket);
+  lund_udp_close(socket);
+  return port;
+}
+
+Painter::Painter(const std::string& display)
+    : connection_(xcb_connect(display.c_str(), nullptr)),
+      screen_(xcb_setup_roots_iterator(xcb_get_setup(connection_)).data),
+      gc_(xcb_generate_id(connection_)) {
+  xcb_create_gc(connection_, gc_, screen_->root, 0, nullptr);
+}
+
+Painter::~Painter() {
+  xcb_disconnect(connection_);
+}
+
+void Painter::fill(std::uint32_t rgb, int x, int y, int width, int height) {
+  xcb_change_gc(connection_, gc_, XCB_GC_FOREGROUND, &rgb);
+  const xcb_rectangle_t box{static_cast<std::int16_t>(x), static_cast<std::int16_t>(y),
+                            static_cast<std::uint16_t>(width), static_cast<std::uint16_t>(height)};
+  xcb_poly_fill_rectangle(connection_, screen_->root, gc_, 1, &box);
+}
+
+void Painter::text(std::uint32_t rgb, int x, int y, const std::string& line) {
+  const std::uint32_t colours[] = {rgb, 0xFFFFFF};
+  xcb_change_gc(connection_, gc_, XCB_GC_FOREGROUND | XCB_GC_BACKGROUND, colours);
+  xcb_image_text_8(connection_, static_cast<std::uint8_t>(line.size()), screen_->root, gc_,
+                   static_cast<std::int16_t>(x), static_cast<std::int16_t>(y), line.c_str());
+}
+
+void Painter::flush() {
+  // A round trip, so that the server has drawn it when this returns.
+  free(xcb_get_input_focus_reply(connection_, xcb_get_input_focus(connection_), nullptr));
+}
+
+RgbPicture Painter::picture(int x, int y, int width, int height) {
+  RgbPicture picture{width, height, {}};
+  auto* reply = xcb_get_image_reply(
+      connection_,
+      xcb_get_image(connection_, XCB_IMAGE_FORMAT_Z_PIXMAP, screen_->root,
+                    static_cast<std::int16_t>(x), static_cast<std::int16_t>(y),
+                    static_cast<std::uint16_t>(width), static_cast<std::uint16_t>(height), ~0U),
+      nullptr);
+  if (!reply) {
+    ADD_FAILURE() << "the screen can't be read";
+    return picture;
+  }
+  const std::uint8_t* bgrx = xcb_get_image_data(reply);
+  for (int pixel = 0; pixel < width * height; ++pixel, bgrx += 4)
+    picture.pixels.insert(picture.pixels.end(), {bgrx[2], bgrx[1], bgrx[0]});
+  free(reply);
+  return picture;
+}
+
+void SystemTest::SetUp() {
+  std::string name = (std::filesystem::temp_directory_path() / "lunderhaze-system-XXXXXX").string();
+  ASSERT_NE(mkdtemp(name.data()), nullptr);
+  directory_ = name;
+  port_ = free_port();
+  environment_ = {{"XDG_CONFIG_HOME", (directory_ / "config").string()},
+                  {"XDG_STATE_HOME", (directory_ / "state").string()},
+                  {"WAYLAND_DISPLAY", ""},
+                  {"XDG_SESSION_TYPE", ""},
+                  {"DISPLAY", ""}};
+}
+
+void SystemTest::TearDown() {
+  if (HasFailure()) {
+    if (host_) ADD_FAILURE() << "the host said:\n" << host_->output();
+    ADD_FAILURE() << "its log:\n" << host_log();
+  }
+  host_.reset();
+  painter_.reset();
+  desktop_.reset();
+  std::error_code ignored;
+  std::filesystem::remove_all(directory_, ignored);
+}
+
+void SystemTest::start_desktop(int width, int height) {
+  desktop_ = std::make_unique<Xvfb>(width, height);
+  environment_["DISPLAY"] = desktop_->display();
+  painter_ = std::make_unique<Painter>(desktop_->display());
+}
+
+void SystemTest::start_host(const std::vector<std::string>& arguments) {
+  std::vector<std::string> all = {program("lunderhaze"), "--port", std::to_string(port_)};
+  all.insert(all.end(), arguments.begin(), arguments.end());
+  host_ = std::make_unique<ChildProcess>(all, environment_);
+  ASSERT_TRUE(host_->wait_for_output("Listening on UDP port", seconds(20))) << host_->output();
+}
+
+std::optional<int> SystemTest::stop_host() {
+  host_->signal(SIGINT);
+  return host_->wait(seconds(20));
+}
+
+std::string SystemTest::shown_pin() const {
+  host_->wait_for_output("PIN ", seconds(10));
+  const std::string& output = host_->output();
+  const std::size_t at = output.rfind("PIN ");
+  return at == std::string::npos ? "" : output.substr(at + 4, 6);
+}
+
+RunResult SystemTest::client(std::vector<std::string> arguments, seconds deadline) {
+  arguments.insert(arguments.begin(),
+                   {program("lunderhaze-client"), "--store", (directory_ / "client").string()});
+  return run_program(arguments, environment_, deadline);
+}
+
+void SystemTest::pair() {
+  const RunResult result = client({"pair", "--host", host_address(), "--pin", shown_pin()});
+  ASSERT_EQ(result.status, 0) << result.output;
+}
+
+void SystemTest::stream(double stream_seconds, std::vector<std::string> more) {
+  std::vector<std::string> arguments = {
+      "connect", "--host",      host_address(), "--seconds", std::to_string(stream_seconds),
+      "--out",   out().string()};
+  arguments.insert(arguments.end(), more.begin(), more.end());
+  const RunResult result =
+      client(arguments, seconds(60) + seconds(static_cast<int>(stream_seconds)));
+  ASSERT_EQ(result.status, 0) << result.output;
+}
+
+nlohmann::json SystemTest::report() const {
+  std::ifstream file(out() / "report.json");
+  return nlohmann::json::parse(file);
+}
+
+std::string SystemTest::host_log() const {
+  std::ifstream file(directory_ / "state" / "lunderhaze" / "host.log");
+  return {std::istreambuf_iterator<char>(file), {}};
+}
+
+}  // namespace system_test

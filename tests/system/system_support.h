@@ -1,0 +1,94 @@
+// What the system tests share: a virtual desktop, a host on it, a client towards it, and pictures.
+// Everything runs in a directory of the test's own, with the user's stores redirected there.
+#pragma once
+
+#include <gtest/gtest.h>
+#include <xcb/xcb.h>
+
+#include <array>
+#include <filesystem>
+#include <map>
+#include <memory>
+#include <nlohmann/json.hpp>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "apps/client/picture.h"
+#include "tests/support/child_process.h"
+#include "tests/support/xvfb.h"
+
+namespace system_test {
+
+using std::chrono::seconds;
+using Environment = std::map<std::string, std::string>;
+
+// A PNG file as RGB; fails the test when it can't be read.
+RgbPicture read_png(const std::filesystem::path& path);
+
+// Peak signal-to-noise ratio of the BT.709 luma, decibels. Equal sizes are required.
+double luma_psnr(const RgbPicture& a, const RgbPicture& b);
+
+// Draws on the root of an X display, and reads back what stands there.
+class Painter {
+ public:
+  explicit Painter(const std::string& display);
+  ~Painter();
+  Painter(const Painter&) = delete;
+  Painter& operator=(const Painter&) = delete;
+
+  int width() const { return screen_->width_in_pixels; }
+  int height() const { return screen_->height_in_pixels; }
+  void fill(std::uint32_t rgb, int x, int y, int width, int height);
+  void text(std::uint32_t rgb, int x, int y, const std::string& line);
+  void flush();
+  RgbPicture picture(int x, int y, int width, int height);
+
+ private:
+  xcb_connection_t* connection_;
+  xcb_screen_t* screen_;
+  xcb_gcontext_t gc_;
+};
+
+class SystemTest : public testing::Test {
+ protected:
+  void SetUp() override;
+  void TearDown() override;
+
+  // A desktop of this size; DISPLAY of every program started afterwards.
+  void start_desktop(int width, int height);
+
+  // A host that listens; fails the test when it doesn't. `arguments` go behind --port.
+  void start_host(const std::vector<std::string>& arguments = {"--codec", "h264"});
+  std::optional<int> stop_host();  // as Ctrl+C does; its exit status
+
+  std::string shown_pin() const;  // the newest that the host has printed
+  RunResult client(std::vector<std::string> arguments, seconds deadline = seconds(60));
+  void pair();
+  // Connects for so long; the result must be success.
+  void stream(double stream_seconds, std::vector<std::string> more = {});
+
+  std::string host_address() const { return "127.0.0.1:" + std::to_string(port_); }
+  nlohmann::json report() const;
+  RgbPicture last_frame() const { return read_png(out() / "last_frame.png"); }
+  std::filesystem::path out() const { return directory_ / "out"; }
+  std::filesystem::path recording() const { return out() / "stream.h264"; }
+  std::string host_log() const;
+  const Environment& environment() const { return environment_; }
+
+  static std::string program(const std::string& name) {
+    return std::string(LUND_BIN_DIR) + "/" + name;
+  }
+
+  std::filesystem::path directory_;
+  Environment environment_;
+  std::unique_ptr<Xvfb> desktop_;
+  std::unique_ptr<Painter> painter_;
+  std::unique_ptr<ChildProcess> host_;
+  int port_ = 0;
+};
+
+// A UDP port that is free at this moment.
+int free_port();
+
+}  // namespace system_test
