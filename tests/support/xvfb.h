@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "tests/support/child_process.h"
 
@@ -43,8 +44,15 @@ class RootPainter {
   RootPainter(const RootPainter&) = delete;
   RootPainter& operator=(const RootPainter&) = delete;
 
-  // 0xRRGGBB; returns when the server has drawn it.
+  int width() const;
+  int height() const;
+
+  // Colours are 0xRRGGBB. Both return when the server has drawn it.
   void fill(std::uint32_t colour, int x, int y, int width, int height);
+  void text(std::uint32_t colour, int x, int y, const std::string& line);  // on white
+
+  // What stands there: 3 bytes a pixel, red first, rows top-down.
+  std::vector<std::uint8_t> rgb(int x, int y, int width, int height);
 
  private:
   struct Impl;

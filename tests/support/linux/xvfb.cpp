@@ -88,19 +88,31 @@ bool Xvfb::resize(int width, int height) const {
 
 struct RootPainter::Impl {
   xcb_connection_t* connection = nullptr;
-  xcb_window_t root = XCB_NONE;
+  xcb_screen_t* screen = nullptr;
   xcb_gcontext_t gc = XCB_NONE;
+
+  void wait_for_server() const {
+    std::free(xcb_get_input_focus_reply(connection, xcb_get_input_focus(connection), nullptr));
+  }
 };
 
 RootPainter::RootPainter(const std::string& display) : impl_(std::make_unique<Impl>()) {
   impl_->connection = xcb_connect(display.c_str(), nullptr);
-  impl_->root = xcb_setup_roots_iterator(xcb_get_setup(impl_->connection)).data->root;
+  impl_->screen = xcb_setup_roots_iterator(xcb_get_setup(impl_->connection)).data;
   impl_->gc = xcb_generate_id(impl_->connection);
-  xcb_create_gc(impl_->connection, impl_->gc, impl_->root, 0, nullptr);
+  xcb_create_gc(impl_->connection, impl_->gc, impl_->screen->root, 0, nullptr);
 }
 
 RootPainter::~RootPainter() {
   xcb_disconnect(impl_->connection);
+}
+
+int RootPainter::width() const {
+  return impl_->screen->width_in_pixels;
+}
+
+int RootPainter::height() const {
+  return impl_->screen->height_in_pixels;
 }
 
 void RootPainter::fill(std::uint32_t colour, int x, int y, int width, int height) {
@@ -108,7 +120,32 @@ void RootPainter::fill(std::uint32_t colour, int x, int y, int width, int height
   const xcb_rectangle_t rectangle{static_cast<std::int16_t>(x), static_cast<std::int16_t>(y),
                                   static_cast<std::uint16_t>(width),
                                   static_cast<std::uint16_t>(height)};
-  xcb_poly_fill_rectangle(impl_->connection, impl_->root, impl_->gc, 1, &rectangle);
-  std::free(xcb_get_input_focus_reply(impl_->connection, xcb_get_input_focus(impl_->connection),
-                                      nullptr));
+  xcb_poly_fill_rectangle(impl_->connection, impl_->screen->root, impl_->gc, 1, &rectangle);
+  impl_->wait_for_server();
+}
+
+void RootPainter::text(std::uint32_t colour, int x, int y, const std::string& line) {
+  const std::uint32_t colours[] = {colour, 0xFFFFFF};
+  xcb_change_gc(impl_->connection, impl_->gc, XCB_GC_FOREGROUND | XCB_GC_BACKGROUND, colours);
+  xcb_image_text_8(impl_->connection, static_cast<std::uint8_t>(line.size()), impl_->screen->root,
+                   impl_->gc, static_cast<std::int16_t>(x), static_cast<std::int16_t>(y),
+                   line.c_str());
+  impl_->wait_for_server();
+}
+
+std::vector<std::uint8_t> RootPainter::rgb(int x, int y, int width, int height) {
+  std::vector<std::uint8_t> pixels;
+  auto* reply = xcb_get_image_reply(
+      impl_->connection,
+      xcb_get_image(impl_->connection, XCB_IMAGE_FORMAT_Z_PIXMAP, impl_->screen->root,
+                    static_cast<std::int16_t>(x), static_cast<std::int16_t>(y),
+                    static_cast<std::uint16_t>(width), static_cast<std::uint16_t>(height), ~0U),
+      nullptr);
+  EXPECT_NE(reply, nullptr) << "the screen can't be read";
+  if (!reply) return pixels;
+  const std::uint8_t* bgrx = xcb_get_image_data(reply);
+  for (int pixel = 0; pixel < width * height; ++pixel, bgrx += 4)
+    pixels.insert(pixels.end(), {bgrx[2], bgrx[1], bgrx[0]});
+  std::free(reply);
+  return pixels;
 }
