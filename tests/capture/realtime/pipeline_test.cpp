@@ -78,6 +78,7 @@ class OneDesktop final : public InputDesktop {
 
 class PipelineTest : public testing::Test {
  protected:
+  PipelineTest() { received_.listen_to(pipeline_); }
   static CapturePlatform platform(Scene& scene) {
     CapturePlatform p;
     p.make_desktop = [&scene] { return std::make_unique<OneDesktop>(scene); };
@@ -111,8 +112,8 @@ class PipelineTest : public testing::Test {
   }
 
   Scene scene_;
+  Received received_;
   CapturePipeline pipeline_{platform(scene_)};
-  Received received_{pipeline_};
 };
 
 TEST_F(PipelineTest, FramesFlowAndNoneAfterStop) {
@@ -201,8 +202,9 @@ TEST_F(PipelineTest, OtherThreadsMayAskAllTheTime) {
 }
 
 TEST_F(PipelineTest, DestructionEndsARunningPipeline) {
+  Received received;
   auto pipeline = std::make_unique<CapturePipeline>(platform(scene_));
-  Received received(*pipeline);
+  received.listen_to(*pipeline);
   VideoSettings settings;
   settings.display = display();
   settings.width = WIDTH;

@@ -30,6 +30,7 @@ double process_seconds() {
 
 class PipelineX11Test : public testing::Test {
  protected:
+  PipelineX11Test() { received_.listen_to(pipeline_); }
   bool init() {
     VideoSettings settings;
     settings.display = list_displays().at(0);
@@ -46,8 +47,8 @@ class PipelineX11Test : public testing::Test {
 
   Xvfb server_{WIDTH, HEIGHT};
   RootPainter painter_{server_.display()};
+  Received received_;
   CapturePipeline pipeline_{native_capture_platform()};
-  Received received_{pipeline_};
 };
 
 TEST_F(PipelineX11Test, FirstFrameIsAKeyframeAndChangesFollow) {

@@ -13,7 +13,8 @@
 
 class Received {
  public:
-  explicit Received(CapturePipeline& pipeline) {
+  // It must outlive the pipeline, whose thread calls it to the end.
+  void listen_to(CapturePipeline& pipeline) {
     pipeline.frame_sink = [this](const EncodedVideoFrame& frame) {
       const std::lock_guard lock(mutex_);
       ++frames_;
