@@ -3,9 +3,9 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdint>
-#include <cstdlib>
 
 #include "connection/byte_order.h"
+#include "fuzz/require.h"
 #include "media/cursor_convert.h"
 
 namespace {
@@ -13,17 +13,14 @@ namespace {
 constexpr std::size_t PARAMETERS = 13;
 constexpr double SCALED_PIXELS_MAX = 65'536;  // for the sake of time
 
-void require(bool holds) {
-  if (!holds) std::abort();
-}
-
 void check(const CursorBitmap& cursor) {
-  require(cursor.width >= 1 && cursor.height >= 1);
+  require(cursor.width >= 1 && cursor.height >= 1, "an image has pixels");
   require(cursor.pixels.size() ==
-          static_cast<std::size_t>(cursor.width) * static_cast<std::size_t>(cursor.height) * 4);
-  require(cursor.hot_x >= 0 && cursor.hot_x < cursor.width);
-  require(cursor.hot_y >= 0 && cursor.hot_y < cursor.height);
-  require(cursor_hash(cursor) != 0);
+              static_cast<std::size_t>(cursor.width) * static_cast<std::size_t>(cursor.height) * 4,
+          "the bytes are those of the pixels");
+  require(cursor.hot_x >= 0 && cursor.hot_x < cursor.width, "the hot spot is inside");
+  require(cursor.hot_y >= 0 && cursor.hot_y < cursor.height, "the hot spot is inside");
+  require(cursor_hash(cursor) != 0, "an image has a hash");
 }
 
 }  // namespace

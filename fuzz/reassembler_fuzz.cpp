@@ -1,19 +1,15 @@
 // A receiver against a sequence of steps: packets as they come, real shards with bytes changed, and
 // pops. The input: largest frame and parity, then steps of an operation byte and what it needs.
 #include <cstdint>
-#include <cstdlib>
 #include <numeric>
 #include <utility>
 
+#include "fuzz/require.h"
 #include "tests/support/video_frames.h"
 
 namespace {
 
 using namespace video_frames;
-
-void require(bool holds) {
-  if (!holds) std::abort();
-}
 
 // Reads the input from its start; zeros behind its end.
 class Input {
@@ -66,7 +62,7 @@ bool pop_and_read(lund_reassembler* r, std::uint64_t max_frame_size) {
   lund_reassembled_frame frame;
   std::uint32_t skipped = 0;
   if (lund_reassembler_pop(r, &frame, &skipped) == 0) return false;
-  require(frame.size >= 1 && frame.size <= max_frame_size);
+  require(frame.size >= 1 && frame.size <= max_frame_size, "a frame is within the limit");
   volatile unsigned sum = std::accumulate(frame.data, frame.data + frame.size, 0u);
   static_cast<void>(sum);
   return true;
@@ -88,9 +84,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         push(r.get(), in.bytes(in.u16() % 1600));
         break;
       default:
-        // What push promises, pop keeps.
         if (push(r.get(), mutated_shard(in, p.get())) == 1 && in.byte() % 2 == 0)
-          require(pop_and_read(r.get(), max_frame_size));
+          require(pop_and_read(r.get(), max_frame_size), "pop gives what push promised");
     }
   }
   while (pop_and_read(r.get(), max_frame_size)) continue;
