@@ -3,6 +3,7 @@
 #include <monocypher.h>
 
 #include <cstring>
+#include <string_view>
 
 #include "connection/byte_order.h"
 #include "connection/protocol.h"
@@ -12,7 +13,7 @@ namespace {
 constexpr std::uint8_t KEY_ID_LABEL[] = {'l', 'u', 'n', 'd', 'e', 'r', 'h', 'a', 'z', 'e',
                                          '-', 'k', 'e', 'y', '-', 'i', 'd', '-', 'v', '1'};
 // Crockford's base 32: no I, L, O, U, so that a code survives being read aloud.
-constexpr char CODE_ALPHABET[] = "0123456789ABCDEFGHJKMNPQRSTVWXYZ";
+constexpr std::string_view CODE_ALPHABET = "0123456789ABCDEFGHJKMNPQRSTVWXYZ";
 constexpr int CODE_LETTERS = 8;
 constexpr int CODE_BITS = 5 * CODE_LETTERS;
 
@@ -64,8 +65,8 @@ int code_value(char letter) {
   if (letter >= 'a' && letter <= 'z') letter = static_cast<char>(letter - 'a' + 'A');
   if (letter == 'O') letter = '0';
   if (letter == 'I' || letter == 'L') letter = '1';
-  const auto* found = static_cast<const char*>(std::memchr(CODE_ALPHABET, letter, 32));
-  return found ? static_cast<int>(found - CODE_ALPHABET) : -1;
+  const std::size_t found = CODE_ALPHABET.find(letter);
+  return found == std::string_view::npos ? -1 : static_cast<int>(found);
 }
 
 int hex_value(char digit) {

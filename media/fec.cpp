@@ -18,6 +18,8 @@ namespace {
 
 constexpr unsigned POLYNOMIAL = 0x11D;  // x^8 + x^4 + x^3 + x^2 + 1; 2 generates its field
 
+std::uint8_t gf_inverse[256];  // of 1..255
+
 std::once_flag fec_once;
 region_ops selected_ops;
 
@@ -41,6 +43,7 @@ void fill_tables() {
   }
   for (unsigned i = 0; i <= 256; ++i) gf_exp[255 + i] = gf_exp[i];
   gf_log[0] = 0;
+  for (unsigned v = 1; v < 256; ++v) gf_inverse[v] = gf_exp[255 - gf_log[v]];
   for (unsigned c = 1; c < 256; ++c)
     for (unsigned v = 1; v < 256; ++v) gf_mul_table[c][v] = gf_exp[gf_log[c] + gf_log[v]];
   for (unsigned c = 0; c < 256; ++c) {
@@ -57,13 +60,9 @@ void fec_once_cb() {
   selected_ops = simd ? *simd : SCALAR_OPS;
 }
 
-std::uint8_t gf_inverse(unsigned v) {
-  return gf_exp[255 - gf_log[v]];
-}
-
 // Of data shard j in parity shard i: k + i is above j, so that there is an inverse.
 std::uint8_t coefficient(int k, int i, int j) {
-  return gf_inverse(static_cast<unsigned>((k + i) ^ j));
+  return gf_inverse[(k + i) ^ j];
 }
 
 bool valid_counts(std::int32_t k, std::int32_t m, std::uint64_t shard_size) {
@@ -101,30 +100,23 @@ void combine(const region_ops& ops, int rows, int k, std::size_t n, RowOf row_of
   }
 }
 
-// A row of the system that yields the missing shards: the unknowns' part, which elimination turns
-// into the identity, and the part of the known shards, which it turns into their coefficients. Both
-// are zero behind what is used, so that a row operation may run over the whole row.
-struct system_row {
-  coefficient_row unknown;
-  coefficient_row known;
-  std::uint8_t* bytes() { return reinterpret_cast<std::uint8_t*>(this); }
-};
-static_assert(sizeof(system_row) == 2 * LUND_FEC_MAX_DATA);
+// A row of the system that yields the missing shards: first the unknowns' coefficients, which
+// elimination turns into the identity, and right behind them those of the known shards, which it
+// turns into the solution. Zeros follow, so that a row operation may round its width up.
+using system_row = std::array<std::uint8_t, 2 * LUND_FEC_MAX_DATA>;
 
-// Gauss-Jordan with row pivoting over n rows; false when they are singular.
-bool eliminate(const region_ops& ops, system_row* rows, int n) {
-  for (int p = 0; p < n; ++p) {
-    const auto column = static_cast<std::size_t>(p);
-    int pivot = p;
-    while (pivot < n && rows[pivot].unknown[column] == 0) ++pivot;
+// Gauss-Jordan with row pivoting over n rows of `width` bytes; false when they are singular.
+bool eliminate(const region_ops& ops, system_row* rows, std::size_t n, std::size_t width) {
+  const std::size_t bytes = (width + FUSED_BYTES_MIN - 1) / FUSED_BYTES_MIN * FUSED_BYTES_MIN;
+  for (std::size_t p = 0; p < n; ++p) {
+    std::size_t pivot = p;
+    while (pivot < n && rows[pivot][p] == 0) ++pivot;
     if (pivot == n) return false;
     if (pivot != p) std::swap(rows[pivot], rows[p]);
-    ops.mul_region(rows[p].bytes(), rows[p].bytes(), gf_inverse(rows[p].unknown[column]),
-                   sizeof(system_row));
-    for (int r = 0; r < n; ++r) {
-      const std::uint8_t e = rows[r].unknown[column];
-      if (r != p && e != 0)
-        ops.mul_add_region(rows[r].bytes(), rows[p].bytes(), e, sizeof(system_row));
+    ops.mul_region(rows[p].data(), rows[p].data(), gf_inverse[rows[p][p]], bytes);
+    for (std::size_t r = 0; r < n; ++r) {
+      const std::uint8_t e = rows[r][p];
+      if (r != p && e != 0) ops.mul_add_region(rows[r].data(), rows[p].data(), e, bytes);
     }
   }
   return true;
@@ -149,41 +141,44 @@ void encode(const region_ops& ops, std::int32_t k, std::int32_t m, std::uint64_t
 // elimination leaves the coefficients by which each missing shard is the sum of known ones.
 int decode(const region_ops& ops, std::int32_t k, std::int32_t m, std::uint64_t shard_size,
            std::uint8_t* const* shards, const std::uint8_t* present) {
-  std::array<int, LUND_FEC_MAX_DATA> missing;
-  std::array<int, LUND_FEC_MAX_DATA> used;
-  int n = 0;
-  for (int j = 0; j < k; ++j)
-    if (!present[j]) missing[static_cast<std::size_t>(n++)] = j;
+  const auto n = static_cast<std::size_t>(std::count(present, present + k, 0));
   if (n == 0) return 0;
-  int found = 0;
+  std::array<int, LUND_FEC_MAX_DATA> used;
+  std::size_t found = 0;
   for (int i = 0; i < m && found < n; ++i)
-    if (present[k + i]) used[static_cast<std::size_t>(found++)] = i;
+    if (present[k + i]) used[found++] = i;
   if (found < n) return -1;
 
   std::array<const std::uint8_t*, LUND_FEC_MAX_DATA> known;
-  std::array<std::uint8_t*, LUND_FEC_MAX_DATA> out;
-  std::array<system_row, LUND_FEC_MAX_DATA> system;
-  for (std::size_t r = 0; r < static_cast<std::size_t>(n); ++r) {
-    system[r] = {};
-    system[r].known[r] = 1;
-    known[r] = shards[k + used[r]];
-    out[r] = shards[missing[r]];
-    std::size_t unknown = 0;
-    auto arrived = static_cast<std::size_t>(n);
-    for (int j = 0; j < k; ++j) {
-      const std::uint8_t c = coefficient(k, used[r], j);
-      if (present[j]) {
-        known[arrived] = shards[j];
-        system[r].known[arrived++] = c;
-      } else {
-        system[r].unknown[unknown++] = c;
-      }
+  std::array<std::uint8_t*, LUND_FEC_MAX_DATA> missing;
+  std::array<std::size_t, LUND_FEC_MAX_DATA> column;  // of each data shard in the system
+  std::size_t unknown = 0;
+  std::size_t arrived = n;
+  for (std::size_t j = 0; j < static_cast<std::size_t>(k); ++j) {
+    if (present[j]) {
+      column[j] = n + arrived;
+      known[arrived++] = shards[j];
+    } else {
+      column[j] = unknown;
+      missing[unknown++] = shards[j];
     }
   }
-  if (!eliminate(ops, system.data(), n)) return -1;
+  std::array<system_row, LUND_FEC_MAX_DATA> system;
+  for (std::size_t r = 0; r < n; ++r) {
+    known[r] = shards[k + used[r]];
+    system[r].fill(0);
+    system[r][n + r] = 1;
+    for (int j = 0; j < k; ++j)
+      system[r][column[static_cast<std::size_t>(j)]] = coefficient(k, used[r], j);
+  }
+  if (!eliminate(ops, system.data(), n, n + static_cast<std::size_t>(k))) return -1;
 
-  const auto row_of = [&system](int r) { return system[static_cast<std::size_t>(r)].known; };
-  combine(ops, n, k, shard_size, row_of, known.data(), out.data());
+  const auto row_of = [&system, n](int r) {
+    coefficient_row row;
+    std::copy_n(&system[static_cast<std::size_t>(r)][n], row.size(), row.begin());
+    return row;
+  };
+  combine(ops, static_cast<int>(n), k, shard_size, row_of, known.data(), missing.data());
   return 0;
 }
 

@@ -76,6 +76,7 @@ LUND_SSSE3 inline void dot_16(int k, std::size_t at, const product_tables* table
   __m128i sum[ROWS];
 #pragma GCC unroll 16
   for (int r = 0; r < ROWS; ++r) sum[r] = _mm_setzero_si128();
+#pragma GCC unroll 2
   for (int j = 0; j < k; ++j, tables += ROWS) {
     const nibbles v = split(load(src[j] + at));
 #pragma GCC unroll 16

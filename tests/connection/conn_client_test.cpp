@@ -6,7 +6,7 @@
 #include <cstring>
 
 #include "connection/byte_order.h"
-#include "tests/support/allocations.h"
+#include "tests/support/allocation_counter.h"
 #include "tests/support/client_rig.h"
 #include "tests/support/engine_pair.h"
 #include "tests/support/virtual_time.h"
@@ -375,9 +375,9 @@ TEST(ClientEngine, DestructionLeavesNoSecretInTheFreedMemory) {
   lund_client_add_candidate(rig->client, &LAN, LUND_PATH_NONE);
   lund_session host;
   rig->bring_up(LAN, &host);
-  allocations::watch(rig->client, sizeof(lund_client));
+  const DeletionWatch memory(rig->client, sizeof(lund_client));
   delete rig;
-  EXPECT_EQ(allocations::watched(), allocations::fate::wiped);
+  EXPECT_TRUE(memory.deleted_wiped());
 }
 
 TEST(ClientEngine, UsesNoHeapAfterItsCreation) {
@@ -411,7 +411,7 @@ TEST(ClientEngine, UsesNoHeapAfterItsCreation) {
   lund_pairing_status pairing;
   lund_host_pairing_status(host, &pairing);
 
-  const std::size_t before = allocations::count();
+  const AllocationCount allocations;
   lund_client_add_candidate(client, &LAN, LUND_PATH_NONE);
   lund_client_pair(client, pairing.pin, LUND_KIND_PIN);
   std::uint8_t out[2048];
@@ -428,7 +428,7 @@ TEST(ClientEngine, UsesNoHeapAfterItsCreation) {
                           nullptr, nullptr);
     to_client.count = 0;
   }
-  EXPECT_EQ(allocations::count(), before);
+  EXPECT_EQ(allocations.count(), 0U);
 
   int rekeys = 0;
   lund_conn_event event;

@@ -9,7 +9,7 @@
 
 #include "connection/byte_order.h"
 #include "connection/protocol.h"
-#include "tests/support/allocations.h"
+#include "tests/support/allocation_counter.h"
 #include "tests/support/host_rig.h"
 #include "tests/support/virtual_time.h"
 
@@ -333,9 +333,9 @@ TEST_F(HostEngine, DestroyedEngineIsWiped) {
   config.identity = peer::keypair_of(HOST_SEED);
   config.send = [](void*, const lund_rv_endpoint*, const std::uint8_t*, std::size_t) {};
   lund_host* host = lund_host_create(&config, nullptr, nullptr);
-  allocations::watch(host, sizeof *host);
+  const DeletionWatch memory(host, sizeof *host);
   lund_host_destroy(host);
-  EXPECT_EQ(allocations::watched(), allocations::fate::wiped);
+  EXPECT_TRUE(memory.deleted_wiped());
 }
 
 namespace {
@@ -378,7 +378,7 @@ TEST_F(HostEngine, AllocatesNothingAfterCreation) {
     return lund_host_receive(host, packet, size, HOME, out, sizeof out, nullptr, nullptr);
   };
 
-  const std::size_t before = allocations::count();
+  const AllocationCount allocations;
   lund_pair_client_start(&pair, &keys, "Laptop", status.pin, packet, sizeof packet, &size);
   give();
   lund_pair_handle(&pair, wire.data, wire.size, packet, sizeof packet, &size);
@@ -407,7 +407,7 @@ TEST_F(HostEngine, AllocatesNothingAfterCreation) {
   }
   lund_conn_event event;
   while (lund_host_poll_event(host, &event) != 0) continue;
-  EXPECT_EQ(allocations::count(), before);
+  EXPECT_EQ(allocations.count(), 0U);
   EXPECT_EQ(paired, 1);
   EXPECT_EQ(opened, 1);
   EXPECT_EQ(sealed, 3 * (LUND_PROBE_SIZE + LUND_SEAL_OVERHEAD));

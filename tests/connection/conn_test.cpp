@@ -240,8 +240,8 @@ TEST(ConnBase, KeylessRendezvousMessageReportsItsSize) {
   conn_base_init(rig.base.get(), &config);
   lund_rv_message message;
   message.type = LUND_RV_PUNCH;
-  EXPECT_EQ(conn_send_rv(rig.base.get(), peer::at("10.0.0.1:1"), message, nullptr),
-            rig.sent.size());
+  const std::size_t size = conn_send_rv(rig.base.get(), peer::at("10.0.0.1:1"), message, nullptr);
+  EXPECT_EQ(size, rig.sent.size());
   EXPECT_GT(rig.sent.size(), 8U);
 }
 

@@ -5,6 +5,8 @@
 #include <algorithm>
 #include <optional>
 
+#include "connection/netsock.h"
+
 namespace {
 
 const std::string OURS(32, 'a');

@@ -62,14 +62,14 @@ TEST_F(HostServerTest, AClientComesInStreamsAndLeaves) {
 TEST_F(HostServerTest, TheStartTellsWhoTheHostIs) {
   options.virtual_display = "off";
   start_host();
+  const std::vector<std::string> lines = log();
   EXPECT_THAT(
-      log(),
-      testing::IsSupersetOf(
-          {AllOf(HasSubstr("identity " + host().key_code() +
-                           "; 2 paired devices; pairing password "
-                           "not set; pairing closed; 0 rendezvous servers (none set: LAN / direct "
-                           "only); LAN ")),
-           testing::Eq("virtual display driver: fake driver (not used: --virtual-display off)")}));
+      lines,
+      testing::Contains(HasSubstr("identity " + host().key_code() +
+                                  "; 2 paired devices; pairing password not set; pairing closed; 0 "
+                                  "rendezvous servers (none set: LAN / direct only); LAN ")));
+  EXPECT_THAT(lines, testing::Contains("virtual display driver: fake driver (not used: "
+                                       "--virtual-display off)"));
 }
 
 TEST_F(HostServerTest, AHostWithNobodyStartsWithPairingOpenUnlessItIsTheMachines) {
@@ -362,7 +362,6 @@ TEST_F(HostServerTest, InMachineModeALineThatHoldsPinInAnyWordIsLost) {
   deliver(phone.pair_init(host().pairing_status().pin, LUND_KIND_PIN), SOMEBODY);
   // "pairing attempt 1/10 (PIN) from ...", and the end of the window: only the latter may be seen.
   host().pairing_close();
-  std::string ping_name = "shopping";
   EXPECT_THAT(log(), testing::Each(Not(testing::AnyOf(HasSubstr("PIN"), HasSubstr("pin")))));
 }
 

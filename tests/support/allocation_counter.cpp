@@ -1,5 +1,6 @@
 #include "tests/support/allocation_counter.h"
 
+#include <algorithm>
 #include <atomic>
 #include <cstdlib>
 #include <limits>
@@ -9,6 +10,21 @@ namespace {
 
 std::atomic<std::uint64_t> allocations{0};
 std::atomic<std::size_t> limit_bytes{std::numeric_limits<std::size_t>::max()};
+
+struct Watched {
+  const void* block = nullptr;
+  std::size_t bytes = 0;
+  bool deleted = false;
+  bool wiped = false;
+};
+thread_local Watched watched;
+
+void look_at(const void* block) {
+  if (block == nullptr || block != watched.block || watched.deleted) return;
+  const auto* bytes = static_cast<const unsigned char*>(block);
+  watched.deleted = true;
+  watched.wiped = std::all_of(bytes, bytes + watched.bytes, [](auto byte) { return byte == 0; });
+}
 
 bool admit(std::size_t bytes) {
   ++allocations;
@@ -26,6 +42,19 @@ AllocationLimit::AllocationLimit(std::size_t bytes) {
 }
 AllocationLimit::~AllocationLimit() {
   limit_bytes = std::numeric_limits<std::size_t>::max();
+}
+
+DeletionWatch::DeletionWatch(const void* block, std::size_t bytes) {
+  watched = {.block = block, .bytes = bytes};
+}
+DeletionWatch::~DeletionWatch() {
+  watched = {};
+}
+bool DeletionWatch::deleted() const {
+  return watched.deleted;
+}
+bool DeletionWatch::deleted_wiped() const {
+  return watched.deleted && watched.wiped;
 }
 
 // The linker's --wrap sends the program's calls here.
@@ -61,20 +90,21 @@ void* operator new[](std::size_t bytes) {
   return operator new(bytes);
 }
 void operator delete(void* block) noexcept {
+  look_at(block);
   std::free(block);
 }
 void operator delete[](void* block) noexcept {
-  std::free(block);
+  operator delete(block);
 }
 void operator delete(void* block, std::size_t) noexcept {
-  std::free(block);
+  operator delete(block);
 }
 void operator delete[](void* block, std::size_t) noexcept {
-  std::free(block);
+  operator delete(block);
 }
 void operator delete(void* block, const std::nothrow_t&) noexcept {
-  std::free(block);
+  operator delete(block);
 }
 void operator delete[](void* block, const std::nothrow_t&) noexcept {
-  std::free(block);
+  operator delete(block);
 }

@@ -25,3 +25,15 @@ class AllocationLimit {
   AllocationLimit(const AllocationLimit&) = delete;
   AllocationLimit& operator=(const AllocationLimit&) = delete;
 };
+
+// Watches one block: whether each of its bytes was zero when it was given to operator delete. One
+// at a time, and for the thread that made it.
+class DeletionWatch {
+ public:
+  DeletionWatch(const void* block, std::size_t bytes);
+  ~DeletionWatch();
+  DeletionWatch(const DeletionWatch&) = delete;
+  DeletionWatch& operator=(const DeletionWatch&) = delete;
+  bool deleted() const;
+  bool deleted_wiped() const;
+};

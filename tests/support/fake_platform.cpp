@@ -30,7 +30,9 @@ class Capture final : public VideoCapture {
   }
   void start() override { ++record_->starts; }
   void stop() override {
-    if (record_->starts > record_->stops) ++record_->stops;
+    if (record_->starts <= record_->stops) return;
+    ++record_->stops;
+    if (record_->during_stop) record_->during_stop();
   }
   void request_keyframe() override { ++record_->keyframe_requests; }
   void set_bitrate(int kbps) override { record_->bitrates.push_back(kbps); }
@@ -87,6 +89,7 @@ class Clipboard final : public HostClipboard {
   void session_start(std::uint32_t, int payload, Send send) override {
     record_->calls.push_back(words("start", payload));
     record_->send = std::move(send);
+    if (record_->on_start) record_->on_start();
   }
   void session_end(std::uint32_t) override { record_->calls.push_back("end"); }
   void resize(std::uint32_t, int payload) override {
@@ -164,7 +167,11 @@ DisplayInfo& FakePlatform::add_display(const std::string& device, int left, int 
 
 Platform FakePlatform::record() {
   Platform platform;
-  platform.list_displays = [this] { return displays; };
+  platform.list_displays = [this] {
+    if (auto callback = on_list_displays) callback();
+    return displays;
+  };
+  platform.display_obstacle = [this] { return obstacle; };
   platform.display_bounds = [this](const std::string& device, DesktopRect* bounds) {
     for (const DisplayInfo& display : displays) {
       if (display.device != device) continue;

@@ -20,6 +20,7 @@ struct FakeCapture {
   bool hevc = false;
   std::string encoder = "libopenh264";
   std::function<void()> during_init;
+  std::function<void()> during_stop;  // of a started one
   std::atomic<int> starts{0};
   std::atomic<int> stops{0};  // of a started one
   std::atomic<int> keyframe_requests{0};
@@ -36,6 +37,7 @@ struct FakeAudio {
 
 struct FakeClipboard {
   std::vector<std::string> calls;
+  std::function<void()> on_start;
   HostClipboard::Send send;
 };
 
@@ -57,6 +59,8 @@ class FakePlatform {
   Platform record();  // for one host
 
   std::vector<DisplayInfo> displays;
+  std::string obstacle;
+  std::function<void()> on_list_displays;
   std::function<void(FakeCapture&)> prepare_capture;  // sees each before the host has it
   std::vector<std::shared_ptr<FakeCapture>> captures;
   std::vector<std::shared_ptr<FakeAudio>> audios;

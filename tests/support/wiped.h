@@ -16,5 +16,5 @@ bool is_wiped(const T& record) {
 }
 
 inline bool contains(std::span<const std::uint8_t> memory, std::span<const std::uint8_t> secret) {
-  return !std::ranges::search(memory, secret).empty();
+  return std::search(memory.begin(), memory.end(), secret.begin(), secret.end()) != memory.end();
 }

@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "tests/support/child_process.h"
 
@@ -20,6 +21,7 @@ class Xvfb {
   bool running() const { return !display_.empty(); }
   const std::string& display() const { return display_; }  // ":7"
   void kill();                                             // at once, as a crash would
+  void restart();                                          // after kill, on the same display
   double processor_seconds() const { return server_->processor_seconds(); }
 
   // `xrandr` with these arguments; true on success.
@@ -27,6 +29,9 @@ class Xvfb {
   bool resize(int width, int height) const;  // within the size that it started with
 
  private:
+  void start(const std::vector<std::string>& display);
+
+  std::string screen_;
   std::unique_ptr<ChildProcess> server_;
   std::string display_;
   std::string former_display_;
@@ -39,8 +44,15 @@ class RootPainter {
   RootPainter(const RootPainter&) = delete;
   RootPainter& operator=(const RootPainter&) = delete;
 
-  // 0xRRGGBB; returns when the server has drawn it.
+  int width() const;
+  int height() const;
+
+  // Colours are 0xRRGGBB. Both return when the server has drawn it.
   void fill(std::uint32_t colour, int x, int y, int width, int height);
+  void text(std::uint32_t colour, int x, int y, const std::string& line);  // on white
+
+  // What stands there: 3 bytes a pixel, red first, rows top-down.
+  std::vector<std::uint8_t> rgb(int x, int y, int width, int height);
 
  private:
   struct Impl;

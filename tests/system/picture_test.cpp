@@ -19,7 +19,7 @@ constexpr std::uint32_t COLOURS[] = {0x000000, 0xFFFFFF, 0xFF0000, 0x00FF00, 0x0
                                      0x00FFFF, 0xFF00FF, 0x808080, 0x123456, 0xC08040, 0x202020};
 
 // Patches in a grid that has no symmetry, so that a picture turned or mirrored doesn't match.
-std::vector<Patch> paint_patches(Painter& painter) {
+std::vector<Patch> paint_patches(RootPainter& painter) {
   painter.fill(0x406080, 0, 0, painter.width(), painter.height());
   std::vector<Patch> patches;
   int x = 40;
@@ -33,7 +33,6 @@ std::vector<Patch> paint_patches(Painter& painter) {
       y += PATCH_PIXELS + 24;
     }
   }
-  painter.flush();
   return patches;
 }
 
@@ -74,7 +73,6 @@ class Blinker {
     thread_ = std::thread([this, x, y] {
       for (bool on = false; !stop_; on = !on) {
         painter_.fill(on ? 0x405060 : 0x405061, x, y, 8, 8);
-        painter_.flush();
         std::this_thread::sleep_for(std::chrono::milliseconds(20));
       }
     });
@@ -85,7 +83,7 @@ class Blinker {
   }
 
  private:
-  Painter painter_;
+  RootPainter painter_;
   std::atomic<bool> stop_{false};
   std::thread thread_;
 };
@@ -121,10 +119,9 @@ TEST_F(PictureTest, ADesktopWithTextAndAGridHasALumaPsnrOfAtLeast35DecibelsAtThe
   for (int line = 0; line < 200; line += 2) painter_->fill(0x000000, 900, 320 + line, 200, 1);
   for (int column = 0; column < 200; column += 2)
     painter_->fill(0x000000, 900 + column, 320, 1, 200);
-  painter_->flush();
   Blinker blinker(desktop_->display(), 1200, 680);
   stream(4);
-  const double psnr = luma_psnr(last_frame(), painter_->picture(0, 0, 1280, 720));
+  const double psnr = luma_psnr(last_frame(), screen(0, 0, 1280, 720));
   RecordProperty("luma_psnr_db", std::to_string(psnr));
   std::printf("luma PSNR %.1f dB\n", psnr);
   EXPECT_GE(psnr, 35.0);
@@ -154,7 +151,6 @@ TEST_F(PictureTest, TheSelectedOfTwoMonitorsIsWhatIsSeen) {
   start_desktop(1600, 600);
   painter_->fill(0xA02020, 0, 0, 800, 600);
   painter_->fill(0x20A020, 800, 0, 800, 600);
-  painter_->flush();
   for (const char* monitor : {"LEFT 800/200x600/150+0+0", "RIGHT 800/200x600/150+800+0"}) {
     std::istringstream words(monitor);
     std::string name;

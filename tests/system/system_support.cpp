@@ -52,55 +52,6 @@ int free_port() {
   return port;
 }
 
-Painter::Painter(const std::string& display)
-    : connection_(xcb_connect(display.c_str(), nullptr)),
-      screen_(xcb_setup_roots_iterator(xcb_get_setup(connection_)).data),
-      gc_(xcb_generate_id(connection_)) {
-  xcb_create_gc(connection_, gc_, screen_->root, 0, nullptr);
-}
-
-Painter::~Painter() {
-  xcb_disconnect(connection_);
-}
-
-void Painter::fill(std::uint32_t rgb, int x, int y, int width, int height) {
-  xcb_change_gc(connection_, gc_, XCB_GC_FOREGROUND, &rgb);
-  const xcb_rectangle_t box{static_cast<std::int16_t>(x), static_cast<std::int16_t>(y),
-                            static_cast<std::uint16_t>(width), static_cast<std::uint16_t>(height)};
-  xcb_poly_fill_rectangle(connection_, screen_->root, gc_, 1, &box);
-}
-
-void Painter::text(std::uint32_t rgb, int x, int y, const std::string& line) {
-  const std::uint32_t colours[] = {rgb, 0xFFFFFF};
-  xcb_change_gc(connection_, gc_, XCB_GC_FOREGROUND | XCB_GC_BACKGROUND, colours);
-  xcb_image_text_8(connection_, static_cast<std::uint8_t>(line.size()), screen_->root, gc_,
-                   static_cast<std::int16_t>(x), static_cast<std::int16_t>(y), line.c_str());
-}
-
-void Painter::flush() {
-  // A round trip, so that the server has drawn it when this returns.
-  free(xcb_get_input_focus_reply(connection_, xcb_get_input_focus(connection_), nullptr));
-}
-
-RgbPicture Painter::picture(int x, int y, int width, int height) {
-  RgbPicture picture{width, height, {}};
-  auto* reply = xcb_get_image_reply(
-      connection_,
-      xcb_get_image(connection_, XCB_IMAGE_FORMAT_Z_PIXMAP, screen_->root,
-                    static_cast<std::int16_t>(x), static_cast<std::int16_t>(y),
-                    static_cast<std::uint16_t>(width), static_cast<std::uint16_t>(height), ~0U),
-      nullptr);
-  if (!reply) {
-    ADD_FAILURE() << "the screen can't be read";
-    return picture;
-  }
-  const std::uint8_t* bgrx = xcb_get_image_data(reply);
-  for (int pixel = 0; pixel < width * height; ++pixel, bgrx += 4)
-    picture.pixels.insert(picture.pixels.end(), {bgrx[2], bgrx[1], bgrx[0]});
-  free(reply);
-  return picture;
-}
-
 void SystemTest::SetUp() {
   std::string name = (std::filesystem::temp_directory_path() / "lunderhaze-system-XXXXXX").string();
   ASSERT_NE(mkdtemp(name.data()), nullptr);
@@ -128,7 +79,7 @@ void SystemTest::TearDown() {
 void SystemTest::start_desktop(int width, int height) {
   desktop_ = std::make_unique<Xvfb>(width, height);
   environment_["DISPLAY"] = desktop_->display();
-  painter_ = std::make_unique<Painter>(desktop_->display());
+  painter_ = std::make_unique<RootPainter>(desktop_->display());
 }
 
 void SystemTest::start_host(const std::vector<std::string>& arguments) {
@@ -169,6 +120,10 @@ void SystemTest::stream(double stream_seconds, std::vector<std::string> more) {
   const RunResult result =
       client(arguments, seconds(60) + seconds(static_cast<int>(stream_seconds)));
   ASSERT_EQ(result.status, 0) << result.output;
+}
+
+RgbPicture SystemTest::screen(int x, int y, int width, int height) {
+  return {width, height, painter_->rgb(x, y, width, height)};
 }
 
 nlohmann::json SystemTest::report() const {

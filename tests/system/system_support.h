@@ -3,7 +3,6 @@
 #pragma once
 
 #include <gtest/gtest.h>
-#include <xcb/xcb.h>
 
 #include <array>
 #include <filesystem>
@@ -28,27 +27,6 @@ RgbPicture read_png(const std::filesystem::path& path);
 
 // Peak signal-to-noise ratio of the BT.709 luma, decibels. Equal sizes are required.
 double luma_psnr(const RgbPicture& a, const RgbPicture& b);
-
-// Draws on the root of an X display, and reads back what stands there.
-class Painter {
- public:
-  explicit Painter(const std::string& display);
-  ~Painter();
-  Painter(const Painter&) = delete;
-  Painter& operator=(const Painter&) = delete;
-
-  int width() const { return screen_->width_in_pixels; }
-  int height() const { return screen_->height_in_pixels; }
-  void fill(std::uint32_t rgb, int x, int y, int width, int height);
-  void text(std::uint32_t rgb, int x, int y, const std::string& line);
-  void flush();
-  RgbPicture picture(int x, int y, int width, int height);
-
- private:
-  xcb_connection_t* connection_;
-  xcb_screen_t* screen_;
-  xcb_gcontext_t gc_;
-};
 
 class SystemTest : public testing::Test {
  protected:
@@ -76,6 +54,9 @@ class SystemTest : public testing::Test {
   std::string host_log() const;
   const Environment& environment() const { return environment_; }
 
+  // What stands on the desktop.
+  RgbPicture screen(int x, int y, int width, int height);
+
   static std::string program(const std::string& name) {
     return std::string(LUND_BIN_DIR) + "/" + name;
   }
@@ -83,7 +64,7 @@ class SystemTest : public testing::Test {
   std::filesystem::path directory_;
   Environment environment_;
   std::unique_ptr<Xvfb> desktop_;
-  std::unique_ptr<Painter> painter_;
+  std::unique_ptr<RootPainter> painter_;
   std::unique_ptr<ChildProcess> host_;
   int port_ = 0;
 };

@@ -132,6 +132,93 @@ TEST_F(X11SourceTest, ScreenOfAnotherSizeIsLost) {
   EXPECT_EQ(acquire(SOON_MS), AcquireResult::Lost);
 }
 
+TEST_F(X11SourceTest, UnknownMonitorCannotBeOpened) {
+  DisplayInfo display;
+  display.device = "elsewhere";
+  EXPECT_FALSE(source_->open({display, WIDTH, HEIGHT, 60}));
+}
+
+TEST_F(X11SourceTest, MovedMonitorOfTheSameNameIsLost) {
+  ASSERT_TRUE(server_.xrandr({"--setmonitor", "PART", "320/85x360/95+0+0", "none"}));
+  open(display_named("PART"));
+  settle();
+  ASSERT_TRUE(server_.xrandr({"--delmonitor", "PART"}));
+  ASSERT_TRUE(server_.xrandr({"--setmonitor", "PART", "320/85x360/95+100+0", "none"}));
+  EXPECT_EQ(acquire(SOON_MS), AcquireResult::Lost);
+}
+
+TEST_F(X11SourceTest, SubscribingAnewDeliversAPictureAtOnce) {
+  open(list_displays().at(0));
+  settle();
+  source_->unsubscribe();
+  EXPECT_FALSE(source_->subscribed());
+  SubscribeFailure failure;
+  ASSERT_TRUE(source_->subscribe(&display_, &failure));
+  EXPECT_EQ(acquire(0), AcquireResult::Picture);
+}
+
+TEST_F(X11SourceTest, WaylandSessionIsRefusedByName) {
+  // What the X server of a Wayland compositor calls its outputs.
+  ASSERT_TRUE(server_.xrandr({"--setmonitor", "XWAYLAND0", "640/170x360/95+0+0", "none"}));
+  EXPECT_NE(display_obstacle().find("Wayland"), std::string::npos);
+  EXPECT_TRUE(list_displays().empty());
+  DisplayInfo display;
+  display.device = "XWAYLAND0";
+  EXPECT_FALSE(source_->open({display, WIDTH, HEIGHT, 60}));
+}
+
+TEST_F(X11SourceTest, VirtualDesktopIsTheWholeScreen) {
+  EXPECT_EQ(virtual_desktop_rect(), (DesktopRect{0, 0, WIDTH, HEIGHT}));
+}
+
+TEST_F(X11SourceTest, DesktopIsTheSameWhileTheServerLives) {
+  const auto desktop = make_x11_desktop();
+  EXPECT_FALSE(desktop->matches());
+  ASSERT_EQ(desktop->look(), InputDesktop::Look::Other);
+  ASSERT_TRUE(desktop->enter());
+  EXPECT_EQ(desktop->name(), server_.display());
+  EXPECT_EQ(desktop->look(), InputDesktop::Look::Same);
+  EXPECT_TRUE(desktop->matches());
+  server_.kill();
+  EXPECT_EQ(desktop->look(), InputDesktop::Look::Unreachable);
+  EXPECT_FALSE(desktop->matches());
+  server_.restart();
+  EXPECT_EQ(desktop->look(), InputDesktop::Look::Other);
+}
+
+TEST(X11Screen, Of16BitsAPixelIsRefused) {
+  const Xvfb server(WIDTH, HEIGHT, 16);
+  EXPECT_FALSE(make_x11_source()->open({list_displays().at(0), WIDTH, HEIGHT, 60}));
+}
+
+class NoXServer : public testing::Test {
+ protected:
+  void SetUp() override {
+    unsetenv("DISPLAY");
+    unsetenv("WAYLAND_DISPLAY");
+  }
+  void TearDown() override { SetUp(); }
+};
+
+TEST_F(NoXServer, MissingDisplayIsNamed) {
+  EXPECT_EQ(display_obstacle(), "DISPLAY is not set: there is no X display to capture");
+  EXPECT_TRUE(list_displays().empty());
+}
+
+TEST_F(NoXServer, WaylandWithoutXIsNamed) {
+  setenv("WAYLAND_DISPLAY", "wayland-0", 1);
+  EXPECT_NE(display_obstacle().find("Wayland"), std::string::npos);
+}
+
+TEST_F(NoXServer, UnreachableDisplayIsNamed) {
+  setenv("DISPLAY", ":60123", 1);
+  EXPECT_EQ(display_obstacle(), "cannot connect to the X display :60123");
+  DisplayInfo display;
+  EXPECT_FALSE(find_display("screen", &display));
+  EXPECT_EQ(virtual_desktop_rect(), DesktopRect{});
+  EXPECT_FALSE(make_x11_source()->open({display, WIDTH, HEIGHT, 60}));
+}
+
 // Two monitors side by side, as a person sets them up on one screen.
 class TwoX11MonitorsTest : public X11SourceTest {
  protected:

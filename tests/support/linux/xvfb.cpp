@@ -23,27 +23,33 @@ std::string display_number(const std::string& output) {
 
 }  // namespace
 
-Xvfb::Xvfb(int width, int height, int depth) {
-  const std::string screen =
-      std::to_string(width) + "x" + std::to_string(height) + "x" + std::to_string(depth);
-  server_ = std::make_unique<ChildProcess>(std::vector<std::string>{
-      "Xvfb", "-displayfd", "1", "-noreset", "-nolisten", "tcp", "-screen", "0", screen});
-  // The number is followed by a line feed and nothing else, so waiting for more lines ends with it.
-  const auto until = std::chrono::steady_clock::now() + START_DEADLINE;
-  std::string seen;
-  while (display_.empty() && std::chrono::steady_clock::now() < until) {
-    const std::string number = display_number(server_->output());
-    if (!number.empty()) {
-      display_ = ":" + number;
-    } else if (!server_->wait_for_output("\n", START_DEADLINE) || server_->output() == seen) {
-      server_->wait_for_output("\n\n", std::chrono::milliseconds(20));
-    }
-    seen = server_->output();
-  }
-  EXPECT_TRUE(running()) << "Xvfb did not start; it said:\n" << server_->output();
+Xvfb::Xvfb(int width, int height, int depth)
+    : screen_(std::to_string(width) + "x" + std::to_string(height) + "x" + std::to_string(depth)) {
+  start({});
   if (const char* former = std::getenv("DISPLAY")) former_display_ = former;
   setenv("DISPLAY", display_.c_str(), 1);
   unsetenv("WAYLAND_DISPLAY");
+}
+
+// Without a display it takes a free one.
+void Xvfb::start(const std::vector<std::string>& display) {
+  std::vector<std::string> command{"Xvfb", "-displayfd", "1", "-noreset", "-nolisten",
+                                   "tcp",  "-screen",    "0", screen_};
+  command.insert(command.begin() + 1, display.begin(), display.end());
+  server_ = std::make_unique<ChildProcess>(command);
+  const auto until = std::chrono::steady_clock::now() + START_DEADLINE;
+  std::string number;
+  while (number.empty() && std::chrono::steady_clock::now() < until) {
+    // No output holds this text, so each turn reads what has come.
+    server_->wait_for_output({"\0", 1}, std::chrono::milliseconds(5));
+    number = display_number(server_->output());
+  }
+  EXPECT_FALSE(number.empty()) << "Xvfb did not start; it said:\n" << server_->output();
+  if (!number.empty()) display_ = ":" + number;
+}
+
+void Xvfb::restart() {
+  start({display_});
 }
 
 Xvfb::~Xvfb() {
@@ -82,19 +88,31 @@ bool Xvfb::resize(int width, int height) const {
 
 struct RootPainter::Impl {
   xcb_connection_t* connection = nullptr;
-  xcb_window_t root = XCB_NONE;
+  xcb_screen_t* screen = nullptr;
   xcb_gcontext_t gc = XCB_NONE;
+
+  void wait_for_server() const {
+    std::free(xcb_get_input_focus_reply(connection, xcb_get_input_focus(connection), nullptr));
+  }
 };
 
 RootPainter::RootPainter(const std::string& display) : impl_(std::make_unique<Impl>()) {
   impl_->connection = xcb_connect(display.c_str(), nullptr);
-  impl_->root = xcb_setup_roots_iterator(xcb_get_setup(impl_->connection)).data->root;
+  impl_->screen = xcb_setup_roots_iterator(xcb_get_setup(impl_->connection)).data;
   impl_->gc = xcb_generate_id(impl_->connection);
-  xcb_create_gc(impl_->connection, impl_->gc, impl_->root, 0, nullptr);
+  xcb_create_gc(impl_->connection, impl_->gc, impl_->screen->root, 0, nullptr);
 }
 
 RootPainter::~RootPainter() {
   xcb_disconnect(impl_->connection);
+}
+
+int RootPainter::width() const {
+  return impl_->screen->width_in_pixels;
+}
+
+int RootPainter::height() const {
+  return impl_->screen->height_in_pixels;
 }
 
 void RootPainter::fill(std::uint32_t colour, int x, int y, int width, int height) {
@@ -102,7 +120,32 @@ void RootPainter::fill(std::uint32_t colour, int x, int y, int width, int height
   const xcb_rectangle_t rectangle{static_cast<std::int16_t>(x), static_cast<std::int16_t>(y),
                                   static_cast<std::uint16_t>(width),
                                   static_cast<std::uint16_t>(height)};
-  xcb_poly_fill_rectangle(impl_->connection, impl_->root, impl_->gc, 1, &rectangle);
-  std::free(xcb_get_input_focus_reply(impl_->connection, xcb_get_input_focus(impl_->connection),
-                                      nullptr));
+  xcb_poly_fill_rectangle(impl_->connection, impl_->screen->root, impl_->gc, 1, &rectangle);
+  impl_->wait_for_server();
+}
+
+void RootPainter::text(std::uint32_t colour, int x, int y, const std::string& line) {
+  const std::uint32_t colours[] = {colour, 0xFFFFFF};
+  xcb_change_gc(impl_->connection, impl_->gc, XCB_GC_FOREGROUND | XCB_GC_BACKGROUND, colours);
+  xcb_image_text_8(impl_->connection, static_cast<std::uint8_t>(line.size()), impl_->screen->root,
+                   impl_->gc, static_cast<std::int16_t>(x), static_cast<std::int16_t>(y),
+                   line.c_str());
+  impl_->wait_for_server();
+}
+
+std::vector<std::uint8_t> RootPainter::rgb(int x, int y, int width, int height) {
+  std::vector<std::uint8_t> pixels;
+  auto* reply = xcb_get_image_reply(
+      impl_->connection,
+      xcb_get_image(impl_->connection, XCB_IMAGE_FORMAT_Z_PIXMAP, impl_->screen->root,
+                    static_cast<std::int16_t>(x), static_cast<std::int16_t>(y),
+                    static_cast<std::uint16_t>(width), static_cast<std::uint16_t>(height), ~0U),
+      nullptr);
+  EXPECT_NE(reply, nullptr) << "the screen can't be read";
+  if (!reply) return pixels;
+  const std::uint8_t* bgrx = xcb_get_image_data(reply);
+  for (int pixel = 0; pixel < width * height; ++pixel, bgrx += 4)
+    pixels.insert(pixels.end(), {bgrx[2], bgrx[1], bgrx[0]});
+  std::free(reply);
+  return pixels;
 }
