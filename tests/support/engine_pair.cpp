@@ -25,7 +25,6 @@ std::string quick_password_blob(const char* password) {
   return text.data();
 }
 
-
 namespace {
 std::vector<lund_conn_event> of_type(const std::vector<lund_conn_event>& events,
                                      std::uint32_t type) {
