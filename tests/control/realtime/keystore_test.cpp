@@ -195,6 +195,7 @@ TEST_F(Store, OfConcurrentWritersOneWinsAndReadersNeverSeeAMixture) {
   const auto content = [](int writer) { return std::string(20'000 + writer, char('a' + writer)); };
   ASSERT_TRUE(keystore::writeHostFile("shared", content(0).data(), content(0).size()));
   std::vector<std::thread> threads;
+  threads.reserve(WRITERS);
   for (int writer = 0; writer < WRITERS; ++writer) {
     threads.emplace_back([&content, writer] {
       const std::string own = content(writer);

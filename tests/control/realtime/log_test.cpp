@@ -217,6 +217,7 @@ TEST_F(LogFile, LinesOfManyThreadsStayWholeAndNoneIsLostWhileTheFileIsSetAside) 
   constexpr int LINES = 500;
   open_almost_full(THREADS * LINES * 40 / 2);
   std::vector<std::thread> threads;
+  threads.reserve(THREADS);
   for (int thread = 0; thread < THREADS; ++thread) {
     threads.emplace_back([thread] {
       for (int line = 0; line < LINES; ++line) hlog("thread %d line %d end", thread, line);

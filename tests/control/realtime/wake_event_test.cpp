@@ -56,6 +56,7 @@ TEST(WakeEvent, OneSetOfAnAutoResetEventWakesExactlyOneOfManyWaiters) {
   WakeEvent woken(WakeEvent::Reset::Auto);
   std::atomic<int> count{0};
   std::vector<std::thread> waiters;
+  waiters.reserve(4);
   for (int i = 0; i < 4; ++i) {
     waiters.emplace_back([&] {
       ASSERT_TRUE(event.wait(FOREVER_MS));
@@ -74,6 +75,7 @@ TEST(WakeEvent, OneSetOfAnAutoResetEventWakesExactlyOneOfManyWaiters) {
 TEST(WakeEvent, AManualResetEventWakesAllWaiters) {
   WakeEvent event(WakeEvent::Reset::Manual);
   std::vector<std::thread> waiters;
+  waiters.reserve(4);
   for (int i = 0; i < 4; ++i) {
     waiters.emplace_back([&] { EXPECT_TRUE(event.wait(FOREVER_MS)); });
   }

@@ -227,6 +227,7 @@ TEST(UdpSocket, SendersMayRunWhileTheSocketClosesAndOpens) {
   const lund_rv_endpoint to = remote.address();
   std::atomic<bool> stop{false};
   std::vector<std::thread> senders;
+  senders.reserve(3);
   for (int i = 0; i < 3; ++i) {
     senders.emplace_back([&] {
       while (!stop) {

@@ -148,6 +148,7 @@ TEST_F(LinuxStore, ConcurrentFirstWritersAgreeOnOneKeyFile) {
   for (int round = 0; round < 10; ++round) {
     std::filesystem::remove_all(store());
     std::vector<std::thread> threads;
+    threads.reserve(4);
     for (int thread = 0; thread < 4; ++thread) {
       threads.emplace_back([thread] {
         const std::string name = "secret" + std::to_string(thread);
