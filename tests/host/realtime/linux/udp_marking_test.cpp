@@ -176,6 +176,15 @@ TEST_F(UdpMarking, ADatagramThatFailsForAnotherReasonKeepsTheMark) {
   EXPECT_EQ(tos_at(client_), EF_TOS);
 }
 
+// As behind a firewall that lets nothing out for a while: the mark isn't to blame.
+TEST_F(UdpMarking, WhereUnmarkedDatagramsAreRefusedTooTheMarkStays) {
+  socket_.qos_set_peer(client_.address());
+  refused_from_tos = 0;
+  EXPECT_FALSE(socket_.send("x", 1, client_.address()));
+  refused_from_tos = INT_MAX;
+  EXPECT_EQ(tos_at(client_), EF_TOS);
+}
+
 TEST(UdpInterrupted, ASignalEndsAReceiveAsMerelyInterrupted) {
   struct sigaction action {};
   struct sigaction former {};
