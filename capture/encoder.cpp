@@ -6,6 +6,7 @@
 #include "capture/encoder_internal.h"
 #include "connection/clock.h"
 #include "control/log.h"
+#include "control/sysinfo.h"
 #include "media/cpu_codec.h"
 #include "media/cpu_frame.h"
 
@@ -159,6 +160,10 @@ bool VideoEncoder::open(EncoderDevice* device, const EncoderSettings& settings) 
 }
 
 void VideoEncoder::close() {
+  if (codec_ && pts_ > 0)
+    hlog("encoder: %s closed: %llu frames, %.2f ms of processor time a frame", name_.c_str(),
+         static_cast<unsigned long long>(pts_),
+         static_cast<double>(cpu_us_) / static_cast<double>(pts_) / 1e3);
   codec_.reset();
   name_.clear();
 }
@@ -235,6 +240,7 @@ bool VideoEncoder::try_open(EncoderDevice* device, const std::string& name) {
   name_ = name;
   is_hevc_ = hevc;
   pts_ = 0;
+  cpu_us_ = 0;
   hlog("encoder: %s opened in %.0f ms (%dx%d@%d, %d kbps CBR, VBV 1 frame, %s)", name.c_str(),
        static_cast<double>(lund_now_us() - begin_us) / 1000.0, settings_.width, settings_.height,
        settings_.fps, settings_.bitrate_kbps, path_text(codec_->path));
@@ -300,6 +306,14 @@ bool VideoEncoder::read_back_into_frame() {
 
 bool VideoEncoder::end_frame(bool force_keyframe, std::vector<std::uint8_t>* out,
                              bool* is_keyframe) {
+  // Encoders have threads of their own, so that the calling thread's time alone would say little.
+  const std::uint64_t before_us = process_cpu_us();
+  const bool encoded = encode(force_keyframe, out, is_keyframe);
+  cpu_us_ += process_cpu_us() - before_us;
+  return encoded;
+}
+
+bool VideoEncoder::encode(bool force_keyframe, std::vector<std::uint8_t>* out, bool* is_keyframe) {
   out->clear();
   *is_keyframe = false;
   if (!codec_) return false;

@@ -77,10 +77,12 @@ class VideoEncoder final : public PictureEncoder {
 
   bool try_open(EncoderDevice* device, const std::string& name);
   bool read_back_into_frame();
+  bool encode(bool force_keyframe, std::vector<std::uint8_t>* out, bool* is_keyframe);
 
   EncoderSettings settings_;
   std::string name_;
   bool is_hevc_ = false;
   std::uint64_t pts_ = 0;
+  std::uint64_t cpu_us_ = 0;  // the process's processor time that passed inside the encoder
   std::unique_ptr<Codec> codec_;  // non-null exactly while open
 };

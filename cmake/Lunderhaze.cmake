@@ -79,10 +79,11 @@ function(lund_library name)
   endif()
 endfunction()
 
-# lund_test(NAME GLOB... LIBS libraries...): a GoogleTest program of the sources that match, with
-# each of its tests known to ctest by its own name.
+# lund_test(NAME GLOB... LABEL label LIBS libraries...): a GoogleTest program of the sources that
+# match, with each of its tests known to ctest by its own name, and by what it needs: "virtual" runs
+# on the virtual clock, "realtime" has threads, sockets or files, "system" runs the programs.
 function(lund_test name)
-  cmake_parse_arguments(arg "" "" "LIBS" ${ARGN})
+  cmake_parse_arguments(arg "" "LABEL" "LIBS" ${ARGN})
   file(GLOB sources CONFIGURE_DEPENDS ${arg_UNPARSED_ARGUMENTS})
   if(NOT sources)
     return()
@@ -91,5 +92,6 @@ function(lund_test name)
   target_link_libraries(${name} PRIVATE ${arg_LIBS} GTest::gmock GTest::gtest_main)
   target_compile_definitions(${name} PRIVATE
     LUND_SOURCE_DIR="${CMAKE_SOURCE_DIR}" LUND_BIN_DIR="${CMAKE_RUNTIME_OUTPUT_DIRECTORY}")
-  gtest_discover_tests(${name} DISCOVERY_TIMEOUT 60 PROPERTIES TIMEOUT 120)
+  gtest_discover_tests(${name} DISCOVERY_TIMEOUT 60
+    PROPERTIES TIMEOUT 120 LABELS ${arg_LABEL})
 endfunction()

@@ -1,5 +1,5 @@
-// The client's engine: collects the paths to one host, handshakes and probes on all of them, moves up
-// to four sessions to the best one, pairs and rekeys.
+// The client's engine: collects the paths to one host, handshakes and probes on all of them, moves
+// up to four sessions to the best one, pairs and rekeys.
 //
 // One object, no threads, no sockets; locking and callbacks as in conn_host.h. No heap use after
 // creation, but for the password derivation's work area.
@@ -11,7 +11,7 @@ struct lund_client;
 
 enum lund_path_mode : std::uint32_t {
   LUND_PATHS_ALL = 0,
-  LUND_PATHS_DIRECT = 1,      // servers for lookup and punching only
+  LUND_PATHS_DIRECT = 1,  // servers for lookup and punching only
   LUND_PATHS_RELAY = 2,
   LUND_PATHS_NO_SERVERS = 3,
 };

@@ -3,8 +3,8 @@
 // conn_client_paths.cpp (candidates, probes, path choice), conn_client_pairing.cpp.
 //
 // Everything in client_engine runs under the engine's lock and takes the time that the public
-// function read once it held it: one datagram or tick sees one clock, and no stored time is ahead of
-// it.
+// function read once it held it: one datagram or tick sees one clock, and no stored time is ahead
+// of it.
 //
 // This engine speaks to no server yet: look-up, punching and relay allocations are to come as
 // conn_client_servers.cpp, entered from start_connect and lund_client_pair (servers start over),

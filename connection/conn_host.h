@@ -11,9 +11,9 @@
 struct lund_host;
 
 struct lund_host_config : lund_conn_config {
-  std::uint32_t allow_plain = 0;        // 1: unknown plain packets go to the application
-  std::int32_t pin_attempts = 0;        // below 1: 10
-  std::int32_t password_attempts = 0;   // below 1: 10
+  std::uint32_t allow_plain = 0;           // 1: unknown plain packets go to the application
+  std::int32_t pin_attempts = 0;           // below 1: 10
+  std::int32_t password_attempts = 0;      // below 1: 10
   std::int32_t password_lock_seconds = 0;  // below 1: 600
 };
 
@@ -28,8 +28,8 @@ struct lund_session_info {
 
 struct lund_pairing_status {
   std::uint32_t open = 0;
-  char pin[8] = {};        // only while open
-  char key_code[12] = {};  // the host's
+  char pin[8] = {};                // only while open
+  char key_code[12] = {};          // the host's
   std::uint32_t seconds_left = 0;  // rounded up; 0 with no deadline
   std::uint32_t has_password = 0;
   std::uint32_t password_locked = 0;
@@ -47,7 +47,8 @@ int lund_host_receive(lund_host* host, const std::uint8_t* datagram, std::size_t
                       const lund_rv_endpoint& from, std::uint8_t* out, std::size_t out_capacity,
                       std::size_t* out_size, lund_rx_info* rx_info);
 
-std::uint64_t lund_host_tick(lund_host* host);  // microseconds to the next useful call, 1000..250000
+std::uint64_t lund_host_tick(
+    lund_host* host);  // microseconds to the next useful call, 1000..250000
 int lund_host_poll_event(lund_host* host, lund_conn_event* event);  // 1 with an event, 0 without
 
 // The fast path of media: seals for the caller to send itself. The sealed size, or 0 for an unknown

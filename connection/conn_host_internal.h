@@ -7,6 +7,10 @@
 //   conn_host_pairing.cpp    pairing by PIN and password, their limits and locks
 //   conn_host_clients.cpp    the list of authorized clients
 //
+// Work with rendezvous servers joins at four places: their range of types in dispatch_plain, a
+// punched address (LUND_PATH_P2P) in classify_path, lund_host_tick and the time it returns, and
+// lund_host_set_lan_endpoints.
+//
 // Every function here expects the engine's lock to be held. `now` is the clock as read once for the
 // datagram or tick, under the lock, so that it never lies before a stored time.
 #pragma once

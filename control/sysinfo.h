@@ -13,6 +13,9 @@ std::uint32_t random_u32();
 std::string computer_name_utf8();
 std::filesystem::path exe_path();
 
+// Processor time that this process has used so far, all threads, user and system, microseconds.
+std::uint64_t process_cpu_us();
+
 // The number by which LAN discovery knows this machine, 1 to 0xFFFFFFFF: read from the file
 // host_id, or drawn and written there.
 std::uint32_t load_or_create_host_id();

@@ -17,21 +17,8 @@
 #include "connection/byte_order.h"
 #include "connection/conn_client_internal.h"
 #include "connection/conn_host.h"
+#include "fuzz/repeatable_random.h"
 #include "tests/support/virtual_time.h"
-
-namespace {
-std::uint64_t random_state;
-}
-
-// Repeatable: a finding must come back with its input.
-int lund_random_bytes(void* buffer, std::size_t size) {
-  auto* out = static_cast<std::uint8_t*>(buffer);
-  for (std::size_t i = 0; i < size; ++i) {
-    random_state = random_state * 6364136223846793005U + 1442695040888963407U;
-    out[i] = static_cast<std::uint8_t>(random_state >> 56);
-  }
-  return LUND_OK;
-}
 
 namespace {
 
@@ -156,7 +143,7 @@ class World {
 
 World::World(bool paired) {
   virtual_time::reset();
-  random_state = 1;
+  repeatable_random_seed(1);
   lund_keypair_generate(&host_keys_);
   lund_keypair_generate(&client_keys_);
   lund_client_list clients;

@@ -15,22 +15,9 @@
 #include "connection/byte_order.h"
 #include "connection/conn_host_internal.h"
 #include "connection/protocol.h"
+#include "fuzz/repeatable_random.h"
 #include "tests/support/engine_peer.h"
 #include "tests/support/virtual_time.h"
-
-namespace {
-std::uint64_t random_state;
-}
-
-// Repeatable: a finding must come back with its input.
-int lund_random_bytes(void* buffer, std::size_t size) {
-  auto* out = static_cast<std::uint8_t*>(buffer);
-  for (std::size_t i = 0; i < size; ++i) {
-    random_state = random_state * 6364136223846793005U + 1442695040888963407U;
-    out[i] = static_cast<std::uint8_t>(random_state >> 56);
-  }
-  return LUND_OK;
-}
 
 namespace {
 
@@ -86,7 +73,7 @@ class world {
  public:
   world() {
     virtual_time::reset();
-    random_state = 1;
+    repeatable_random_seed(1);
     lund_host_config config;
     config.identity = HOST_KEYS;
     config.name = "Desk";

@@ -1,6 +1,7 @@
 // Displays are the monitors of RandR 1.5 on the X server that DISPLAY names.
 #include "capture/display.h"
 
+#include <cmath>
 #include <cstdlib>
 
 #include "capture/linux/x11.h"
@@ -21,7 +22,7 @@ std::int32_t mode_hz(const xcb_randr_mode_info_t& mode) {
   if (mode.mode_flags & XCB_RANDR_MODE_FLAG_DOUBLE_SCAN) lines *= 2;
   if (mode.mode_flags & XCB_RANDR_MODE_FLAG_INTERLACE) lines /= 2;
   const double dots = lines * mode.htotal;
-  return dots > 0 ? static_cast<std::int32_t>(mode.dot_clock / dots + 0.5) : 0;
+  return dots > 0 ? static_cast<std::int32_t>(std::lround(mode.dot_clock / dots)) : 0;
 }
 
 // Fills in what the monitor's output knows: the refresh rate and the output's name.

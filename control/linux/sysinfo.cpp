@@ -3,6 +3,7 @@
 #include <unistd.h>
 
 #include <climits>
+#include <ctime>
 #include <system_error>
 
 #include "control/sysinfo_platform.h"
@@ -10,6 +11,13 @@
 std::filesystem::path exe_path() {
   std::error_code error;
   return std::filesystem::read_symlink("/proc/self/exe", error);
+}
+
+std::uint64_t process_cpu_us() {
+  timespec used{};
+  clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &used);
+  return static_cast<std::uint64_t>(used.tv_sec) * 1'000'000 +
+         static_cast<std::uint64_t>(used.tv_nsec) / 1'000;
 }
 
 namespace sysinfo_platform {

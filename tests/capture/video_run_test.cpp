@@ -6,8 +6,6 @@
 namespace {
 
 using capture_internal::PointerTracker;
-using fake_capture::GPU_NOTIFYING;
-using fake_capture::MEMORY_NOTIFYING;
 using fake_capture::MEMORY_POLLED;
 
 constexpr std::uint64_t T_US = 16'666;  // at 60 frames a second
@@ -255,6 +253,28 @@ TEST_F(VideoRun, LostCaptureIsRebuiltInTheNextPassWithoutAPause) {
   EXPECT_EQ(elapsed_us_of_pass(), 0u);
   EXPECT_EQ(world_.gpu_made, 2);
   EXPECT_EQ(frames_.size(), 1u);
+}
+
+TEST_F(VideoRun, RebuiltCaptureCountsAsANewPictureAndWaitsForThePacingAlone) {
+  const std::vector<std::pair<const char*, std::function<void()>>> rebuilds = {
+      {"lost", [this] { event_now(AcquireResult::Lost); }},
+      {"another desktop", [this] { world_.input_desktop = "Winlogon"; }},
+  };
+  for (const auto& [what, rebuild] : rebuilds) {
+    SCOPED_TRACE(what);
+    fresh_world();
+    make_windows_like();
+    begin_settled();
+    pass_for_ms(100);
+    picture_in_us(0);
+    pass_until_frames(1);
+    rebuild();
+    pass_until_frames(2);
+    const std::uint64_t apart_us = frames_[1].at_us - frames_[0].at_us;
+    EXPECT_GE(apart_us, M_US);
+    EXPECT_LE(apart_us, M_US + 1000) << "not the longer time of a repeat";
+    forget_seen();
+  }
 }
 
 TEST_F(VideoRun, BusySourceIsSubscribedAnewAfter100Ms) {

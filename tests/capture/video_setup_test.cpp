@@ -9,7 +9,6 @@ using fake_capture::BARE_KEYFRAME;
 using fake_capture::DELTA;
 using fake_capture::Encoded;
 using fake_capture::KEYFRAME;
-using testing::Test;
 
 class VideoSetup : public CaptureLoopTest {};
 

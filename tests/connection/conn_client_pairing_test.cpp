@@ -191,6 +191,16 @@ TEST(ClientPairing, OnceAHostHasAnsweredNobodyElseCounts) {
   EXPECT_THAT(rig.take(LUND_PKT_PAIR_CONFIRM), SizeIs(1));
 }
 
+TEST(ClientPairing, TheExchangeHasFifteenSecondsOfItsOwn) {
+  AskingRig rig;
+  rig.tick_for_ms(14'000);
+  rig.receive(LAN, rig.host_info(rig.nonce(), LUND_HOST_PIN_OPEN));
+  rig.tick_for_ms(14'999);
+  EXPECT_EQ(rig.client->mode, LUND_CLIENT_PAIRING);
+  rig.tick_for_ms(1);
+  EXPECT_EQ(rig.client->mode, LUND_CLIENT_IDLE);
+}
+
 TEST(ClientPairing, AFailOfAnotherExchangeIsNothing) {
   AskingRig rig;
   rig.receive(LAN, rig.host_info(rig.nonce(), LUND_HOST_PIN_OPEN));

@@ -212,6 +212,12 @@ TEST(ClientPaths, ANewCandidateIsProbedAtOnceWhileASessionIsUp) {
   EXPECT_THAT(rig.open(host, probes[0].bytes), SizeIs(LUND_PROBE_SIZE));
   lund_client_add_candidate(rig.client, &LAN, 0);  // not new any more
   EXPECT_THAT(rig.sent, IsEmpty());
+  rig.tick();
+  rig.tick_for_ms(199);
+  const auto to_lan = [](const auto& probe) { return lund_rv_endpoint_equal(probe.to, LAN); };
+  EXPECT_THAT(rig.take(LUND_PKT_PATH_PROBE), testing::Each(testing::Not(testing::Truly(to_lan))));
+  rig.tick_for_ms(1);
+  EXPECT_THAT(rig.take(LUND_PKT_PATH_PROBE), testing::Contains(testing::Truly(to_lan)));
 }
 
 TEST(ClientPaths, OnlyTheCurrentPathsProbesAreMarkedActive) {

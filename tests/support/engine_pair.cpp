@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <array>
 #include <cstring>
+#include <numeric>
 
 #include "connection/conn_client_internal.h"
 #include "connection/protocol.h"
@@ -16,7 +17,7 @@ lund_rv_endpoint endpoint(const char* text) {
 
 std::string quick_password_blob(const char* password) {
   lund_password_record record;
-  for (std::uint8_t i = 0; i < sizeof record.salt; ++i) record.salt[i] = i;
+  std::iota(std::begin(record.salt), std::end(record.salt), std::uint8_t{0});
   record.mem_kib = 8;
   record.iterations = 1;
   lund_password_derive(record.verifier, password, record.salt, record.mem_kib, record.iterations);
@@ -24,7 +25,6 @@ std::string quick_password_blob(const char* password) {
   lund_password_blob_format(text.data(), text.size(), &record);
   return text.data();
 }
-
 
 namespace {
 std::vector<lund_conn_event> of_type(const std::vector<lund_conn_event>& events,

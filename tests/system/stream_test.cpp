@@ -43,12 +43,28 @@ TEST_F(StreamTest, AFewSecondsOfAMovingScreenArriveCompleteAndDecodable) {
   EXPECT_EQ(decoded.output, "");
 }
 
-TEST_F(StreamTest, ARecordingUnderLossDecodesWithoutAMessage) {
+TEST_F(StreamTest, RecordingsUnderLossDecodeWithoutAMessage) {
   prepare(true);
-  stream(6, {"--drop", "10", "--seed", "7", "--fec", "5"});
+  for (const char* percent : {"1", "5", "10"}) {
+    stream(2, {"--drop", percent, "--seed", "7"});
+    const auto json = report();
+    EXPECT_GT(json["datagrams_dropped_on_purpose"].get<int>(), 0) << json.dump();
+    EXPECT_EQ(json["frames_undecodable"], 0) << json.dump();
+    const RunResult decoded = decode_with_ffmpeg(recording());
+    EXPECT_EQ(decoded.status, 0) << percent << " %";
+    EXPECT_EQ(decoded.output, "") << percent << " %";
+  }
+}
+
+TEST_F(StreamTest, FromALostFrameToTheNextKeyframeNothingIsRecorded) {
+  prepare(true);
+  stream(5, {"--drop", "40", "--seed", "3"});
   const auto json = report();
-  EXPECT_GT(json["datagrams_dropped_on_purpose"].get<int>(), 100) << json.dump();
   EXPECT_GT(json["frames_recovered"].get<int>(), 0) << json.dump();
+  EXPECT_GT(json["frames_lost"].get<int>(), 0) << json.dump();
+  EXPECT_GT(json["frames_withheld"].get<int>(), 0) << json.dump();
+  EXPECT_GT(json["keyframes"].get<int>(), 1) << json.dump();
+  EXPECT_EQ(json["frames_undecodable"], 0) << json.dump();
   const RunResult decoded = decode_with_ffmpeg(recording());
   EXPECT_EQ(decoded.status, 0);
   EXPECT_EQ(decoded.output, "");

@@ -37,8 +37,9 @@ struct Picture {
         bytes(static_cast<std::size_t>(stride) * static_cast<std::size_t>(h), 0xEE) {
     for (int y = 0; y < h; ++y) {
       for (int x = 0; x < w; ++x) {
-        const Colour& c = PATCHES[static_cast<std::size_t>((y * 2 / h) * 4 + x * 4 / w)];
-        std::uint8_t* p = &bytes[static_cast<std::size_t>(y * stride + x * 4)];
+        const int patch = y * 2 / h * 4 + x * 4 / w;
+        const Colour& c = PATCHES[static_cast<std::size_t>(patch)];
+        std::uint8_t* p = bytes.data() + std::ptrdiff_t{y} * stride + x * 4;
         p[0] = static_cast<std::uint8_t>(c.b);
         p[1] = static_cast<std::uint8_t>(c.g);
         p[2] = static_cast<std::uint8_t>(c.r);

@@ -2,7 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <regex>
 #include <set>
 #include <sstream>
 #include <string>
@@ -14,17 +13,39 @@
 
 namespace {
 
-const std::string TIME = R"(\[\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{3}\] )";
+constexpr std::size_t TIME_SIZE = 26;   // "[2024-01-31 12:00:00.000] "
+constexpr std::size_t CLOCK_SIZE = 15;  // "[12:00:00.000] "
 
-std::vector<std::string> lines_of(const std::filesystem::path& path) {
+std::string digits_hidden(std::string text) {
+  for (char& character : text) {
+    if (character >= '0' && character <= '9') character = 'd';
+  }
+  return text;
+}
+
+// The message of a line in the file, behind a well-formed time.
+std::string message_of(const std::string& line) {
+  if (digits_hidden(line.substr(0, TIME_SIZE)) != "[dddd-dd-dd dd:dd:dd.ddd] ") {
+    return "no time: " + line.substr(0, 80);
+  }
+  return line.substr(TIME_SIZE);
+}
+
+// The same of a line on the console.
+std::string console_message_of(const std::string& line) {
+  if (digits_hidden(line.substr(0, CLOCK_SIZE)) != "[dd:dd:dd.ddd] ") return "no time: " + line;
+  return line.substr(CLOCK_SIZE);
+}
+
+std::vector<std::string> lines_in(const std::string& text) {
   std::vector<std::string> lines;
-  std::istringstream content(file_content(path));
+  std::istringstream content(text);
   for (std::string line; std::getline(content, line);) lines.push_back(line);
   return lines;
 }
 
-bool matches(const std::string& text, const std::string& pattern) {
-  return std::regex_match(text, std::regex(pattern));
+std::vector<std::string> lines_of(const std::filesystem::path& path) {
+  return lines_in(file_content(path));
 }
 
 class LogFile : public testing::Test {
@@ -56,10 +77,10 @@ TEST_F(LogFile, OpensWithABanner) {
   log_open(false, directory_.path());
   const std::vector<std::string> lines = lines_of(file());
   ASSERT_EQ(lines.size(), 1u);
-  EXPECT_TRUE(matches(
-      lines[0],
-      TIME + R"(---- Lunderhaze \((Linux|Windows)\) started \(pid \d+, )" + "tray\\) ----\r"))
-      << lines[0];
+  const std::string banner = message_of(lines[0]);
+  EXPECT_TRUE(banner.starts_with("---- Lunderhaze (")) << banner;
+  EXPECT_NE(banner.find(") started (pid "), std::string::npos) << banner;
+  EXPECT_TRUE(banner.ends_with(", tray) ----\r")) << banner;
 }
 
 TEST_F(LogFile, EachOpeningAppendsItsBanner) {
@@ -79,8 +100,8 @@ TEST_F(LogFile, ALineHasDateTimeMessageAndBothLineEndCharacters) {
   hsay("said");
   const std::vector<std::string> lines = lines_of(file());
   ASSERT_EQ(lines.size(), 3u);
-  EXPECT_TRUE(matches(lines[1], TIME + "conn: answer is 42\r")) << lines[1];
-  EXPECT_TRUE(matches(lines[2], TIME + "said\r")) << lines[2];
+  EXPECT_EQ(message_of(lines[1]), "conn: answer is 42\r");
+  EXPECT_EQ(message_of(lines[2]), "said\r");
 }
 
 TEST_F(LogFile, OnTheConsoleALogLineHasTheTimeAndASaidOneIsBare) {
@@ -89,9 +110,11 @@ TEST_F(LogFile, OnTheConsoleALogLineHasTheTimeAndASaidOneIsBare) {
   hlog("logged");
   hsay("said");
   const std::string console = testing::internal::GetCapturedStdout();
-  EXPECT_TRUE(matches(console, R"(\[\d\d:\d\d:\d\d\.\d{3}\] ---- .* ----\n)"
-                               R"(\[\d\d:\d\d:\d\d\.\d{3}\] logged\nsaid\n)"))
-      << console;
+  const std::vector<std::string> lines = lines_in(console);
+  ASSERT_EQ(lines.size(), 3u) << console;
+  EXPECT_TRUE(console_message_of(lines[0]).ends_with(", console) ----")) << lines[0];
+  EXPECT_EQ(console_message_of(lines[1]), "logged");
+  EXPECT_EQ(lines[2], "said");
 }
 
 TEST_F(LogFile, WithoutAConsoleNothingIsPrinted) {
@@ -106,8 +129,7 @@ TEST_F(LogFile, AMessageOf3000CharactersIsCutTo2047AndKeepsItsTimeStamp) {
   log_open(false, directory_.path());
   hlog("%s", std::string(3000, 'm').c_str());
   const std::string line = lines_of(file()).at(1);
-  EXPECT_TRUE(matches(line.substr(0, 26), TIME)) << line.substr(0, 26);
-  EXPECT_EQ(line.substr(26), std::string(2047, 'm') + "\r");
+  EXPECT_EQ(message_of(line), std::string(2047, 'm') + "\r");
 }
 
 TEST(LogLine, OneThatWouldPass2400BytesLosesItsTailWithTheLineEnd) {
@@ -122,12 +144,12 @@ TEST(LogLine, OneThatWouldPass2400BytesLosesItsTailWithTheLineEnd) {
 TEST_F(LogFile, TheLineThatPassesTheLimitIsTheLastInTheOldFileAndTheNextOpensANewOneWithoutBanner) {
   open_almost_full(banner_bytes() + 10);
   hlog("the last");
-  EXPECT_TRUE(matches(lines_of(old_file()).back(), TIME + "the last\r"));
+  EXPECT_EQ(message_of(lines_of(old_file()).back()), "the last\r");
   EXPECT_EQ(file_content(file()), "");
   hlog("the next");
   const std::vector<std::string> lines = lines_of(file());
   ASSERT_EQ(lines.size(), 1u);
-  EXPECT_TRUE(matches(lines[0], TIME + "the next\r")) << lines[0];
+  EXPECT_EQ(message_of(lines[0]), "the next\r");
 }
 
 TEST_F(LogFile, AFileOfExactlyTheLimitIsNotYetSetAside) {
@@ -151,7 +173,7 @@ TEST_F(LogFile, WhereTheOldNameIsTakenByADirectoryTheSameFileGoesOn) {
   std::filesystem::create_directories(old_file() / "in the way");
   open_almost_full(0);
   hlog("still here");
-  EXPECT_TRUE(matches(lines_of(file()).back(), TIME + "still here\r"));
+  EXPECT_EQ(message_of(lines_of(file()).back()), "still here\r");
 }
 
 TEST_F(LogFile, AfterCloseNothingReachesAnyFile) {
@@ -203,14 +225,12 @@ TEST_F(LogFile, LinesOfManyThreadsStayWholeAndNoneIsLostWhileTheFileIsSetAside) 
   for (std::thread& thread : threads) thread.join();
   ASSERT_TRUE(std::filesystem::exists(old_file()));
   std::set<std::string> seen;
-  const std::regex whole(TIME + "(thread \\d line \\d+ end)\r");
   for (const auto& path : {old_file(), file()}) {
     for (const std::string& line : lines_of(path)) {
-      std::smatch match;
-      if (line.find("thread") != std::string::npos) {
-        ASSERT_TRUE(std::regex_match(line, match, whole)) << line;
-        seen.insert(match[1]);
-      }
+      if (line.find("thread") == std::string::npos) continue;
+      const std::string message = message_of(line);
+      ASSERT_TRUE(message.starts_with("thread ") && message.ends_with(" end\r")) << line;
+      ASSERT_TRUE(seen.insert(message).second) << line;
     }
   }
   EXPECT_EQ(seen.size(), static_cast<std::size_t>(THREADS * LINES));
