@@ -45,7 +45,8 @@ sanitize: | build
 
 soak: | build
 	$(call configure,linux-asan)
-	@cmake --build build/linux-asan -j $(JOBS)
+	@cmake --build build/linux-asan -j $(JOBS) \
+	  --target lunderhaze lunderhaze-client lunderhaze-testscreen
 	@scripts/soak build/linux-asan/bin
 
 bench: | build
@@ -55,7 +56,7 @@ bench: | build
 
 fuzz: | build
 	$(call configure,fuzz)
-	@cmake --build build/fuzz -j $(JOBS)
+	@cmake --build build/fuzz -j $(JOBS) --target fuzz_targets
 	@scripts/fuzz build/fuzz/bin $(or $(FUZZ_SECONDS),600)
 
 windows: | build

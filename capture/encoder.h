@@ -83,6 +83,6 @@ class VideoEncoder final : public PictureEncoder {
   std::string name_;
   bool is_hevc_ = false;
   std::uint64_t pts_ = 0;
-  std::uint64_t cpu_us_ = 0;  // the process's processor time that passed inside the encoder
+  std::uint64_t cpu_us_ = 0;      // the process's processor time that passed inside the encoder
   std::unique_ptr<Codec> codec_;  // non-null exactly while open
 };

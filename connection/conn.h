@@ -1,6 +1,6 @@
-// What the host's and the client's engine share: configuration, lock, server table, event queue, and
-// the small functions on them. The engines are transport-free: datagrams go in, and out through a
-// callback. Every conn_ function that takes a base expects the engine's lock to be held by the
+// What the host's and the client's engine share: configuration, lock, server table, event queue,
+// and the small functions on them. The engines are transport-free: datagrams go in, and out through
+// a callback. Every conn_ function that takes a base expects the engine's lock to be held by the
 // caller; the callbacks are called with it held and must neither block nor re-enter the engine.
 #pragma once
 
@@ -141,7 +141,8 @@ inline constexpr std::size_t LUND_PROBE_SIZE = 20;
 inline constexpr std::size_t LUND_REKEY_SIZE = 12;
 void conn_make_probe(std::uint8_t out[LUND_PROBE_SIZE], std::uint8_t type, std::uint8_t flags,
                      std::uint32_t probe_seq, std::uint64_t now_us);
-void conn_make_rekey(std::uint8_t out[LUND_REKEY_SIZE], std::uint8_t type, std::uint32_t session_id);
+void conn_make_rekey(std::uint8_t out[LUND_REKEY_SIZE], std::uint8_t type,
+                     std::uint32_t session_id);
 
 std::uint64_t conn_wall_us();       // microseconds of UTC since 1970
 std::uint64_t conn_hs_timestamp();  // the same, strictly increasing within the process

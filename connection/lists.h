@@ -71,17 +71,20 @@ struct lund_password_record {
 int lund_relay_server_set(lund_relay_server* out, const char* host_text, std::uint16_t port,
                           const std::uint8_t* key, std::size_t key_size);
 int lund_relay_link_parse(lund_relay_server* out, const char* text);
-std::size_t lund_relay_link_format(char* out, std::size_t capacity, const lund_relay_server* server);
+std::size_t lund_relay_link_format(char* out, std::size_t capacity,
+                                   const lund_relay_server* server);
 // "host:port", an IPv6 literal in brackets; the text's length, 0 when it doesn't fit.
-std::size_t lund_relay_server_name(char* out, std::size_t capacity, const lund_relay_server* server);
+std::size_t lund_relay_server_name(char* out, std::size_t capacity,
+                                   const lund_relay_server* server);
 bool lund_relay_server_same(const lund_relay_server* a, const lund_relay_server* b);
 int lund_relay_config_add(lund_relay_config* config, const lund_relay_server* server);  // index
 int lund_relay_config_add_link(lund_relay_config* config, const char* text);            // index
 int lund_relay_config_remove(lund_relay_config* config, int index);
-std::size_t lund_relay_config_save(const lund_relay_config* config, char* out, std::size_t capacity);
+std::size_t lund_relay_config_save(const lund_relay_config* config, char* out,
+                                   std::size_t capacity);
 int lund_relay_config_load(lund_relay_config* config, const char* bytes, std::size_t size);
-// `stored_state` 0: nothing stored, the built-in default link (a build-time value, empty by default,
-// which gives an empty list); 1: the bytes are loaded; anything else: -1.
+// `stored_state` 0: nothing stored, the built-in default link (a build-time value, empty by
+// default, which gives an empty list); 1: the bytes are loaded; anything else: -1.
 int lund_relay_config_load_stored(lund_relay_config* config, const char* bytes, std::size_t size,
                                   int stored_state);
 // Adds `link` unless it is empty. 0, or -1 for one that doesn't parse.
@@ -115,8 +118,8 @@ void conn_clean_name(char out[64], const char* text);
 // 1 (PIN) for exactly six digits, otherwise 2 (password).
 int lund_secret_guess_kind(const char* text);
 
-// Argon2id (RFC 9106), one lane. Allocates mem_kib KiB for its duration. 0, or -1 for parameters out
-// of range (memory 8..0x100000 KiB, iterations 1..16), a null password, or no memory.
+// Argon2id (RFC 9106), one lane. Allocates mem_kib KiB for its duration. 0, or -1 for parameters
+// out of range (memory 8..0x100000 KiB, iterations 1..16), a null password, or no memory.
 int lund_password_derive(std::uint8_t out[32], const char* password, const std::uint8_t salt[16],
                          std::uint32_t mem_kib, std::uint32_t iterations);
 

@@ -1,6 +1,6 @@
 // The packet codec: the common header, the packet types, and the layout of every packet outside the
-// rendezvous range (connection/rendezvous.h). Pure: no state, no allocation, no clock; everything is
-// re-entrant. Integers on the wire are little-endian and unaligned.
+// rendezvous range (connection/rendezvous.h). Pure: no state, no allocation, no clock; everything
+// is re-entrant. Integers on the wire are little-endian and unaligned.
 //
 // Encoders write a plain packet into `out` and return its length, or 0 when a pointer is null, the
 // capacity is short, or a value is out of its range. Of the header record they take `flags` and
@@ -62,9 +62,9 @@ enum lund_packet_type : std::uint8_t {
 
 inline constexpr std::size_t LUND_NAME_MAX = 63;  // bytes of a device name, UTF-8
 inline constexpr std::uint32_t LUND_CLIPBOARD_MAX = 16'777'216;
-inline constexpr int LUND_INPUT_MAX = 64;    // events in a batch
-inline constexpr int LUND_RANGES_MAX = 64;   // ranges in a clipboard acknowledgement
-inline constexpr int LUND_BACK_MAX = 4;      // values in a two-way pairing offer
+inline constexpr int LUND_INPUT_MAX = 64;   // events in a batch
+inline constexpr int LUND_RANGES_MAX = 64;  // ranges in a clipboard acknowledgement
+inline constexpr int LUND_BACK_MAX = 4;     // values in a two-way pairing offer
 
 struct lund_packet_header {
   std::uint8_t type = 0;
@@ -227,11 +227,12 @@ struct lund_audio_packet {
 
 using lund_byte = std::uint8_t;
 
-std::size_t lund_encode_header(lund_byte* out, std::size_t capacity, const lund_packet_header* header);
+std::size_t lund_encode_header(lund_byte* out, std::size_t capacity,
+                               const lund_packet_header* header);
 int lund_decode_header(const lund_byte* data, std::size_t size, lund_packet_header* header);
 
-std::size_t lund_encode_hello(lund_byte* out, std::size_t capacity, const lund_packet_header* header,
-                              const lund_hello* hello);
+std::size_t lund_encode_hello(lund_byte* out, std::size_t capacity,
+                              const lund_packet_header* header, const lund_hello* hello);
 int lund_decode_hello(const lund_byte* data, std::size_t size, lund_hello* hello);
 
 std::size_t lund_encode_hello_ack(lund_byte* out, std::size_t capacity,
@@ -269,8 +270,8 @@ std::size_t lund_encode_cursor_shape(lund_byte* out, std::size_t capacity,
 int lund_decode_cursor_shape(const lund_byte* data, std::size_t size, lund_cursor_shape* shape,
                              const lund_byte** chunk, std::size_t* chunk_size);
 
-std::size_t lund_encode_input(lund_byte* out, std::size_t capacity, const lund_packet_header* header,
-                              const lund_input_batch* batch);
+std::size_t lund_encode_input(lund_byte* out, std::size_t capacity,
+                              const lund_packet_header* header, const lund_input_batch* batch);
 // `events` has room for LUND_INPUT_MAX.
 int lund_decode_input(const lund_byte* data, std::size_t size, std::uint32_t* seq,
                       lund_input_event* events, int* count);
@@ -280,9 +281,9 @@ std::size_t lund_encode_mouse_abs(lund_byte* out, std::size_t capacity,
                                   std::uint16_t x, std::uint16_t y);
 int lund_decode_mouse_abs(const lund_byte* data, std::size_t size, lund_mouse_abs* mouse);
 
-std::size_t lund_encode_audio(lund_byte* out, std::size_t capacity, const lund_packet_header* header,
-                              const lund_audio_packet* audio, const lund_byte* opus,
-                              std::size_t opus_size);
+std::size_t lund_encode_audio(lund_byte* out, std::size_t capacity,
+                              const lund_packet_header* header, const lund_audio_packet* audio,
+                              const lund_byte* opus, std::size_t opus_size);
 int lund_decode_audio(const lund_byte* data, std::size_t size, lund_audio_packet* audio,
                       const lund_byte** opus, std::size_t* opus_size);
 

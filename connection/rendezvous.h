@@ -28,8 +28,8 @@ inline constexpr std::size_t LUND_RV_ENDPOINT_SIZE = 19;
 struct lund_rv_message {
   std::uint8_t type = 0;
   std::uint8_t status = 0;
-  std::uint8_t side = 0;          // 0 host, 1 client
-  std::uint8_t target_size = 0;   // 5 to 16
+  std::uint8_t side = 0;         // 0 host, 1 client
+  std::uint8_t target_size = 0;  // 5 to 16
   std::uint16_t lease_seconds = 0;
   std::uint32_t allocation = 0;
   std::uint32_t nonce = 0;

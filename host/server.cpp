@@ -116,10 +116,8 @@ bool HostServer::create_engine() {
   std::copy_n(config.identity.public_key, LUND_KEY_SIZE, public_key_);
 
   host_ = lund_host_create(&config, &clients, password_blob.c_str());
-  if (host_) {
-    if (lund_cpu::close_initial_pairing(options_.machine_mode)) lund_host_pairing_close(host_);
-    set_run_password();
-  }
+  if (host_ && lund_cpu::close_initial_pairing(options_.machine_mode))
+    lund_host_pairing_close(host_);
   const int relay_count = config.relays.count;
   lund_secure_wipe(password_blob.data(), password_blob.size());
   lund_secure_wipe(&config.identity, sizeof config.identity);
@@ -131,14 +129,6 @@ bool HostServer::create_engine() {
   next_lan_scan_us_ = lund_now_us() + LAN_SCAN_PERIOD_US;
   log_identity(clients.count, relay_count);
   return true;
-}
-
-// A password given for this run alone: derived, and stored nowhere.
-void HostServer::set_run_password() {
-  if (options_.pin.empty()) return;
-  char blob[LUND_PASSWORD_BLOB_MAX] = {};
-  lund_host_set_password(host_, options_.pin.c_str(), blob, sizeof blob);
-  lund_secure_wipe(blob, sizeof blob);
 }
 
 void HostServer::log_identity(int client_count, int relay_count) {

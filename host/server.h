@@ -126,7 +126,6 @@ class HostServer {
 
   // server.cpp
   bool create_engine();
-  void set_run_password();
   void log_identity(int client_count, int relay_count);
   void receive_loop();
   void conn_loop();

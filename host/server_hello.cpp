@@ -37,6 +37,7 @@ void HostServer::handle_hello(const std::uint8_t* data, std::size_t size, const 
     running = sessions_list_;
     waiting = jobs_;
   }
+  slots.reserve(running.size() + waiting.size());
   for (const SessionPtr& session : running)
     slots.push_back({session->setup.client, session->setup.session, session->setup.screen, false,
                      session->started, session->setup.hello == job->hello});

@@ -181,9 +181,7 @@ int run_connect(const Arguments& args) {
   return status;
 }
 
-}  // namespace
-
-int main(int argc, char** argv) {
+int run_program(int argc, char** argv) {
   Arguments args;
   CLI::App app{"Finds, pairs with and receives the screen of a Lunderhaze host."};
   app.set_version_flag("--version", LUND_VERSION_TEXT);
@@ -236,4 +234,14 @@ int main(int argc, char** argv) {
   if (discover->parsed()) return run_discover(args);
   if (pair->parsed()) return run_pair(args);
   return run_connect(args);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  try {
+    return run_program(argc, argv);
+  } catch (const std::exception& error) {  // out of memory, or a disk that throws
+    return fail(EXIT_LOCAL, error.what());
+  }
 }

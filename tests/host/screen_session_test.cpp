@@ -1,4 +1,4 @@
-// A running session: frames, pointer, sound, input, and the line of each second.
+// A running session: frames, pointer, and the line of each second.
 #include "host/screen_session.h"
 
 #include <gmock/gmock.h>
@@ -27,36 +27,11 @@ CursorBitmap cursor(std::uint8_t shade, int side = 8) {
   return bitmap;
 }
 
-lund_input_event motion(int dx, int dy) {
-  return {LUND_INPUT_MOTION, 0, 0, dx, dy};
-}
-lund_input_event button(std::uint16_t code, bool down) {
-  return {LUND_INPUT_BUTTON, std::uint8_t{down}, code, 0, 0};
-}
-lund_input_event key(std::uint16_t code, bool down) {
-  return {LUND_INPUT_KEY, std::uint8_t{down}, code, 0, 0};
-}
-
 class ScreenSessionTest : public HostWorld {
  protected:
   FakeCapture& capture(std::size_t index = 0) { return *platform.captures[index]; }
   FakeAudio& audio() { return *platform.audios[0]; }
 
-  std::uint32_t acknowledged(TestLink& link) {
-    const std::vector<peer::bytes> acks = link.receive(LUND_PKT_INPUT_ACK);
-    std::uint32_t seq = 0xFFFFFFFF;
-    EXPECT_EQ(acks.size(), 1u);
-    if (acks.empty() || lund_decode_u32_packet(acks[0].data(), acks[0].size(), &seq) != 0)
-      ADD_FAILURE() << "no acknowledgement";
-    return seq;
-  }
-  // What has been played since the last call.
-  std::vector<std::string> played() {
-    std::vector<std::string> calls(platform.input->begin() + static_cast<std::ptrdiff_t>(seen_),
-                                   platform.input->end());
-    seen_ = platform.input->size();
-    return calls;
-  }
   // Lines that belong to a session's second.
   std::vector<std::string> seconds() {
     std::vector<std::string> lines = log();
@@ -72,9 +47,6 @@ class ScreenSessionTest : public HostWorld {
     if (flags) *flags = packets[0][3];
     return pos;
   }
-  void audio_control(TestLink& link, bool on) {
-    link.send(peer::packet(LUND_PKT_AUDIO_CONTROL, 0, {std::uint8_t{on}}));
-  }
   // Ticks while the client stays alive.
   void run_alive_ms(TestLink& link, std::uint64_t ms) {
     for (std::uint64_t done = 0; done < ms; done += 100) {
@@ -82,9 +54,6 @@ class ScreenSessionTest : public HostWorld {
       run_ms(100);
     }
   }
-
- private:
-  std::size_t seen_ = 0;
 };
 
 lund_hello with_audio() {
@@ -314,249 +283,6 @@ TEST_F(ScreenSessionTest, APositionIsRepeatedAfterASecondOfRest) {
   ASSERT_TRUE(repeated);
   EXPECT_EQ(repeated->x, 9);
   EXPECT_EQ(flags, 0);
-}
-
-// ---- Sound
-
-TEST_F(ScreenSessionTest, SoundStartsWithTheSessionWhenTheHelloAsks) {
-  TestLink laptop = stream(with_audio());
-  EXPECT_TRUE(audio().running);
-  EXPECT_THAT(log(), Not(Contains(HasSubstr("(client request)"))));
-  const std::uint8_t opus[] = {1, 2, 3};
-  audio().object->packet(opus, sizeof opus, 777);
-  audio().object->packet(opus, sizeof opus, 778);
-  const std::vector<peer::bytes> packets = laptop.receive(LUND_PKT_AUDIO);
-  ASSERT_EQ(packets.size(), 2u);
-  lund_audio_packet packet;
-  const std::uint8_t* data = nullptr;
-  std::size_t size = 0;
-  ASSERT_EQ(lund_decode_audio(packets[0].data(), packets[0].size(), &packet, &data, &size), 0);
-  EXPECT_EQ(packet.seq, 1u);
-  EXPECT_EQ(packet.timestamp_us, 777u);
-  EXPECT_EQ(peer::bytes(data, data + size), peer::bytes({1, 2, 3}));
-  laptop.bye();
-  EXPECT_FALSE(audio().running);
-}
-
-TEST_F(ScreenSessionTest, AudioControlIsAppliedByTheNextTickAndLogged) {
-  TestLink laptop = stream(with_audio());
-  int changes = 0;
-  host().on_status_change = [&] {
-    ++changes;
-    host().status();  // a reader may look at once
-  };
-  audio_control(laptop, false);
-  EXPECT_TRUE(audio().running);
-  log();
-  run_ms(100);
-  EXPECT_FALSE(audio().running);
-  EXPECT_FALSE(host().status().audio_running);
-  EXPECT_EQ(changes, 1);
-  EXPECT_THAT(log(), ElementsAre("audio stopped (client request)"));
-  audio_control(laptop, true);
-  run_ms(100);
-  EXPECT_THAT(log(), ElementsAre("audio resumed (client request)"));
-  EXPECT_EQ(audio().starts, 2);
-}
-
-TEST_F(ScreenSessionTest, TheFirstSettingOfSoundLogsNothing) {
-  TestLink laptop = stream();
-  audio_control(laptop, true);
-  log();
-  run_ms(100);
-  EXPECT_TRUE(audio().running);
-  EXPECT_THAT(log(), IsEmpty());
-}
-
-TEST_F(ScreenSessionTest, AudioControlOfScreen1ReachesScreen0) {
-  platform.add_display("DP-2", 1920);
-  TestLink main = stream();
-  TestLink side = stream(hello_for(1));
-  audio_control(side, true);
-  run_ms(100);
-  EXPECT_TRUE(audio().running);
-  EXPECT_EQ(platform.audios.size(), 1u);  // the side screen has none
-}
-
-TEST_F(ScreenSessionTest, AudioControlOnAHostWithoutAudioIsIgnoredWithAWord) {
-  options.audio = false;
-  TestLink laptop = stream(with_audio());
-  log();
-  audio_control(laptop, true);
-  EXPECT_THAT(log(),
-              ElementsAre("AUDIO_CONTROL 1 ignored: audio is disabled on this host (--no-audio)"));
-  EXPECT_THAT(platform.audios, IsEmpty());
-  EXPECT_FALSE(host().status().audio_allowed);
-}
-
-TEST_F(ScreenSessionTest, AComputerWithoutSoundAllowsNone) {
-  platform.has_audio = false;
-  TestLink laptop = stream(with_audio());
-  EXPECT_FALSE(session(laptop)->setup.audio_allowed);
-  EXPECT_THAT(log(), Contains(HasSubstr("audio off")));
-}
-
-TEST_F(ScreenSessionTest, AWishForSoundOutlivesTheSession) {
-  TestLink first = stream();
-  audio_control(first, true);
-  TestLink again = stream();  // replaces; its HELLO doesn't ask for sound
-  EXPECT_TRUE(platform.audios[1]->running);
-  EXPECT_FALSE(session(again)->setup.audio_requested);
-  audio_control(again, false);
-  TestLink third = stream(with_audio());
-  EXPECT_FALSE(platform.audios[2]->running);
-  EXPECT_TRUE(session(third)->setup.audio_requested);
-}
-
-TEST_F(ScreenSessionTest, AWishForSoundEndsWithTheClientsBye) {
-  TestLink first = stream();
-  audio_control(first, true);
-  first.bye();
-  stream();
-  EXPECT_FALSE(platform.audios[1]->running);
-}
-
-// ---- The client's packets
-
-TEST_F(ScreenSessionTest, APingIsAnsweredWithTheHostsTime) {
-  TestLink laptop = stream();
-  laptop.ping();
-  const std::vector<peer::bytes> packets = laptop.receive();
-  ASSERT_EQ(packets.size(), 1u);
-  EXPECT_EQ(packets[0][2], LUND_PKT_PONG);
-  lund_ping pong;
-  ASSERT_EQ(lund_decode_ping(packets[0].data(), packets[0].size(), &pong), 0);
-  EXPECT_EQ(pong.seq, 1u);
-  EXPECT_EQ(pong.client_time_us, 42u);
-  EXPECT_EQ(pong.host_time_us, lund_now_us());
-}
-
-TEST_F(ScreenSessionTest, ABitrateRequestIsBroughtIntoRange) {
-  TestLink laptop = stream();
-  log();
-  for (const std::uint32_t kbps : {0u, 8'000u, 1'000'000u})
-    laptop.u32(LUND_PKT_BITRATE_REQUEST, kbps);
-  EXPECT_THAT(capture().bitrates, ElementsAre(500, 8'000, 500'000));
-  EXPECT_THAT(log(), ElementsAre("bitrate -> 500 kbps (client request)",
-                                 "bitrate -> 8000 kbps (client request)",
-                                 "bitrate -> 500000 kbps (client request)"));
-  EXPECT_EQ(host().status().screens[0].bitrate_kbps, 500'000);
-}
-
-TEST_F(ScreenSessionTest, PacketsThatDoNotDecodeAreDropped) {
-  TestLink laptop = stream();
-  platform.input->clear();
-  log();
-  for (const std::uint8_t type :
-       {LUND_PKT_PING, LUND_PKT_CLIENT_STATS, LUND_PKT_BITRATE_REQUEST, LUND_PKT_AUDIO_CONTROL,
-        LUND_PKT_CURSOR_REQUEST, LUND_PKT_MOUSE_ABS})
-    laptop.send(peer::packet(type));
-  EXPECT_THAT(laptop.receive(), IsEmpty());
-  EXPECT_THAT(log(), IsEmpty());
-  EXPECT_THAT(*platform.input, IsEmpty());
-}
-
-TEST_F(ScreenSessionTest, ClipboardPacketsReachTheClipboard) {
-  TestLink laptop = stream();
-  laptop.send(peer::packet(LUND_PKT_CLIPBOARD, 0, peer::bytes(13)));
-  laptop.send(peer::packet(LUND_PKT_CLIPBOARD_ACK, 0, peer::bytes(6)));
-  EXPECT_THAT(platform.clipboard->calls, ElementsAre("start 1376", "receive 21", "receive 14"));
-}
-
-// ---- Input
-
-TEST_F(ScreenSessionTest, EachKindOfInputIsPlayed) {
-  TestLink laptop = stream();
-  played();
-  laptop.input(1, {motion(-3, 4),
-                   button(2, true),
-                   {LUND_INPUT_WHEEL, 0, 0, 120, -240},
-                   key(0xE0, true),
-                   key(0xE0, false),
-                   {LUND_INPUT_RELEASE_ALL, 0, 0, 0, 0},
-                   {200, 1, 1, 1, 1},  // of no kind; uses up its number
-                   button(2, false)});
-  EXPECT_THAT(played(), ElementsAre("rel -3 4 on 0,0 1920x1080", "button 2 1", "wheel 120 -240",
-                                    "key 224 1", "key 224 0", "release", "button 2 0"));
-  EXPECT_EQ(acknowledged(laptop), 8u);
-}
-
-TEST_F(ScreenSessionTest, ABatchPlaysOnlyWhatIsNewAndNothingBehindAGap) {
-  TestLink laptop = stream();
-  laptop.input(1, std::vector<lund_input_event>(6, key(4, true)));
-  EXPECT_EQ(acknowledged(laptop), 6u);
-  played();
-  laptop.input(9, {key(9, true), key(10, true)});
-  EXPECT_EQ(acknowledged(laptop), 6u);
-  EXPECT_THAT(played(), IsEmpty());
-  laptop.input(5, {key(5, true), key(6, true), key(7, true), key(8, true)});
-  EXPECT_EQ(acknowledged(laptop), 8u);
-  EXPECT_THAT(played(), ElementsAre("key 7 1", "key 8 1"));
-}
-
-TEST_F(ScreenSessionTest, ABatchThatDoesNotDecodeIsAcknowledgedWithTheOldSequence) {
-  TestLink laptop = stream();
-  laptop.input(1, {key(4, true), key(4, false)});
-  EXPECT_EQ(acknowledged(laptop), 2u);
-  played();
-  laptop.send(peer::packet(LUND_PKT_INPUT, 0, {3, 0, 0, 0, 5, LUND_INPUT_KEY, 1}));
-  EXPECT_EQ(acknowledged(laptop), 2u);
-  EXPECT_THAT(played(), IsEmpty());
-}
-
-TEST_F(ScreenSessionTest, InputSequencesDoNotWrap) {
-  TestLink laptop = stream();
-  played();
-  laptop.input(0, {key(4, true)});
-  EXPECT_EQ(acknowledged(laptop), 0u);
-  EXPECT_THAT(played(), IsEmpty());
-}
-
-TEST_F(ScreenSessionTest, AnOldMousePositionIsDropped) {
-  TestLink laptop = stream();
-  played();
-  const auto mouse = [&](std::uint32_t seq, std::uint16_t x) {
-    const lund_packet_header header;
-    peer::bytes packet(16);
-    lund_encode_mouse_abs(packet.data(), packet.size(), &header, seq, x, 7);
-    laptop.send(packet);
-  };
-  mouse(5, 50);
-  mouse(4, 40);
-  mouse(5, 51);
-  mouse(6, 60);
-  EXPECT_THAT(played(), ElementsAre("abs 50 7 on 0,0 1920x1080", "abs 60 7 on 0,0 1920x1080"));
-  EXPECT_THAT(laptop.receive(), IsEmpty());
-}
-
-TEST_F(ScreenSessionTest, WithoutAnInputFacilityEventsAreStillAcknowledged) {
-  platform.has_input = false;
-  TestLink laptop = stream();
-  laptop.input(1, {key(4, true), motion(1, 1)});
-  EXPECT_EQ(acknowledged(laptop), 2u);
-}
-
-TEST_F(ScreenSessionTest, InputFollowsAMonitorThatMoves) {
-  lund_hello hello;
-  hello.width = 960;
-  hello.height = 540;
-  TestLink laptop = stream(hello);
-  run_ms(100);  // the first look
-  played();
-  log();
-  platform.displays[0].left = -1280;
-  platform.displays[0].right = 0;
-  platform.displays[0].bottom = 720;
-  run_ms(400);
-  EXPECT_THAT(log(), IsEmpty());
-  run_ms(100);
-  EXPECT_THAT(log(), Contains("monitor DP-1 moved to (-1280,0) 1280x720; input follows"));
-  laptop.input(1, {motion(1, 2)});
-  EXPECT_THAT(played(), ElementsAre("rel 1 2 on -1280,0 960x540"));
-  platform.displays[0].right = -1280;  // a width of nothing is no place
-  log();
-  run_alive_ms(laptop, 600);
-  EXPECT_THAT(log(), Not(Contains(HasSubstr("moved"))));
 }
 
 // ---- The line of each second

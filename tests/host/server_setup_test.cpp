@@ -14,37 +14,14 @@ using testing::StartsWith;
 
 namespace {
 
-std::string code_of(const TestLink& link) {
-  char code[LUND_KEY_CODE_TEXT];
-  lund_key_code(code, reinterpret_cast<const std::uint8_t*>(link.key().data()));
-  return code;
-}
-
 std::string id_text(const TestLink& link) {
   char text[9];
   std::snprintf(text, sizeof text, "%08x", link.id());
   return text;
 }
 
-lund_hello wants_virtual(int screen = 0) {
-  lund_hello hello = hello_for(screen);
-  hello.display_mode = 1;
-  return hello;
-}
-
 class SessionSetupTest : public HostWorld {
  protected:
-  TestLink connected(std::uint8_t seed = LAPTOP, const char* address = LAPTOP_ADDRESS) {
-    TestLink made = link(seed, address);
-    EXPECT_TRUE(made.connect());
-    return made;
-  }
-  // What a HELLO is answered with once it has been set up.
-  std::optional<lund_hello_ack> answer(TestLink& link, const lund_hello& hello = {}) {
-    link.hello(hello);
-    setup();
-    return link.hello_ack();
-  }
   // A HELLO that no display serves.
   std::string refusal(const lund_hello& hello) {
     TestLink laptop = connected();
@@ -60,7 +37,7 @@ class SessionSetupTest : public HostWorld {
     EXPECT_THAT(host().sessions(), IsEmpty());
     EXPECT_EQ(platform.virtual_displays->leases, 0);
     const std::string start = "HELLO for screen " + std::to_string(hello.screen) +
-                              " from \"Laptop\" (" + code_of(laptop) +
+                              " from \"Laptop\" (" + laptop.code() +
                               ") rejected (status 4, no such screen): ";
     for (const std::string& line : log())
       if (line.starts_with(start)) return line.substr(start.size());
@@ -116,7 +93,7 @@ TEST_F(SessionSetupTest, TheStartLineTellsAll) {
   };
   ASSERT_TRUE(answer(laptop, hello));
   EXPECT_EQ(platform.captures[0]->settings.encoder, "libx");
-  EXPECT_TRUE(logged("session " + id_text(laptop) + " started: \"Laptop\" (" + code_of(laptop) +
+  EXPECT_TRUE(logged("session " + id_text(laptop) + " started: \"Laptop\" (" + laptop.code() +
                      ") via LAN 192.168.1.20:5000, H.264 1280x720@30 20000 kbps, datagram 1400 "
                      "(payload 1376), FEC 15%, audio on, encoder libopenh264 (display DP-1 "
                      "1920x1080@60Hz, client max 1280x800@30 mode 0, setup 250 ms)"));
@@ -133,8 +110,7 @@ TEST_F(SessionSetupTest, ASideScreensStartLineNamesItAndItsVirtualDisplay) {
   lund_hello hello = wants_virtual(2);
   hello.fec_percent = 30;
   TestLink side = stream(hello);
-  EXPECT_TRUE(logged("screen 2: session " + id_text(side) + " started: \"Laptop\" (" +
-                     code_of(side) +
+  EXPECT_TRUE(logged("screen 2: session " + id_text(side) + " started: \"Laptop\" (" + side.code() +
                      ") via LAN 192.168.1.20:5000, H.264 800x600@50 20000 kbps, datagram 1400 "
                      "(payload 1376), FEC 30%, audio off, encoder libopenh264 (virtual display "
                      "VIRTUAL-1 800x600@50Hz, client max 0x0@0 mode 1, setup 0 ms)"));
@@ -209,149 +185,6 @@ TEST_F(SessionSetupTest, AClientThatSaysByeAtItsHelloAckStartsNoCapture) {
   EXPECT_EQ(platform.captures[0]->starts, 0);
   EXPECT_EQ(platform.captures[0]->object, nullptr);
   EXPECT_EQ(platform.clipboard->calls.back(), "end");
-}
-
-// ---- The decision's consequences
-
-TEST_F(SessionSetupTest, AnotherClientIsBusyAlsoForABadScreenAndItIsLoggedEvery5Seconds) {
-  TestLink tablet = connected(TABLET, "192.168.1.30:5000");  // while the host is still free
-  stream();
-  log();
-  for (int i = 0; i < 3; ++i) {
-    const auto ack = answer(tablet, hello_for(9));
-    ASSERT_TRUE(ack);
-    EXPECT_EQ(ack->status, LUND_HELLO_BUSY);
-  }
-  const std::string line =
-      "HELLO from \"Tablet\" (" + code_of(tablet) + "): busy (another device is connected)";
-  EXPECT_THAT(log(), Contains(line).Times(1));
-  virtual_time::advance_us(5'000'000);
-  tablet.hello();
-  EXPECT_THAT(log(), Not(Contains(line)));
-  virtual_time::advance_us(1);
-  tablet.hello();
-  EXPECT_THAT(log(), Contains(line));
-}
-
-TEST_F(SessionSetupTest, ABadScreenIsRefusedAndLoggedEvery5SecondsAScreen) {
-  TestLink laptop = connected();
-  log();
-  const auto ack = answer(laptop, hello_for(4));
-  ASSERT_TRUE(ack);
-  EXPECT_EQ(ack->status, LUND_HELLO_REFUSED);
-  const std::string line = "HELLO for screen 4 from \"Laptop\" (" + code_of(laptop) +
-                           ") rejected (status 4, no such screen): screens are 0..3";
-  EXPECT_THAT(log(), Contains(line));
-  laptop.hello(hello_for(5));  // shares the time stamp
-  EXPECT_THAT(log(), IsEmpty());
-  virtual_time::advance_us(4'999'999);
-  laptop.hello(hello_for(4));
-  EXPECT_THAT(log(), IsEmpty());
-  virtual_time::advance_us(1);
-  laptop.hello(hello_for(4));
-  EXPECT_THAT(log(), ElementsAre(line));
-}
-
-TEST_F(SessionSetupTest, TheSameHelloBeforeAnythingElseGetsTheSameAckAndAKeyframe) {
-  platform.displays[0].width = 2560;
-  TestLink laptop = connected();
-  const auto first = answer(laptop);
-  ASSERT_TRUE(first);
-  EXPECT_EQ(platform.captures[0]->keyframe_requests, 0);
-  const auto second = answer(laptop);
-  ASSERT_TRUE(second);
-  EXPECT_EQ(second->width, first->width);
-  EXPECT_EQ(second->max_datagram, first->max_datagram);
-  EXPECT_EQ(second->bitrate_kbps, first->bitrate_kbps);
-  EXPECT_EQ(platform.captures[0]->keyframe_requests, 1);
-  EXPECT_EQ(platform.captures.size(), 1u);
-}
-
-TEST_F(SessionSetupTest, TheSameHelloAfterOtherPacketsRebuildsTheSession) {
-  TestLink laptop = stream();
-  laptop.ping();
-  log();
-  const auto ack = answer(laptop);
-  ASSERT_TRUE(ack);
-  EXPECT_EQ(ack->status, LUND_HELLO_ACCEPTED);
-  EXPECT_EQ(platform.captures.size(), 2u);
-  EXPECT_EQ(platform.captures[0]->stops, 1);
-  EXPECT_EQ(host().sessions().size(), 1u);
-  EXPECT_THAT(
-      log(),
-      Contains(HasSubstr(" ended (replaced by a new HELLO from the same client): \"Laptop\"")));
-}
-
-TEST_F(SessionSetupTest, AReplacementOnAnotherEngineSessionClosesTheOldOneWithoutABye) {
-  TestLink old = stream();
-  TestLink fresh = connected();
-  ASSERT_TRUE(answer(fresh));
-  EXPECT_EQ(host().sessions().size(), 1u);
-  EXPECT_TRUE(session(fresh));
-  EXPECT_THAT(old.receive(LUND_PKT_BYE), IsEmpty());
-  old.hello();  // nobody knows the old link any more
-  setup();
-  EXPECT_FALSE(old.hello_ack());
-}
-
-TEST_F(SessionSetupTest, ARepeatedHelloDuringTheSetupIsIgnored) {
-  TestLink laptop = connected();
-  laptop.hello();
-  laptop.hello();
-  EXPECT_EQ(host().status().pending, 1u);
-  setup();
-  EXPECT_TRUE(laptop.hello_ack());
-  EXPECT_EQ(platform.captures.size(), 1u);
-}
-
-TEST_F(SessionSetupTest, AnotherHelloDuringTheSetupCancelsItAndQueuesANewOne) {
-  TestLink laptop = connected();
-  lund_hello other;
-  other.width = 800;
-  other.height = 600;
-  bool again = true;
-  platform.prepare_capture = [&](FakeCapture& capture) {
-    capture.during_init = [&] {
-      if (again) laptop.hello(other);
-      again = false;
-    };
-  };
-  laptop.hello();
-  setup();
-  const auto ack = laptop.hello_ack();  // one only
-  ASSERT_TRUE(ack);
-  EXPECT_EQ(ack->width, 800);
-  EXPECT_EQ(platform.captures.size(), 2u);
-  EXPECT_EQ(platform.captures[0]->starts, 0);
-  EXPECT_EQ(host().status().pending, 0u);
-}
-
-TEST_F(SessionSetupTest, AScreenNeedsAnEngineSessionOfItsOwn) {
-  platform.add_display("DP-2", 1920);
-  platform.add_display("DP-3", 3840);
-  TestLink main = stream();
-  stream(hello_for(1));
-  main.hello(hello_for(2));
-  setup();
-  EXPECT_FALSE(main.hello_ack());
-  EXPECT_EQ(host().sessions().size(), 2u);
-  stream(hello_for(2));
-  EXPECT_EQ(host().sessions().size(), 3u);
-}
-
-TEST_F(SessionSetupTest, AHelloThatDoesNotDecodeGetsNoAnswer) {
-  TestLink laptop = connected();
-  laptop.send(peer::packet(LUND_PKT_HELLO, 0, peer::bytes(30)));
-  setup();
-  EXPECT_THAT(laptop.receive(), IsEmpty());
-}
-
-TEST_F(SessionSetupTest, AHelloWithoutTheLastTwoBytesIsForScreen0) {
-  TestLink laptop = connected();
-  laptop.send(peer::packet(LUND_PKT_HELLO, 0, peer::bytes(31)));
-  setup();
-  EXPECT_TRUE(laptop.hello_ack());
-  EXPECT_EQ(session(laptop)->setup.screen, 0);
 }
 
 // ---- No display
@@ -527,49 +360,6 @@ TEST_F(SessionSetupTest, ACancelledSetupWhoseCaptureFailsTellsTheClientNothing) 
   EXPECT_EQ(laptop.receive(LUND_PKT_BYE).size(), 1u);
 }
 
-// ---- Races
-
-// The moment between the end of the old session and the queueing of the new one is the only one in
-// which another client's HELLO finds the host free.
-TEST_F(SessionSetupTest, AClientThatLostTheRaceIsBusyAndLeavesNoLease) {
-  TestLink tablet = connected(TABLET, "192.168.1.30:5000");
-  TestLink laptop = stream();
-  laptop.ping();
-  laptop.receive();
-  platform.captures[0]->during_stop = [&] { tablet.hello(); };
-  laptop.hello();
-  EXPECT_EQ(host().status().pending, 2u);
-  ASSERT_TRUE(host().setup_step());
-  EXPECT_TRUE(session(tablet));
-  platform.displays.clear();
-  platform.virtual_displays->usable = true;
-  ASSERT_TRUE(host().setup_step());
-  const auto ack = laptop.hello_ack();
-  ASSERT_TRUE(ack);
-  EXPECT_EQ(ack->status, LUND_HELLO_BUSY);
-  EXPECT_EQ(host().sessions().size(), 1u);
-  EXPECT_THAT(platform.virtual_displays->calls, ElementsAre("acquire 0 1920 1080 60", "release 0"));
-  EXPECT_EQ(platform.captures.back()->object, nullptr);
-}
-
-TEST_F(SessionSetupTest, ASetupCancelledWhileItLooksForADisplayReleasesItAndSaysNothing) {
-  platform.displays.clear();
-  platform.virtual_displays->usable = true;
-  TestLink laptop = connected();
-  platform.on_list_displays = [&] {
-    platform.on_list_displays = nullptr;
-    laptop.hello(wants_virtual());
-  };
-  laptop.hello();
-  ASSERT_TRUE(host().setup_step());
-  EXPECT_THAT(platform.captures, IsEmpty());
-  EXPECT_EQ(platform.virtual_displays->leases, 0);
-  EXPECT_THAT(laptop.receive(), IsEmpty());
-  setup();
-  EXPECT_TRUE(laptop.hello_ack());
-  EXPECT_EQ(platform.virtual_displays->leases, 1);
-}
-
 // ---- The end
 
 TEST_F(SessionSetupTest, TheEndLineSumsTheSessionUp) {
@@ -583,7 +373,7 @@ TEST_F(SessionSetupTest, TheEndLineSumsTheSessionUp) {
   log();
   laptop.bye();
   EXPECT_TRUE(logged("session " + id_text(laptop) + " ended (BYE from client): \"Laptop\" (" +
-                     code_of(laptop) + "), 1.5 s, 3 frames, 1.5 MB, 1 keyframes, 3 send errors"));
+                     laptop.code() + "), 1.5 s, 3 frames, 1.5 MB, 1 keyframes, 3 send errors"));
   EXPECT_EQ(platform.input->back(), "release");
 }
 

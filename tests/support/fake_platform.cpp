@@ -87,9 +87,9 @@ class Clipboard final : public HostClipboard {
  public:
   explicit Clipboard(std::shared_ptr<FakeClipboard> record) : record_(std::move(record)) {}
   void session_start(std::uint32_t, int payload, Send send) override {
+    if (record_->on_start) record_->on_start();
     record_->calls.push_back(words("start", payload));
     record_->send = std::move(send);
-    if (record_->on_start) record_->on_start();
   }
   void session_end(std::uint32_t) override { record_->calls.push_back("end"); }
   void resize(std::uint32_t, int payload) override {

@@ -37,7 +37,7 @@ struct FakeAudio {
 
 struct FakeClipboard {
   std::vector<std::string> calls;
-  std::function<void()> on_start;
+  std::function<void()> on_start;  // before it is written down
   HostClipboard::Send send;
 };
 

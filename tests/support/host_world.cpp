@@ -13,6 +13,12 @@ lund_hello hello_for(int screen) {
   return hello;
 }
 
+lund_hello wants_virtual(int screen) {
+  lund_hello hello = hello_for(screen);
+  hello.display_mode = 1;
+  return hello;
+}
+
 // ---- The client
 
 TestLink::TestLink(HostWorld& world, std::uint8_t seed, const char* address)
@@ -60,6 +66,12 @@ void TestLink::input(std::uint32_t seq, const std::vector<lund_input_event>& eve
   peer::bytes packet(1024);
   packet.resize(lund_encode_input(packet.data(), packet.size(), &header, &batch));
   send(packet);
+}
+
+std::string TestLink::code() const {
+  char code[LUND_KEY_CODE_TEXT];
+  lund_key_code(code, peer_.keys.public_key);
+  return code;
 }
 
 std::vector<peer::bytes> TestLink::receive() {
@@ -122,12 +134,21 @@ HostServer& HostWorld::host() {
   return *host_;
 }
 
-TestLink HostWorld::stream(const lund_hello& hello, std::uint8_t seed, const char* address) {
+TestLink HostWorld::connected(std::uint8_t seed, const char* address) {
   TestLink made = link(seed, address);
   EXPECT_TRUE(made.connect());
-  made.hello(hello);
+  return made;
+}
+
+std::optional<lund_hello_ack> HostWorld::answer(TestLink& link, const lund_hello& hello) {
+  link.hello(hello);
   setup();
-  const auto ack = made.hello_ack();
+  return link.hello_ack();
+}
+
+TestLink HostWorld::stream(const lund_hello& hello, std::uint8_t seed, const char* address) {
+  TestLink made = connected(seed, address);
+  const auto ack = answer(made, hello);
   EXPECT_TRUE(ack && ack->status == LUND_HELLO_ACCEPTED);
   return made;
 }

@@ -42,6 +42,7 @@ class TestLink {
   std::size_t largest_datagram();
 
   std::uint32_t id() const { return peer_.session.session_id; }
+  std::string code() const;  // the client's key code
   std::string key() const { return {peer_.keys.public_key, peer_.keys.public_key + LUND_KEY_SIZE}; }
 
  private:
@@ -68,6 +69,9 @@ class HostWorld : public testing::Test {
   TestLink link(std::uint8_t seed = LAPTOP, const char* address = LAPTOP_ADDRESS) {
     return {*this, seed, address};
   }
+  TestLink connected(std::uint8_t seed = LAPTOP, const char* address = LAPTOP_ADDRESS);
+  // What a HELLO is answered with once it has been set up.
+  std::optional<lund_hello_ack> answer(TestLink& link, const lund_hello& hello = {});
   // A link whose HELLO has been set up; the HELLO_ACK is taken in.
   TestLink stream(const lund_hello& hello = {}, std::uint8_t seed = LAPTOP,
                   const char* address = LAPTOP_ADDRESS);
@@ -98,3 +102,4 @@ class HostWorld : public testing::Test {
 };
 
 lund_hello hello_for(int screen);
+lund_hello wants_virtual(int screen = 0);  // asks for a virtual display

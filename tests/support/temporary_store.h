@@ -1,10 +1,12 @@
-// A store of the test's own: while it lives, the user's directories (and so the host's store and
-// log) lie in a fresh temporary directory, which goes with it.
+// A store and a log of the test's own: while it lives, both lie in a fresh temporary directory,
+// which goes with it.
 #pragma once
 
 #include <filesystem>
 #include <string>
 #include <vector>
+
+#include "tests/support/temp_directory.h"
 
 class TemporaryStore {
  public:
@@ -13,12 +15,11 @@ class TemporaryStore {
   TemporaryStore(const TemporaryStore&) = delete;
   TemporaryStore& operator=(const TemporaryStore&) = delete;
 
-  const std::filesystem::path& path() const { return path_; }
-  // Makes every later write into the store fail.
-  void break_store();
+  void break_store();          // every later write fails
+  void break_machine_store();  // the same, and the store is the machine's from now on
   // The log's lines without their time stamps, in order; the banner is not among them.
   std::vector<std::string> log_lines() const;
 
  private:
-  std::filesystem::path path_;
+  TempDirectory directory_;
 };

@@ -21,10 +21,18 @@ void advance_us(std::uint64_t us) {
   wall_us += us;
 }
 
-void set_wall_us(std::uint64_t us) { wall_us = us; }
+void set_wall_us(std::uint64_t us) {
+  wall_us = us;
+}
 
 }  // namespace virtual_time
 
-std::uint64_t lund_now_us() { return now_us; }
-std::uint64_t lund_now_ns() { return now_us * 1000; }
-std::uint64_t lund_wall_us() { return wall_us; }
+std::uint64_t lund_now_us() {
+  return now_us;
+}
+std::uint64_t lund_now_ns() {
+  return now_us * 1000;
+}
+std::uint64_t lund_wall_us() {
+  return wall_us;
+}

@@ -1,4 +1,5 @@
 // Bad input and bad luck: each gives a clear text and the right exit status, and nothing is lost.
+#include <signal.h>
 #include <sys/mount.h>
 #include <unistd.h>
 
@@ -98,6 +99,52 @@ TEST_F(TroubleTest, ANewHostKeyAtTheOldAddressGivesNoStream) {
   start_host();
   expect_said(client({"connect", "--host", host_address(), "--seconds", "1"}), 2,
               "no answer from the host");
+}
+
+TEST_F(TroubleTest, AStreamThatNoEncoderTakesIsRefusedInWords) {
+  start_desktop(8200, 64);  // wider than any encoder here takes
+  start_host();
+  pair();
+  expect_said(client({"connect", "--host", host_address(), "--seconds", "1"}), 3,
+              "the host could not start the stream");
+  EXPECT_NE(host_log().find("session rejected: no working capture/encoder"), std::string::npos);
+}
+
+TEST_F(TroubleTest, AScreenThatDoesNotExistIsRefused) {
+  start_desktop(640, 480);
+  start_host();
+  pair();
+  expect_said(client({"connect", "--host", host_address(), "--seconds", "1", "--screen", "2"}), 3,
+              "no such screen");
+  EXPECT_NE(host_log().find("see README: Virtual displays"), std::string::npos);
+}
+
+TEST_F(TroubleTest, ADisplayThatVanishesNeitherCrashesNorHangsTheHost) {
+  start_desktop(640, 480);
+  ChildProcess screen({program("lunderhaze-testscreen")}, environment_);
+  start_host();
+  pair();
+  ChildProcess receiver({program("lunderhaze-client"), "--store", (directory_ / "client").string(),
+                         "connect", "--host", host_address(), "--seconds", "0"},
+                        environment_);
+  ASSERT_TRUE(receiver.wait_for_output("fps", seconds(20))) << receiver.output();
+  desktop_->kill();
+  ASSERT_TRUE(receiver.wait_for_output("  0.0 fps", seconds(10))) << receiver.output();
+  EXPECT_EQ(stop_host(), 0) << host_->output();
+}
+
+TEST_F(TroubleTest, AHostThatIsKilledEndsTheClientWithWords) {
+  start_desktop(640, 480);
+  ChildProcess screen({program("lunderhaze-testscreen")}, environment_);
+  start_host();
+  pair();
+  ChildProcess receiver({program("lunderhaze-client"), "--store", (directory_ / "client").string(),
+                         "connect", "--host", host_address(), "--seconds", "0"},
+                        environment_);
+  ASSERT_TRUE(receiver.wait_for_output("fps", seconds(20))) << receiver.output();
+  host_->signal(SIGKILL);
+  EXPECT_EQ(receiver.wait(seconds(15)), 2) << receiver.output();
+  EXPECT_NE(receiver.output().find("the host has fallen silent"), std::string::npos);
 }
 
 TEST_F(TroubleTest, NobodyAtTheAddressIsANamedFailure) {

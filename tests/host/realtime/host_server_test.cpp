@@ -273,6 +273,7 @@ TEST_F(HostServerRealtimeTest, OfSeveralThreadsThatEndASessionOneDoes) {
     ASSERT_TRUE(session);
     std::atomic<bool> go{false};
     std::vector<std::thread> threads;
+    threads.reserve(5);
     for (int i = 0; i < 4; ++i)
       threads.emplace_back([&] {
         while (!go) std::this_thread::yield();
