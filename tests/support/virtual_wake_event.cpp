@@ -10,7 +10,9 @@ using State = std::atomic_ref<std::intptr_t>;  // 1 while signalled
 }
 
 WakeEvent::WakeEvent(Reset reset) : reset_(reset), handle_(0) {}
-WakeEvent::~WakeEvent() { State(handle_).store(0); }
+WakeEvent::~WakeEvent() {
+  State(handle_).store(0);
+}
 
 void WakeEvent::set() {
   State(handle_).store(1);
