@@ -89,9 +89,7 @@ void paint_frame(const Screen& s, unsigned frame, int box) {
   xcb_flush(s.connection);
 }
 
-}  // namespace
-
-int main(int argc, char** argv) {
+int run_program(int argc, char** argv) {
   double fps = 60;
   double seconds = 0;
   CLI::App app{"Paints a moving, time-stamped test picture over an X display."};
@@ -130,4 +128,15 @@ int main(int argc, char** argv) {
   }
   xcb_disconnect(s.connection);
   return 0;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  try {
+    return run_program(argc, argv);
+  } catch (const std::exception& error) {
+    std::fprintf(stderr, "lunderhaze-testscreen: %s\n", error.what());
+    return 2;
+  }
 }

@@ -116,7 +116,13 @@ HostWorld::HostWorld() {
   platform.add_display("DP-1", 0);
 }
 
+// A test's callbacks refer to its locals, which are gone by now; its sessions end only here.
 HostWorld::~HostWorld() {
+  if (host_) {
+    host_->on_status_change = nullptr;
+    host_->on_event = nullptr;
+    host_->on_pair_back = nullptr;
+  }
   host_.reset();
 }
 
