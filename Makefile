@@ -11,51 +11,52 @@ help:
 	@echo "make test             build and run all tests"
 	@echo "make lint             formatting, static analysis, the tree's own rules"
 	@echo "make sanitize         the tests under address, undefined-behaviour and thread sanitizers"
-	@echo "make soak             what takes long: ten minutes of streaming, random failures"
+	@echo "make soak             ten minutes of streaming under the address sanitizer"
 	@echo "make bench            benchmarks, each beside a rival"
 	@echo "make fuzz             each fuzz target for FUZZ_SECONDS (default 600)"
-	@echo "make windows          cross-build for Windows x64 into out/windows/"
-	@echo "make test-windows     run the Windows build's tests under Wine"
+	@echo "make windows          cross-build for Windows x64 what exists for it"
+	@echo "make test-windows     not there yet: no program runs on Windows so far"
 
+# $(call configure,packages to set up,preset,further arguments)
 define configure
-@scripts/setup linux
-@cmake --preset $(1) $(2) > build/.$(1).log 2>&1 || { cat build/.$(1).log; exit 1; }
+@scripts/setup $(1)
+@cmake --preset $(2) $(3) > build/.$(2).log 2>&1 || { cat build/.$(2).log; exit 1; }
 endef
 
 build:
 	@mkdir -p build
 
 run: | build
-	$(call configure,linux)
+	$(call configure,linux,linux,-DLUND_TESTS=OFF -DLUND_BENCH=OFF)
 	@cmake --build $(BUILD) -j $(JOBS) --target lunderhaze lunderhaze-client lunderhaze-testscreen
 	@scripts/run $(BUILD)/bin $(SECONDS) out/run
 
 test: | build
-	$(call configure,linux)
+	$(call configure,tests,linux)
 	@cmake --build $(BUILD) -j $(JOBS)
 	@ctest --test-dir $(BUILD) -j $(JOBS) --output-on-failure --no-tests=error
 
 lint: | build
-	$(call configure,linux)
+	$(call configure,tools,linux)
 	@scripts/lint $(BUILD)
 
 sanitize: | build
-	@scripts/setup linux
+	@scripts/setup tests
 	@scripts/sanitize
 
 soak: | build
-	$(call configure,linux-asan)
+	$(call configure,tests,linux-asan)
 	@cmake --build build/linux-asan -j $(JOBS) \
 	  --target lunderhaze lunderhaze-client lunderhaze-testscreen
 	@scripts/soak build/linux-asan/bin
 
 bench: | build
-	$(call configure,linux)
+	$(call configure,tests,linux)
 	@cmake --build $(BUILD) -j $(JOBS)
 	@scripts/bench $(BUILD)/bin
 
 fuzz: | build
-	$(call configure,fuzz)
+	$(call configure,tools,fuzz)
 	@cmake --build build/fuzz -j $(JOBS) --target fuzz_targets
 	@scripts/fuzz build/fuzz/bin $(or $(FUZZ_SECONDS),600)
 
