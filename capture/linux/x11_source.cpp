@@ -12,10 +12,10 @@
 #include <xcb/xfixes.h>
 
 #include <algorithm>
-#include <ctime>
 
 #include "capture/linux/x11.h"
 #include "connection/clock.h"
+#include "control/linux/deadline.h"
 #include "control/log.h"
 
 namespace {
@@ -61,15 +61,6 @@ class SharedPicture {
   std::uint8_t* pixels_ = nullptr;
   std::size_t size_ = 0;
 };
-
-timespec remaining(std::uint64_t deadline_us) {
-  const std::uint64_t now_us = lund_now_us();
-  const std::uint64_t us = deadline_us > now_us ? deadline_us - now_us : 0;
-  timespec left{};
-  left.tv_sec = static_cast<time_t>(us / 1'000'000);
-  left.tv_nsec = static_cast<long>(us % 1'000'000 * 1'000);
-  return left;
-}
 
 // Pictures are taken as they are, so the root window must hold what the converter reads: 32 bits a
 // pixel in the order blue, green, red, unused.
@@ -275,7 +266,7 @@ void X11Source::wait(std::uint64_t deadline_us, const WakeEvent& wake) const {
   const short events = stale_ ? 0 : POLLIN;
   pollfd polled[] = {{xcb_get_file_descriptor(connection_), events, 0},
                      {static_cast<int>(wake.native_handle()), POLLIN, 0}};
-  const timespec left = remaining(deadline_us);
+  const timespec left = time_left(deadline_us);
   ppoll(polled, std::size(polled), &left, nullptr);
 }
 

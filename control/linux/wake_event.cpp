@@ -9,6 +9,7 @@
 #include <system_error>
 
 #include "connection/clock.h"
+#include "control/linux/deadline.h"
 
 namespace {
 
@@ -16,15 +17,6 @@ namespace {
 bool consume(int descriptor) {
   std::uint64_t count = 0;
   return read(descriptor, &count, sizeof(count)) == static_cast<ssize_t>(sizeof(count));
-}
-
-timespec remaining(std::uint64_t deadline_us) {
-  const std::uint64_t now_us = lund_now_us();
-  const std::uint64_t us = deadline_us > now_us ? deadline_us - now_us : 0;
-  timespec left{};
-  left.tv_sec = static_cast<time_t>(us / 1'000'000);
-  left.tv_nsec = static_cast<long>(us % 1'000'000 * 1'000);
-  return left;
 }
 
 }  // namespace
@@ -54,7 +46,7 @@ bool WakeEvent::wait(std::uint32_t timeout_ms) {
   const std::uint64_t deadline_us = lund_now_us() + std::uint64_t{timeout_ms} * 1'000;
   for (;;) {
     pollfd polled{descriptor, POLLIN, 0};
-    const timespec left = remaining(deadline_us);
+    const timespec left = time_left(deadline_us);
     const int ready = ppoll(&polled, 1, &left, nullptr);
     // Of several threads that wait on an auto-reset event, the one that empties it has it.
     if (ready > 0 && (reset_ == Reset::Manual || consume(descriptor))) return true;
