@@ -87,7 +87,7 @@ TEST(KnownAnswers, TheCpaceDraftsPointsOfLowOrderAreWeak) {
   std::size_t ran = 0, weak = 0;
   for (; ran < vector["u"].size(); ++ran) {
     const bytes point = from_hex(vector["u"][ran]);
-    EXPECT_EQ(x25519(scalar, point), vector["q"][ran]) << "point " << ran;
+    EXPECT_EQ(x25519(scalar, point), vector["q"][ran].get<std::string>()) << "point " << ran;
     std::uint8_t isk[64];
     const int result = lund_cpace_isk(isk, nullptr, 0, scalar.data(), point.data(), point.data(),
                                       nullptr, 0, point.data(), nullptr, 0);
@@ -212,7 +212,7 @@ TEST(KnownAnswers, Rfc9106Argon2) {
     crypto_argon2(tag, sizeof tag, work.data(), config,
                   {password.data(), salt.data(), size_of(password), size_of(salt)},
                   {key.data(), ad.data(), size_of(key), size_of(ad)});
-    EXPECT_EQ(to_hex(tag), vector["tag"]) << vector;
+    EXPECT_EQ(to_hex(tag), vector["tag"].get<std::string>()) << vector;
     argon2id += config.algorithm == CRYPTO_ARGON2_ID;
     ++ran;
   }
