@@ -31,7 +31,7 @@ struct noise_vector : testing::Test {
     const lund_keypair client = keypair_of(vector["init_static"]);
     const lund_keypair host = keypair_of(vector["resp_static"]);
     const bytes prologue = field("init_prologue");
-    ASSERT_EQ(to_hex(host.public_key), vector["init_remote_static"]);
+    ASSERT_EQ(to_hex(host.public_key), vector["init_remote_static"].get<std::string>());
     lund_noise_ik_init(&initiator, true, prologue.data(), prologue.size(), &client,
                        host.public_key);
     lund_noise_ik_init(&responder, false, prologue.data(), prologue.size(), &host, nullptr);
