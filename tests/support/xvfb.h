@@ -29,7 +29,7 @@ class Xvfb {
   bool resize(int width, int height) const;  // within the size that it started with
 
  private:
-  void start(const std::vector<std::string>& display);
+  void start();
 
   std::string screen_;
   std::unique_ptr<ChildProcess> server_;

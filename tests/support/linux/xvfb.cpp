@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <unistd.h>
 #include <xcb/xcb.h>
 
 #include <algorithm>
@@ -21,35 +22,45 @@ std::string display_number(const std::string& output) {
   return {};
 }
 
+// A number that no other server takes, not even after this one was killed: a program under test
+// that connects again must not find another test's screen. Servers that choose for themselves take
+// the lowest free number, and tests that run side by side are processes of their own.
+int own_display_number() {
+  static int servers = 0;
+  constexpr int FIRST = 1000;
+  constexpr int COUNT = 50'000;
+  constexpr int SERVERS_A_PROCESS = 8;
+  return FIRST + (getpid() * SERVERS_A_PROCESS + servers++ % SERVERS_A_PROCESS) % COUNT;
+}
+
 }  // namespace
 
 Xvfb::Xvfb(int width, int height, int depth)
-    : screen_(std::to_string(width) + "x" + std::to_string(height) + "x" + std::to_string(depth)) {
-  start({});
+    : screen_(std::to_string(width) + "x" + std::to_string(height) + "x" + std::to_string(depth)),
+      display_(":" + std::to_string(own_display_number())) {
+  start();
   if (const char* former = std::getenv("DISPLAY")) former_display_ = former;
   setenv("DISPLAY", display_.c_str(), 1);
   unsetenv("WAYLAND_DISPLAY");
 }
 
-// Without a display it takes a free one.
-void Xvfb::start(const std::vector<std::string>& display) {
-  std::vector<std::string> command{"Xvfb", "-displayfd", "1", "-noreset", "-nolisten",
-                                   "tcp",  "-screen",    "0", screen_};
-  command.insert(command.begin() + 1, display.begin(), display.end());
-  server_ = std::make_unique<ChildProcess>(command);
+void Xvfb::start() {
+  server_ = std::make_unique<ChildProcess>(
+      std::vector<std::string>{"Xvfb", display_, "-displayfd", "1", "-noreset", "-nolisten", "tcp",
+                               "-screen", "0", screen_});
   const auto until = std::chrono::steady_clock::now() + START_DEADLINE;
-  std::string number;
-  while (number.empty() && std::chrono::steady_clock::now() < until) {
+  // The server writes its number once it accepts connections.
+  while (display_number(server_->output()).empty() && std::chrono::steady_clock::now() < until) {
     // No output holds this text, so each turn reads what has come.
     server_->wait_for_output({"\0", 1}, std::chrono::milliseconds(5));
-    number = display_number(server_->output());
   }
-  EXPECT_FALSE(number.empty()) << "Xvfb did not start; it said:\n" << server_->output();
-  if (!number.empty()) display_ = ":" + number;
+  const bool started = !display_number(server_->output()).empty();
+  EXPECT_TRUE(started) << "Xvfb did not start; it said:\n" << server_->output();
+  if (!started) display_.clear();
 }
 
 void Xvfb::restart() {
-  start({display_});
+  start();
 }
 
 Xvfb::~Xvfb() {
