@@ -44,7 +44,6 @@ bool matches(const lund_host_entry& host, const std::string& selector) {
   if (lund_key_code_parse(code, selector.c_str()) == 0 && std::memcmp(code, id, sizeof code) == 0)
     return true;
   lund_rv_endpoint address;
-  constexpr std::uint16_t HOST_PORT = 9876;
   return lund_addr_parse(&address, selector.c_str(), HOST_PORT) == 0 &&
          lund_rv_endpoint_equal(address, host.lan_endpoint);
 }

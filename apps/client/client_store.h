@@ -3,10 +3,13 @@
 // alone.
 #pragma once
 
+#include <cstdint>
 #include <filesystem>
 #include <string>
 
 #include "connection/lists.h"
+
+inline constexpr std::uint16_t HOST_PORT = 9876;  // where a host listens unless told otherwise
 
 class ClientStore {
  public:

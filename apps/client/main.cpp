@@ -26,8 +26,6 @@ enum ExitStatus : int {
   EXIT_LOCAL = 5,
 };
 
-constexpr std::uint16_t HOST_PORT = 9876;
-
 std::atomic<bool> stop_requested{false};
 void request_stop(int) {
   stop_requested = true;

@@ -73,11 +73,7 @@ TEST_F(StreamTest, FromALostFrameToTheNextKeyframeNothingIsRecorded) {
 
 TEST_F(StreamTest, AStillScreenSendsNoFramesAndCostsNextToNothing) {
   prepare(false);
-  ChildProcess receiver(
-      {program("lunderhaze-client"), "--store", (directory_ / "client").string(), "connect",
-       "--host", host_address(), "--seconds", "0", "--out", out().string()},
-      environment_);
-  ASSERT_TRUE(receiver.wait_for_output("fps", seconds(20))) << receiver.output();
+  ChildProcess& receiver = start_receiver({"--out", out().string()});
   const double before = host_->processor_seconds();
   const auto begin = std::chrono::steady_clock::now();
   const std::size_t said = receiver.output().size();
@@ -94,10 +90,7 @@ TEST_F(StreamTest, AStillScreenSendsNoFramesAndCostsNextToNothing) {
 
 TEST_F(StreamTest, StoppingTheHostTellsTheClient) {
   prepare(true);
-  ChildProcess receiver({program("lunderhaze-client"), "--store", (directory_ / "client").string(),
-                         "connect", "--host", host_address(), "--seconds", "0"},
-                        environment_);
-  ASSERT_TRUE(receiver.wait_for_output("fps", seconds(20))) << receiver.output();
+  ChildProcess& receiver = start_receiver();
   EXPECT_EQ(stop_host(), 0);
   EXPECT_EQ(receiver.wait(seconds(3)), 3) << receiver.output();
   EXPECT_NE(receiver.output().find("the host ended the stream"), std::string::npos);
@@ -107,11 +100,7 @@ TEST_F(StreamTest, StoppingTheHostTellsTheClient) {
 TEST_F(StreamTest, AClientThatIsKilledIsForgottenAfterThreeSecondsAndMayComeBack) {
   prepare(true);
   {
-    ChildProcess receiver(
-        {program("lunderhaze-client"), "--store", (directory_ / "client").string(), "connect",
-         "--host", host_address(), "--seconds", "0"},
-        environment_);
-    ASSERT_TRUE(receiver.wait_for_output("fps", seconds(20))) << receiver.output();
+    ChildProcess& receiver = start_receiver();
     receiver.signal(SIGKILL);
     receiver.wait(seconds(5));
   }
@@ -122,10 +111,7 @@ TEST_F(StreamTest, AClientThatIsKilledIsForgottenAfterThreeSecondsAndMayComeBack
 
 TEST_F(StreamTest, ASecondDeviceIsToldThatTheHostIsBusy) {
   prepare(true);
-  ChildProcess receiver({program("lunderhaze-client"), "--store", (directory_ / "client").string(),
-                         "connect", "--host", host_address(), "--seconds", "0"},
-                        environment_);
-  ASSERT_TRUE(receiver.wait_for_output("fps", seconds(20))) << receiver.output();
+  start_receiver();
   // The second device is paired by copying a host list; its key is unknown to the host.
   const RunResult other =
       run_program({program("lunderhaze-client"), "--store", (directory_ / "other").string(), "pair",

@@ -69,6 +69,7 @@ void SystemTest::TearDown() {
     if (host_) ADD_FAILURE() << "the host said:\n" << host_->output();
     ADD_FAILURE() << "its log:\n" << host_log();
   }
+  receiver_.reset();
   host_.reset();
   painter_.reset();
   desktop_.reset();
@@ -120,6 +121,21 @@ void SystemTest::stream(double stream_seconds, std::vector<std::string> more) {
   const RunResult result =
       client(arguments, seconds(60) + seconds(static_cast<int>(stream_seconds)));
   ASSERT_EQ(result.status, 0) << result.output;
+}
+
+ChildProcess& SystemTest::start_receiver(const std::vector<std::string>& more) {
+  std::vector<std::string> arguments = {program("lunderhaze-client"),
+                                        "--store",
+                                        (directory_ / "client").string(),
+                                        "connect",
+                                        "--host",
+                                        host_address(),
+                                        "--seconds",
+                                        "0"};
+  arguments.insert(arguments.end(), more.begin(), more.end());
+  receiver_ = std::make_unique<ChildProcess>(arguments, environment_);
+  EXPECT_TRUE(receiver_->wait_for_output("fps", seconds(20))) << receiver_->output();
+  return *receiver_;
 }
 
 RgbPicture SystemTest::screen(int x, int y, int width, int height) {

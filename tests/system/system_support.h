@@ -46,6 +46,9 @@ class SystemTest : public testing::Test {
   // Connects for so long; the result must be success.
   void stream(double stream_seconds, std::vector<std::string> more = {});
 
+  // A client that streams until it is stopped, and has reported its first second.
+  ChildProcess& start_receiver(const std::vector<std::string>& more = {});
+
   std::string host_address() const { return "127.0.0.1:" + std::to_string(port_); }
   nlohmann::json report() const;
   RgbPicture last_frame() const { return read_png(out() / "last_frame.png"); }
@@ -66,6 +69,7 @@ class SystemTest : public testing::Test {
   std::unique_ptr<Xvfb> desktop_;
   std::unique_ptr<RootPainter> painter_;
   std::unique_ptr<ChildProcess> host_;
+  std::unique_ptr<ChildProcess> receiver_;
   int port_ = 0;
 };
 

@@ -124,10 +124,7 @@ TEST_F(TroubleTest, ADisplayThatVanishesNeitherCrashesNorHangsTheHost) {
   ChildProcess screen({program("lunderhaze-testscreen")}, environment_);
   start_host();
   pair();
-  ChildProcess receiver({program("lunderhaze-client"), "--store", (directory_ / "client").string(),
-                         "connect", "--host", host_address(), "--seconds", "0"},
-                        environment_);
-  ASSERT_TRUE(receiver.wait_for_output("fps", seconds(20))) << receiver.output();
+  ChildProcess& receiver = start_receiver();
   desktop_->kill();
   ASSERT_TRUE(receiver.wait_for_output("  0.0 fps", seconds(10))) << receiver.output();
   EXPECT_EQ(stop_host(), 0) << host_->output();
@@ -138,10 +135,7 @@ TEST_F(TroubleTest, AHostThatIsKilledEndsTheClientWithWords) {
   ChildProcess screen({program("lunderhaze-testscreen")}, environment_);
   start_host();
   pair();
-  ChildProcess receiver({program("lunderhaze-client"), "--store", (directory_ / "client").string(),
-                         "connect", "--host", host_address(), "--seconds", "0"},
-                        environment_);
-  ASSERT_TRUE(receiver.wait_for_output("fps", seconds(20))) << receiver.output();
+  ChildProcess& receiver = start_receiver();
   host_->signal(SIGKILL);
   EXPECT_EQ(receiver.wait(seconds(15)), 2) << receiver.output();
   EXPECT_NE(receiver.output().find("the host has fallen silent"), std::string::npos);
