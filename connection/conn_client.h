@@ -74,3 +74,6 @@ std::uint64_t lund_client_tick(lund_client* client);  // microseconds to wait, 1
 int lund_client_poll_event(lund_client* client, lund_conn_event* event);
 void lund_client_rekey(lund_client* client);
 void lund_client_status_get(lund_client* client, lund_client_status* status);
+// From the resolver: `endpoint` null when the name wasn't found. Without regard to the name's case.
+void lund_client_server_resolved(lund_client* client, const char* name, std::uint16_t port,
+                                 const lund_rv_endpoint* endpoint);

@@ -1,15 +1,11 @@
 // The record behind lund_client and what its files share: conn_client.cpp (the public functions,
 // the dispatcher, the tick), conn_client_sessions.cpp (handshake, sealed records, rekey),
-// conn_client_paths.cpp (candidates, probes, path choice), conn_client_pairing.cpp.
+// conn_client_paths.cpp (candidates, probes, path choice), conn_client_servers.cpp (look-up,
+// punching, relay allocations), conn_client_pairing.cpp.
 //
 // Everything in client_engine runs under the engine's lock and takes the time that the public
 // function read once it held it: one datagram or tick sees one clock, and no stored time is ahead
 // of it.
-//
-// This engine speaks to no server yet: look-up, punching and relay allocations are to come as
-// conn_client_servers.cpp, entered from start_connect and lund_client_pair (servers start over),
-// from the dispatcher (packet types 96 to 111, dropped today), and from the tick between sessions
-// and probes. Paths carry their server already, and the path logic treats relays in full.
 #pragma once
 
 #include "connection/conn_client.h"
@@ -77,6 +73,32 @@ struct lund_client_session {
   std::uint8_t resp_cache[LUND_HS_RESP_SIZE] = {};  // the HS_RESP taken last
 };
 
+enum lund_lookup_state : std::uint32_t {
+  LUND_LOOKUP_IDLE = 0,
+  LUND_LOOKUP_ASKED = 1,
+  LUND_LOOKUP_FOUND = 2,
+};
+
+// What one server knows of the host, and the way to it that goes through the server.
+struct lund_client_server {
+  std::uint32_t state = LUND_LOOKUP_IDLE;
+  std::uint32_t reported = 0;     // this look-up's failure has been told
+  std::uint32_t relay_added = 0;  // the allocation is bound: the server is a path
+  std::int32_t tries = 0;         // LOOKUPs sent
+  std::uint32_t nonce = 0;
+  std::uint32_t allocation = 0;
+  std::uint32_t rtt_us = 0;
+  std::uint64_t next_lookup = 0;
+  std::uint64_t last_sent = 0;
+  std::uint64_t punch_until = 0;
+  std::uint64_t next_punch = 0;
+  std::uint64_t next_bind = 0;
+  std::uint8_t token[16] = {};
+  std::uint8_t punch_token[16] = {};
+  lund_rv_endpoint candidates[1 + LUND_RV_LAN_MAX];
+  std::int32_t candidate_count = 0;
+};
+
 struct lund_client_pairing {
   char secret[256] = {};
   std::uint32_t requested_kind = 0;  // 0: the engine guesses
@@ -115,7 +137,9 @@ struct lund_client {
   std::uint64_t first_up_at = 0;  // when the first session came up; 0 while there was none
   std::uint64_t path_since = 0;
   lund_client_session sessions[LUND_CLIENT_SESSIONS];
+  lund_client_server servers[LUND_RELAYS_MAX];  // by server index
   std::uint32_t probe_seq = 0;
+  std::uint32_t punch_seq = 0;  // the next PUNCH's nonce
   std::uint64_t last_reject_at = 0;
   lund_client_pairing pairing;
 };
@@ -169,6 +193,13 @@ void take_hs_reject(lund_client& client, const std::uint8_t* datagram, std::size
 int take_sealed(lund_client& client, const std::uint8_t* datagram, std::size_t size,
                 const lund_rv_endpoint& from, const Delivery& delivery, std::uint64_t now);
 void tick_sessions(lund_client& client, Tick& tick);
+
+// Servers.
+void restart_lookups(lund_client& client, std::uint64_t now);  // of all servers that aren't found
+// A datagram of the rendezvous range, from anywhere.
+void take_rendezvous(lund_client& client, const std::uint8_t* datagram, std::size_t size,
+                     const lund_rv_endpoint& from, std::uint64_t now);
+void tick_servers(lund_client& client, Tick& tick);
 
 // Pairing.
 int start_pairing(lund_client& client, const char* secret, std::uint32_t kind, std::uint64_t now);

@@ -35,6 +35,27 @@ struct lund_pairing_status {
   std::uint32_t password_locked = 0;
 };
 
+// One rendezvous server as a person may see it.
+enum lund_server_state : std::uint32_t {
+  LUND_SERVER_RESOLVING = 0,   // its name is being looked up
+  LUND_SERVER_NO_NAME = 1,     // the name was not found
+  LUND_SERVER_CONNECTING = 2,  // fewer than 3 REGISTERs unanswered
+  LUND_SERVER_NO_ANSWER = 3,   // 3 or more: offline, blocked, or another key
+  LUND_SERVER_REGISTERED = 4,
+  LUND_SERVER_REFUSED = 5,  // `error` says why
+};
+
+struct lund_server_status {
+  lund_rv_endpoint endpoint;  // family 0 while unknown
+  std::uint32_t registered = 0;
+  lund_rv_endpoint public_endpoint;  // this host as the server sees it
+  std::uint32_t rtt_us = 0;
+  std::uint32_t state = LUND_SERVER_RESOLVING;
+  std::int32_t error = 0;  // a LUND_RV_ERROR code; 0 also for a temporary refusal
+  std::uint16_t port = 0;
+  char host[254] = {};
+};
+
 // `clients` and `password_blob` may be null. Null without a send callback or without memory. A host
 // with no clients starts with pairing open and no deadline.
 lund_host* lund_host_create(const lund_host_config* config, const lund_client_list* clients,
@@ -75,3 +96,11 @@ int lund_host_add_client(lund_host* host, const std::uint8_t key[LUND_KEY_SIZE],
 int lund_host_remove_client(lund_host* host, const std::uint8_t key[LUND_KEY_SIZE]);
 
 void lund_host_set_lan_endpoints(lund_host* host, const lund_rv_endpoint* endpoints, int count);
+
+// Rendezvous servers. A new set keeps the registration, allocation and punch of each server that
+// stays as it was. 0, or -1 for a bad index, with `status` zeroed.
+void lund_host_set_relay(lund_host* host, const lund_relay_config* relays);
+int lund_host_server_status(lund_host* host, int index, lund_server_status* status);
+// From the resolver: `endpoint` null when the name wasn't found. Without regard to the name's case.
+void lund_host_server_resolved(lund_host* host, const char* name, std::uint16_t port,
+                               const lund_rv_endpoint* endpoint);

@@ -6,10 +6,8 @@
 //   conn_host_sessions.cpp   key sets, sessions, the paths to them
 //   conn_host_pairing.cpp    pairing by PIN and password, their limits and locks
 //   conn_host_clients.cpp    the list of authorized clients
-//
-// Work with rendezvous servers joins at four places: their range of types in dispatch_plain, a
-// punched address (LUND_PATH_P2P) in classify_path, lund_host_tick and the time it returns, and
-// lund_host_set_lan_endpoints.
+//   conn_host_servers.cpp    rendezvous servers: the set of them, registration, status
+//   conn_host_work.cpp       punching and relay allocations for clients that servers announce
 //
 // Every function here expects the engine's lock to be held. `now` is the clock as read once for the
 // datagram or tick, under the lock, so that it never lies before a stored time.
@@ -127,12 +125,54 @@ struct lund_host_pairing {
   std::uint64_t last_password_attempt = 0;
 };
 
+enum lund_reg_state : std::int32_t {
+  REG_IDLE = 0,
+  REG_CHALLENGED = 1,
+  REG_REGISTERED = 2,
+};
+
+// The registration with one server.
+struct lund_server_reg {
+  std::int32_t state = REG_IDLE;
+  std::uint8_t server_key[LUND_KEY_SIZE] = {};  // from the challenge
+  std::uint8_t challenge[16] = {};
+  std::uint64_t next_at = 0;  // next REGISTER
+  std::uint64_t last_sent = 0;
+  std::int32_t tries = 0;       // REGISTERs since the last answer
+  std::int32_t last_error = 0;  // 0 none, -1 temporary refusal, else a LUND_RV_ERROR code
+  lund_rv_endpoint public_endpoint;
+  std::uint32_t rtt_us = 0;
+};
+
+inline constexpr int HOST_WORK = 8;
+inline constexpr int CANDIDATES_MAX = 1 + LUND_RV_LAN_MAX;
+
+// One client that a server has announced: punch at its candidates for a moment, and bind the relay
+// allocation through which it can be reached in any case.
+struct lund_host_work {
+  std::uint32_t used = 0;
+  std::int32_t server = -1;
+  std::uint32_t active = 0;  // the server's current job; a server has at most one
+  std::uint32_t bound = 0;   // the relay has confirmed the allocation
+  std::uint32_t allocation = 0;
+  std::uint8_t token[16] = {};
+  std::uint8_t punch_token[16] = {};
+  lund_rv_endpoint candidates[CANDIDATES_MAX];
+  std::int32_t candidate_count = 0;
+  std::uint64_t created_at = 0;
+  std::uint64_t punch_until = 0;
+  std::uint64_t next_punch = 0;
+  std::uint64_t next_bind = 0;
+};
+
 struct lund_host {
   lund_conn_base base;
   std::uint32_t allow_plain = 0;
   lund_authorized_client clients[LUND_CLIENTS_MAX];
   lund_crypto_slot slots[HOST_SLOTS];
   lund_host_link links[HOST_LINKS];
+  lund_server_reg registrations[LUND_RELAYS_MAX];  // by server index
+  lund_host_work work[HOST_WORK];
   lund_host_pairing pairing;
   lund_rate_limit hs_limit;
   lund_rate_limit reject_limit;
@@ -141,6 +181,7 @@ struct lund_host {
   lund_rate_limit pair_fail_limit;
   lund_rate_limit info_limit;
   lund_rate_limit hello_limit;
+  std::uint32_t punch_nonce = 0;  // the next PUNCH's
 };
 
 // Handshake (conn_host_handshake.cpp).
@@ -174,3 +215,19 @@ int conn_host_clients_load(lund_host* host, const lund_client_list* clients);  /
 int conn_host_client_find(const lund_host* host, const std::uint8_t key[LUND_KEY_SIZE]);
 int conn_host_client_add(lund_host* host, const std::uint8_t key[LUND_KEY_SIZE], const char* name);
 void conn_host_event_key(lund_conn_event* event, const std::uint8_t key[LUND_KEY_SIZE]);
+
+// Servers (conn_host_servers.cpp). A datagram of the rendezvous range, from anywhere.
+void conn_host_rendezvous(lund_host* host, const std::uint8_t* datagram, std::size_t size,
+                          const lund_rv_endpoint& from, std::uint64_t now);
+// Registrations, then work entries; lowers `wake` to what is due next.
+void conn_host_servers_tick(lund_host* host, std::uint64_t now, std::uint64_t* wake);
+
+// Work entries (conn_host_work.cpp).
+void conn_host_take_notify(lund_host* host, int server, const lund_rv_message& message,
+                           std::uint64_t now);
+void conn_host_take_bound(lund_host* host, int server, const lund_rv_message& message,
+                          std::uint64_t now);
+void conn_host_take_punch(lund_host* host, const lund_rv_message& message,
+                          const lund_rv_endpoint& from);
+void conn_host_work_tick(lund_host* host, std::uint64_t now, std::uint64_t* wake);
+bool conn_host_is_candidate(const lund_host* host, const lund_rv_endpoint& address);

@@ -14,8 +14,8 @@
 //
 // Locks, outermost first: events; then sessions or clients; then a session's own or the socket's.
 // The sessions lock is never held while a session is torn down. `host_mutex_` (the engine pointer
-// against slow changes) stands apart. The engine locks itself; it exists from `open` to the end of
-// `shutdown`, so the host's own threads use it without a lock.
+// and the resolver against slow changes) stands apart. The engine locks itself; it exists from
+// `open` to the end of `shutdown`, so the host's own threads use it without a lock.
 #pragma once
 
 #include <array>
@@ -30,6 +30,7 @@
 #include <vector>
 
 #include "connection/conn_host.h"
+#include "connection/resolver.h"
 #include "control/options.h"
 #include "control/wake_event.h"
 #include "host/hello.h"
@@ -66,6 +67,10 @@ class HostServer {
   DisplayInfo display();
   std::string key_code() const { return key_code_; }
   lund_pairing_status pairing_status();
+  // Each relay server's name with a text on its state; the lines of a report on how this computer
+  // can be reached.
+  std::vector<std::pair<std::string, std::string>> relay_states();
+  std::vector<std::string> internet_status();
 
   // Commands.
   bool remove_device(const std::string& key);  // 32 bytes
@@ -75,6 +80,7 @@ class HostServer {
   void clear_password();
   void pairing_open(std::uint32_t seconds);
   void pairing_close();
+  void set_relays(const lund_relay_config& relays);    // storing them is the caller's affair
   void set_audio(const std::string& client, bool on);  // outlives the client's session
 
   // The one way a session ends. Whichever of several callers comes first ends it. `notify`: a BYE
@@ -180,6 +186,7 @@ class HostServer {
   std::mutex events_mutex_;   // one drainer at a time
   std::mutex clients_mutex_;  // export and save of the client list
   std::mutex host_mutex_;
+  lund_resolver* resolver_ = nullptr;  // host_mutex_
 
   std::string wanted_display_;
   std::uint32_t host_id_ = 0;

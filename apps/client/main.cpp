@@ -6,7 +6,7 @@
 #include <cstdio>
 #include <iostream>
 
-#include "apps/client/client_store.h"
+#include "control/client_store.h"
 #include "apps/client/pairing.h"
 #include "apps/client/report.h"
 #include "apps/client/stream_client.h"

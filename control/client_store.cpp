@@ -1,4 +1,4 @@
-#include "apps/client/client_store.h"
+#include "control/client_store.h"
 
 #include <cstring>
 #include <vector>
