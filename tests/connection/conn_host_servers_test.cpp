@@ -164,7 +164,8 @@ TEST_F(HostServers, BackoffBeforeAnyAnswerIsOneTwoFourEightEightSeconds) {
   EXPECT_THAT(register_times_ms(31), ElementsAre(1'000, 3'000, 7'000, 15'000, 23'000, 31'000));
 }
 
-TEST_F(HostServers, AnUnansweredProofIsRepeatedOnTheBackoff) {
+TEST_F(HostServers, AnUnansweredProofIsRepeatedOnABackoffOfItsOwn) {
+  run_us(20 * SECOND_US, 100 * MS, [](std::uint64_t) {});
   hear(a, a.challenge());
   rig.sent.clear();
   run_us(SECOND_US, SECOND_US, [](std::uint64_t) {});
