@@ -1,0 +1,47 @@
+// A client engine with two rendezvous servers, played by the test message by message. Both know
+// their address, are asked about the host whose keys ClientRig holds, and have each a key of their
+// own.
+#pragma once
+
+#include "tests/support/client_rig.h"
+
+// Adds a server, `host` by name or literal, with LUND_RELAY_PORT.
+void add_server(lund_client_config& config, const char* host, const char* key);
+
+// An engine's record as it stands, to be compared with itself later.
+template <class Record>
+std::vector<std::uint8_t> bytes_of(const Record& record) {
+  const auto* bytes = reinterpret_cast<const std::uint8_t*>(&record);
+  return {bytes, bytes + sizeof record};
+}
+
+class ServerRig : public ClientRig {
+ public:
+  static inline const lund_rv_endpoint SERVER[2] = {endpoint("203.0.113.50:9877"),
+                                                    endpoint("203.0.113.51:9877")};
+
+  explicit ServerRig(const std::function<void(lund_client_config&)>& adjust = {});
+
+  lund_client_server& state(int server = 0) { return client->servers[server]; }
+  const std::uint8_t* net_key(int server) { return client->base.servers[server].net_key; }
+
+  // What was sent to the server with its tag, decoded, since it was last asked for.
+  std::vector<lund_rv_message> asked(std::uint8_t type, int server = 0);
+  Bytes encoded(const lund_rv_message& message, const std::uint8_t* key) const;
+  int say(const lund_rv_message& message, int server = 0);  // to the client, with the tag
+  // To the client, untagged.
+  int punch(const lund_rv_endpoint& from, const lund_rv_message& message);
+
+  // A good answer to the look-up under way: the host at HOST_WAN, without LAN endpoints. The tokens
+  // differ by server and allocation.
+  lund_rv_message result(std::uint32_t allocation = 0xA110C, int server = 0);
+  lund_rv_message failure(std::uint8_t status, int server = 0);  // to that look-up
+  lund_rv_message bound(std::uint8_t status = 0, int server = 0);
+  lund_rv_message host_punch(std::uint32_t nonce = 7, int server = 0);  // with the server's token
+
+  // Connects, and lets the server find the host.
+  void find(int server = 0);
+  // For `ms` from now, ticks exactly when the engine asks for it. The times, in ms from now, at
+  // which the server was sent something of this type; what else was sent stays in `sent`.
+  std::vector<std::uint64_t> times_of(std::uint8_t type, std::uint64_t ms, int server = 0);
+};
