@@ -17,7 +17,7 @@ namespace {
 
 const lund_rv_endpoint LAN = EnginePair::HOST_LAN;
 const lund_rv_endpoint WAN = EnginePair::HOST_WAN;
-const lund_rv_endpoint RELAY = ServerRig::SERVER[0];
+const lund_rv_endpoint RELAY = ServerRig::SERVERS[0].address;
 
 // Found and bound by the first server, with the handshake under way.
 struct BoundRig : ServerRig {
@@ -75,17 +75,17 @@ TEST(ClientRelay, BoundMakesTheServerAPathAndKicksIt) {
   const lund_client_path_status path = rig.status().paths[0];
   EXPECT_EQ(path.path_class, LUND_PATH_RELAY);
   EXPECT_EQ(path.server, 1);
-  EXPECT_TRUE(lund_rv_endpoint_equal(path.addr, ServerRig::SERVER[1]));
+  EXPECT_TRUE(lund_rv_endpoint_equal(path.addr, ServerRig::SERVERS[1].address));
   const auto inits = rig.take(LUND_PKT_HS_INIT);
   ASSERT_THAT(inits, SizeIs(1));
-  EXPECT_TRUE(lund_rv_endpoint_equal(inits[0].to, ServerRig::SERVER[1]));
+  EXPECT_TRUE(lund_rv_endpoint_equal(inits[0].to, ServerRig::SERVERS[1].address));
 
   rig.say(rig.bound(0, 1), 1);  // no news any more
   EXPECT_EQ(rig.status().path_count, 1);
   EXPECT_THAT(rig.sent, IsEmpty());
 
   lund_session host;
-  rig.receive(ServerRig::SERVER[1], rig.answer(inits[0].bytes, &host));
+  rig.receive(ServerRig::SERVERS[1].address, rig.answer(inits[0].bytes, &host));
   const lund_client_status status = rig.status();
   EXPECT_EQ(status.path, LUND_PATH_RELAY);
   EXPECT_EQ(status.max_datagram, 1200);

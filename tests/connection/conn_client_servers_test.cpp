@@ -32,6 +32,17 @@ struct CodeRig : ServerRig {
   std::uint8_t id[LUND_KEY_ID_SIZE];
 };
 
+// A third server, whose name has no address yet.
+struct NamedServerRig : ServerRig {
+  NamedServerRig() : ServerRig(with_name) {}
+  static void with_name(lund_client_config& config) {
+    lund_relay_server& server = config.relays.servers[config.relays.count++];
+    server = third.relay;
+    server.endpoint = {};
+  }
+  static inline const server_peer third{"relay.example", "203.0.113.52:9877", 0xC3};
+};
+
 std::vector<lund_conn_event> lookup_failures(ClientRig& rig) {
   auto events = rig.events();
   std::erase_if(events, [](const auto& e) { return e.type != LUND_EV_CLIENT_LOOKUP_FAILED; });
@@ -312,8 +323,7 @@ TEST(ClientLookup, WaitsNoLongerThanToTheNextLookup) {
 }
 
 TEST(ClientLookup, AServerWithoutAnAddressIsAskedOnceItHasOne) {
-  ServerRig rig(
-      [](lund_client_config& config) { add_server(config, "relay.example", "the third key"); });
+  NamedServerRig rig;
   lund_client_connect(rig.client);
   rig.tick_for_ms(1'500);
   rig.sent.clear();
@@ -334,12 +344,11 @@ TEST(ClientLookup, AServerWithoutAnAddressIsAskedOnceItHasOne) {
 }
 
 TEST(ClientLookup, AServerThatMovedStartsOverAndTheOthersDoNot) {
-  ServerRig rig(
-      [](lund_client_config& config) { add_server(config, "relay.example", "the third key"); });
+  NamedServerRig rig;
   lund_rv_endpoint address = endpoint("203.0.113.52:9877");
   lund_client_server_resolved(rig.client, "relay.example", LUND_RELAY_PORT, &address);
   rig.find();
-  rig.receive(address, rig.encoded(rig.result(5, 2), rig.net_key(2)));
+  rig.receive(address, rig.third.say(rig.result(5, 2)));
   ASSERT_EQ(rig.state(2).state, LUND_LOOKUP_FOUND);
   const auto first = bytes_of(rig.state(0)), third = bytes_of(rig.state(2));
   const std::uint32_t nonce = rig.state(2).nonce;

@@ -4,49 +4,34 @@
 
 #include "tests/support/virtual_time.h"
 
-void add_server(lund_client_config& config, const char* host, const char* key) {
-  lund_relay_server& server = config.relays.servers[config.relays.count++];
-  lund_relay_server_set(&server, host, LUND_RELAY_PORT, reinterpret_cast<const std::uint8_t*>(key),
-                        std::strlen(key));
-}
-
 ServerRig::ServerRig(const std::function<void(lund_client_config&)>& adjust)
     : ClientRig([&adjust](lund_client_config& config) {
-        add_server(config, "203.0.113.50", "the first key");
-        add_server(config, "203.0.113.51", "the second key");
+        config.relays = peer::relays_of({SERVERS[0], SERVERS[1]});
         if (adjust) adjust(config);
       }) {}
 
 std::vector<lund_rv_message> ServerRig::asked(std::uint8_t type, int server) {
   std::vector<lund_rv_message> messages;
   std::erase_if(sent, [&](const Sent& datagram) {
-    lund_rv_message message;
-    if (datagram.bytes[2] != type || !lund_rv_endpoint_equal(datagram.to, SERVER[server]) ||
-        lund_rv_decode(datagram.bytes.data(), datagram.bytes.size(), net_key(server), &message))
+    if (datagram.bytes[2] != type || !lund_rv_endpoint_equal(datagram.to, SERVERS[server].address))
       return false;
-    messages.push_back(message);
-    return true;
+    const auto message = SERVERS[server].read(datagram.bytes);
+    if (message) messages.push_back(*message);
+    return message.has_value();
   });
   return messages;
 }
 
-ClientRig::Bytes ServerRig::encoded(const lund_rv_message& message, const std::uint8_t* key) const {
-  Bytes bytes(LUND_RV_MESSAGE_MAX);
-  bytes.resize(lund_rv_encode(bytes.data(), bytes.size(), key, &message));
-  return bytes;
-}
-
 int ServerRig::say(const lund_rv_message& message, int server) {
-  return receive(SERVER[server], encoded(message, net_key(server)));
+  return receive(SERVERS[server].address, SERVERS[server].say(message));
 }
 
 int ServerRig::punch(const lund_rv_endpoint& from, const lund_rv_message& message) {
-  return receive(from, encoded(message, nullptr));
+  return receive(from, peer::punch(message.type, message.punch_token, message.nonce, message.side));
 }
 
 lund_rv_message ServerRig::result(std::uint32_t allocation, int server) {
-  lund_rv_message message;
-  message.type = LUND_RV_LOOKUP_RESULT;
+  lund_rv_message message = server_peer::of_type(LUND_RV_LOOKUP_RESULT);
   message.nonce = state(server).nonce;
   std::memcpy(message.key, host_keypair.public_key, sizeof message.key);
   message.peer = EnginePair::HOST_WAN;
@@ -60,24 +45,21 @@ lund_rv_message ServerRig::result(std::uint32_t allocation, int server) {
 }
 
 lund_rv_message ServerRig::failure(std::uint8_t status, int server) {
-  lund_rv_message message;
-  message.type = LUND_RV_LOOKUP_RESULT;
+  lund_rv_message message = server_peer::of_type(LUND_RV_LOOKUP_RESULT);
   message.nonce = state(server).nonce;
   message.status = status;
   return message;
 }
 
 lund_rv_message ServerRig::bound(std::uint8_t status, int server) {
-  lund_rv_message message;
-  message.type = LUND_RV_BOUND;
+  lund_rv_message message = server_peer::of_type(LUND_RV_BOUND);
   message.allocation = state(server).allocation;
   message.status = status;
   return message;
 }
 
 lund_rv_message ServerRig::host_punch(std::uint32_t nonce, int server) {
-  lund_rv_message message;
-  message.type = LUND_RV_PUNCH;
+  lund_rv_message message = server_peer::of_type(LUND_RV_PUNCH);
   message.nonce = nonce;
   std::memcpy(message.punch_token, state(server).punch_token, sizeof message.punch_token);
   return message;

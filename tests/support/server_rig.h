@@ -1,12 +1,9 @@
-// A client engine with two rendezvous servers, played by the test message by message. Both know
-// their address, are asked about the host whose keys ClientRig holds, and have each a key of their
-// own.
+// A client engine with two rendezvous servers, played by the test message by message. Both have an
+// address from the start, and are asked about the host whose keys ClientRig holds.
 #pragma once
 
 #include "tests/support/client_rig.h"
-
-// Adds a server, `host` by name or literal, with LUND_RELAY_PORT.
-void add_server(lund_client_config& config, const char* host, const char* key);
+#include "tests/support/server_peer.h"
 
 // An engine's record as it stands, to be compared with itself later.
 template <class Record>
@@ -17,20 +14,17 @@ std::vector<std::uint8_t> bytes_of(const Record& record) {
 
 class ServerRig : public ClientRig {
  public:
-  static inline const lund_rv_endpoint SERVER[2] = {endpoint("203.0.113.50:9877"),
-                                                    endpoint("203.0.113.51:9877")};
+  static inline const server_peer SERVERS[2] = {{"203.0.113.50", "203.0.113.50:9877", 0xA1},
+                                                {"203.0.113.51", "203.0.113.51:9877", 0xB2}};
 
   explicit ServerRig(const std::function<void(lund_client_config&)>& adjust = {});
 
   lund_client_server& state(int server = 0) { return client->servers[server]; }
-  const std::uint8_t* net_key(int server) { return client->base.servers[server].net_key; }
 
   // What was sent to the server with its tag, decoded, since it was last asked for.
   std::vector<lund_rv_message> asked(std::uint8_t type, int server = 0);
-  Bytes encoded(const lund_rv_message& message, const std::uint8_t* key) const;
   int say(const lund_rv_message& message, int server = 0);  // to the client, with the tag
-  // To the client, untagged.
-  int punch(const lund_rv_endpoint& from, const lund_rv_message& message);
+  int punch(const lund_rv_endpoint& from, const lund_rv_message& message);  // without one
 
   // A good answer to the look-up under way: the host at HOST_WAN, without LAN endpoints. The tokens
   // differ by server and allocation.
