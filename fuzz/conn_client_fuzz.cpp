@@ -17,6 +17,7 @@
 #include "connection/byte_order.h"
 #include "connection/conn_client_internal.h"
 #include "connection/conn_host.h"
+#include "fuzz/input.h"
 #include "fuzz/repeatable_random.h"
 #include "tests/support/virtual_time.h"
 
@@ -49,29 +50,7 @@ enum Operation : std::uint8_t {
   std::abort();
 }
 
-using Bytes = std::vector<std::uint8_t>;
-
-class Input {
- public:
-  Input(const std::uint8_t* data, std::size_t size) : data_(data), size_(size) {}
-  bool done() const { return size_ == 0; }
-  std::uint8_t byte() {
-    if (size_ == 0) return 0;
-    --size_;
-    return *data_++;
-  }
-  Bytes block() {
-    const std::size_t size = std::min<std::size_t>(byte(), size_);
-    const Bytes out(data_, data_ + size);
-    data_ += size;
-    size_ -= size;
-    return out;
-  }
-
- private:
-  const std::uint8_t* data_;
-  std::size_t size_;
-};
+using Bytes = Input::Bytes;
 
 lund_rv_endpoint at(const char* text) {
   lund_rv_endpoint out;

@@ -15,6 +15,7 @@
 #include "connection/byte_order.h"
 #include "connection/conn_host_internal.h"
 #include "connection/protocol.h"
+#include "fuzz/input.h"
 #include "fuzz/repeatable_random.h"
 #include "tests/support/engine_peer.h"
 #include "tests/support/virtual_time.h"
@@ -39,29 +40,6 @@ enum operation : std::uint8_t {
   std::fprintf(stderr, "conn_host_fuzz.cpp:%d: %s\n", line, condition);
   std::abort();
 }
-
-class input {
- public:
-  input(const std::uint8_t* data, std::size_t size) : data_(data), size_(size) {}
-  bool done() const { return size_ == 0; }
-  std::uint8_t byte() {
-    if (size_ == 0) return 0;
-    --size_;
-    return *data_++;
-  }
-  peer::bytes block() {
-    const std::size_t wanted = byte();
-    const std::size_t size = wanted < size_ ? wanted : size_;
-    const peer::bytes out(data_, data_ + size);
-    data_ += size;
-    size_ -= size;
-    return out;
-  }
-
- private:
-  const std::uint8_t* data_;
-  std::size_t size_;
-};
 
 const std::string BLOB =
     "lunderhaze-pw1 000102030405060708090a0b0c0d0e0f 1024 2 " + std::string(64, 'a');
@@ -91,7 +69,7 @@ class world {
   world(const world&) = delete;
   world& operator=(const world&) = delete;
 
-  void step(input& in);
+  void step(Input& in);
   void check() const;
 
  private:
@@ -159,7 +137,7 @@ void world::call(const engine_peer& client, std::uint8_t which) {
   }
 }
 
-void world::step(input& in) {
+void world::step(Input& in) {
   static const lund_rv_endpoint SOURCES[4] = {
       peer::at("192.168.1.20:5000"), peer::at("203.0.113.7:6000"), peer::at("[2001:db8::7]:7000"),
       peer::at("203.0.113.7:6001")};
@@ -266,7 +244,7 @@ void world::check() const {
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   world hosted;
-  input in(data, size);
+  Input in(data, size);
   while (!in.done()) {
     hosted.step(in);
     hosted.check();

@@ -4,33 +4,13 @@
 #include <numeric>
 #include <utility>
 
+#include "fuzz/input.h"
 #include "fuzz/require.h"
 #include "tests/support/video_frames.h"
 
 namespace {
 
 using namespace video_frames;
-
-// Reads the input from its start; zeros behind its end.
-class Input {
- public:
-  Input(const std::uint8_t* data, std::size_t size) : at_(data), end_(data + size) {}
-  bool empty() const { return at_ == end_; }
-  unsigned byte() { return empty() ? 0u : *at_++; }
-  unsigned u16() {
-    const unsigned low = byte();
-    return low | byte() << 8;
-  }
-  Bytes bytes(std::size_t size) {
-    Bytes out;
-    while (out.size() < size && !empty()) out.push_back(*at_++);
-    return out;
-  }
-
- private:
-  const std::uint8_t* at_;
-  const std::uint8_t* end_;
-};
 
 struct Pick {
   unsigned index;
@@ -75,7 +55,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   const std::uint64_t max_frame_size = 1 + in.u16() % 8192;
   const auto p = make_packetizer(43 + in.byte(), static_cast<int>(in.byte()), 1);
   const auto r = make_reassembler(max_frame_size);
-  while (!in.empty()) {
+  while (!in.done()) {
     switch (in.byte() % 4) {
       case 0:
         pop_and_read(r.get(), max_frame_size);
