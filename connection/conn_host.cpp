@@ -13,8 +13,6 @@ constexpr std::uint64_t WAKE_MIN_US = 1'000;
 constexpr std::uint64_t WAKE_MAX_US = 250'000;
 
 constexpr std::uint8_t CONTROL_FIRST = 80;
-constexpr std::uint8_t RENDEZVOUS_FIRST = 96;
-constexpr std::uint8_t RENDEZVOUS_LAST = 111;
 
 // Tells a client that has lost its session to run the handshake again.
 void answer_plain_hello(lund_host* host, const lund_rv_endpoint& from, std::uint64_t now) {
@@ -47,12 +45,12 @@ int dispatch_plain(lund_host* host, const std::uint8_t* datagram, std::size_t si
     default:
       break;
   }
-  if (type >= RENDEZVOUS_FIRST && type <= RENDEZVOUS_LAST) {
+  if (type >= LUND_RV_FIRST && type <= LUND_RV_LAST) {
     conn_host_rendezvous(host, datagram, size, from, now);
     return LUND_RX_NONE;
   }
   // The rest of the control range is for clients, or travels sealed only.
-  if (type >= CONTROL_FIRST && type < RENDEZVOUS_FIRST) return LUND_RX_NONE;
+  if (type >= CONTROL_FIRST && type < LUND_RV_FIRST) return LUND_RX_NONE;
   if (host->allow_plain != 0) return LUND_RX_PLAIN;
   if (type == LUND_PKT_HELLO) answer_plain_hello(host, from, now);
   return LUND_RX_NONE;
