@@ -5,31 +5,13 @@
 #include <cerrno>
 #include <cstdio>
 
+#include "control/linux/descriptor.h"
 #include "control/linux/user_directories.h"
 #include "control/store_platform.h"
 
 namespace store_platform {
 
 namespace {
-
-class Descriptor {
- public:
-  explicit Descriptor(int value) : value_(value) {}
-  ~Descriptor() {
-    if (value_ >= 0) ::close(value_);
-  }
-  Descriptor(const Descriptor&) = delete;
-  Descriptor& operator=(const Descriptor&) = delete;
-  int get() const { return value_; }
-  int release() {
-    const int value = value_;
-    value_ = -1;
-    return value;
-  }
-
- private:
-  int value_;
-};
 
 bool write_all(int file, const char* bytes, std::size_t size) {
   while (size > 0) {
