@@ -28,7 +28,7 @@ class RendezvousRig {
   explicit RendezvousRig(const RendezvousLimits& limits = {})
       : server_((virtual_time::reset(), KEY), sizeof KEY, limits,
                 [this](const lund_rv_endpoint& to, const std::uint8_t* bytes, std::size_t size) {
-                  sent.push_back({to, Bytes(bytes, bytes + size)});
+                  if (!sink) sent.push_back({to, Bytes(bytes, bytes + size)});
                   return !socket_fails;
                 }) {
     lund_rv_net_key(net_key, KEY, sizeof KEY);
@@ -79,6 +79,7 @@ class RendezvousRig {
 
   std::vector<Sent> sent;
   bool socket_fails = false;
+  bool sink = false;  // what is sent is not kept
   std::uint8_t net_key[LUND_KEY_SIZE];
 
  private:
