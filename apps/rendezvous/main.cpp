@@ -7,6 +7,7 @@
 #include <cstdio>
 
 #include "apps/rendezvous/options.h"
+#include "apps/rendezvous/serve.h"
 #include "apps/rendezvous/server.h"
 #include "apps/version.h"
 #include "connection/clock.h"
@@ -23,8 +24,6 @@ enum ExitStatus : int {
   EXIT_LOCAL = 3,
 };
 
-constexpr std::size_t DATAGRAM_MAX_BYTES = 2048;
-constexpr int DATAGRAMS_A_TURN = 256;  // between two looks at clock and signals
 constexpr std::uint64_t TICK_US = 100'000;
 constexpr int WAIT_MS = 100;
 
@@ -73,18 +72,6 @@ std::string own_host() {
   return std::string(text, std::string_view(text).rfind(':'));
 }
 
-// False when there was nothing more to receive.
-bool receive_some(lund_socket socket, RendezvousServer& server) {
-  std::array<std::uint8_t, DATAGRAM_MAX_BYTES> datagram;
-  lund_rv_endpoint from;
-  for (int i = 0; i < DATAGRAMS_A_TURN; ++i) {
-    const int size = lund_udp_recv(socket, datagram.data(), datagram.size(), &from);
-    if (size < 0) return false;
-    if (size > 0) server.receive(datagram.data(), static_cast<std::size_t>(size), from);
-  }
-  return true;
-}
-
 int serve(lund_socket socket, RendezvousServer& server) {
   std::uint64_t next_tick = 0;
   while (!stop_requested) {
@@ -129,11 +116,8 @@ int run(const RendezvousOptions& options) {
   const std::uint16_t port = lund_udp_local_port(socket.get());
   if (!setup.from_link) setup.server.port = port;
 
-  RendezvousServer server(
-      setup.server.key, setup.server.key_size, options.limits,
-      [&](const lund_rv_endpoint& to, const std::uint8_t* bytes, std::size_t size) {
-        return lund_udp_send(socket.get(), to, bytes, size) == 0;
-      });
+  RendezvousServer server(setup.server.key, setup.server.key_size, options.limits,
+                          send_by(socket.get()));
   if (!server.ready()) return fail(EXIT_LOCAL, "the system's random source failed");
   watch_signals();
   tell_link(setup.server);
