@@ -51,13 +51,13 @@ bool read_key_file(const std::filesystem::path& path, RendezvousSetup* setup, st
 }
 
 bool take_key(const RendezvousOptions& options, RendezvousSetup* setup, std::string* error) {
-  if (!options.link.empty()) {
-    setup->from_link = lund_relay_link_parse(&setup->server, options.link.c_str()) == 0;
+  if (options.link) {
+    setup->from_link = lund_relay_link_parse(&setup->server, options.link->c_str()) == 0;
     if (!setup->from_link) *error = "--link: a relay link is lunderhaze-relay://HOST[:PORT]#KEY";
     return setup->from_link;
   }
-  if (!options.key_file.empty()) return read_key_file(options.key_file, setup, error);
-  if (!options.key.empty()) return parse_key(options.key, &setup->server) || no_key("--key", error);
+  if (options.key_file) return read_key_file(*options.key_file, setup, error);
+  if (options.key) return parse_key(*options.key, &setup->server) || no_key("--key", error);
   return draw_key(&setup->server, error);
 }
 

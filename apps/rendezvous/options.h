@@ -12,9 +12,10 @@
 
 struct RendezvousOptions {
   std::optional<std::uint16_t> port;  // to listen on, 0 for any; none: the link's, or the default
-  std::string key;                    // as in a link
-  std::filesystem::path key_file;     // its first line: a key, or a whole link
-  std::string link;
+  // One of these at most.
+  std::optional<std::string> key;                 // as in a link
+  std::optional<std::filesystem::path> key_file;  // its first line: a key, or a whole link
+  std::optional<std::string> link;
   std::string host;  // by which clients reach this server; empty: the link's, or found out
   RendezvousLimits limits;
 };

@@ -1,0 +1,175 @@
+// The rendezvous server's program: many hosts over real sockets, and what it says to a person.
+#include <gtest/gtest.h>
+#include <signal.h>
+
+#include <string>
+
+#include "tests/support/rendezvous_sockets.h"
+
+namespace {
+
+using std::chrono::seconds;
+using Bytes = LoopbackSocket::Bytes;
+
+std::string program() {
+  return std::string(LUND_BIN_DIR) + "/lunderhaze-rendezvous";
+}
+
+bool holds(const std::string& text, const std::string& part) {
+  return text.find(part) != std::string::npos;
+}
+
+std::size_t count(const std::string& text, const std::string& part) {
+  std::size_t found = 0;
+  for (std::size_t at = text.find(part); at != text.npos; at = text.find(part, at + 1)) ++found;
+  return found;
+}
+
+// "..., 12 refreshed": 12.
+int number_before(const std::string& text, const std::string& word) {
+  const std::size_t end = text.find(word);
+  if (end == text.npos) return -1;
+  return std::stoi(text.substr(text.rfind(' ', end - 1) + 1));
+}
+
+// The next datagram that isn't a message of the server's.
+Bytes relayed(LoopbackPeer& peer) {
+  while (const auto bytes = peer.socket.receive(seconds(10)))
+    if (bytes->size() > 1 && (*bytes)[1] == 2) return *bytes;
+  return {};
+}
+
+TEST(RendezvousProgramTest, TenThousandHostsRegisterStayAndAreFound) {
+  constexpr int HOSTS = 10'000;
+  if (!LoopbackHosts::can_open(HOSTS)) GTEST_SKIP() << "ulimit -n is below 10,100";
+  RendezvousProgram server;
+  LoopbackHosts hosts(HOSTS, server);
+  EXPECT_EQ(hosts.register_all(seconds(60)), HOSTS);
+  std::string said = server.statistics();
+  EXPECT_TRUE(holds(said, "now: 10000 hosts, 0 allocations\n")) << said;
+  EXPECT_TRUE(holds(said, "registrations: 10000 new")) << said;
+  EXPECT_EQ(hosts.register_all(seconds(30)), HOSTS);
+  said = server.statistics();
+  EXPECT_TRUE(holds(said, "now: 10000 hosts, 0 allocations\n")) << said;
+  EXPECT_GE(number_before(said, " refreshed"), HOSTS) << said;
+
+  LoopbackPeer client("127.9.9.9", server);
+  for (const int number : {0, 1234, HOSTS - 1}) {
+    std::uint8_t id[LUND_KEY_ID_SIZE];
+    lund_key_id(id, hosts.key(number));
+    const auto by_id = client.look_up(id, sizeof id);
+    ASSERT_TRUE(by_id && by_id->status == 0) << number;
+    EXPECT_EQ(Bytes(by_id->key, by_id->key + 32), Bytes(hosts.key(number), hosts.key(number) + 32));
+    const auto by_code = client.look_up(id, 5);
+    ASSERT_TRUE(by_code && by_code->status == 0) << number;
+    EXPECT_EQ(by_code->allocation, by_id->allocation);
+
+    LoopbackPeer& host = hosts.peer_of(number);
+    EXPECT_TRUE(lund_rv_endpoint_equal(by_id->peer, host.socket.address()));
+    const auto notice = host.receive(LUND_RV_PUNCH_NOTIFY, seconds(10));
+    ASSERT_TRUE(notice);
+    ASSERT_TRUE(client.bind(*by_id, 1));
+    ASSERT_TRUE(host.bind(*notice, 0));
+    Bytes record(1200, static_cast<std::uint8_t>(number));
+    record[0] = 0x50;
+    record[1] = 2;
+    client.socket.send(server.address(), record);
+    EXPECT_EQ(relayed(host), record);
+    record[2] ^= 0xFF;
+    host.socket.send(server.address(), record);
+    EXPECT_EQ(relayed(client), record);
+  }
+  server.process().signal(SIGINT);
+  EXPECT_EQ(server.process().wait(seconds(10)), 0);
+  EXPECT_TRUE(holds(server.process().output(), "now: 10000 hosts, 3 allocations\n"))
+      << server.process().output();
+  EXPECT_TRUE(holds(server.process().output(), "relayed: 6 datagrams, 7200 bytes\n"))
+      << server.process().output();
+}
+
+TEST(RendezvousProgramTest, ItsLinkOpensItAndTheKeyStandsNowhereElse) {
+  RendezvousProgram server;
+  const std::string key = RendezvousProgram::KEY;
+  const std::string link =
+      "lunderhaze-relay://127.0.0.1:" + std::to_string(server.address().port) + "#" + key;
+  EXPECT_TRUE(holds(server.process().output(), link)) << server.process().output();
+  server.statistics();
+  server.process().signal(SIGTERM);
+  EXPECT_EQ(server.process().wait(seconds(10)), 0);
+  EXPECT_EQ(count(server.process().output(), key), 1u);
+  EXPECT_EQ(count(server.process().output(), "statistics: now"), 2u);  // asked for, and the end's
+}
+
+TEST(RendezvousProgramTest, WithoutAKeyItDrawsADifferentOneEachTime) {
+  std::string keys[2];
+  for (std::string& key : keys) {
+    ChildProcess server({program(), "--port", "0"});
+    ASSERT_TRUE(server.wait_for_output("Ctrl+C stops.\n", seconds(20))) << server.output();
+    const std::size_t hash = server.output().find('#');
+    key = server.output().substr(hash + 1, 48);
+    EXPECT_EQ(key.find_first_not_of("0123456789abcdef"), key.npos) << server.output();
+    EXPECT_EQ(server.output()[hash + 49], '\n') << server.output();
+  }
+  EXPECT_NE(keys[0], keys[1]);
+}
+
+// Said, and gone with this status.
+void expect_refusal(const std::vector<std::string>& arguments, int status,
+                    const std::string& text) {
+  std::vector<std::string> all = {program()};
+  all.insert(all.end(), arguments.begin(), arguments.end());
+  const RunResult result = run_program(all, {}, seconds(20));
+  EXPECT_EQ(result.status, status) << result.output;
+  EXPECT_TRUE(holds(result.output, text)) << result.output;
+}
+
+TEST(RendezvousProgramTest, APortInUseIsNamed) {
+  RendezvousProgram server;
+  const std::string port = std::to_string(server.address().port);
+  expect_refusal({"--port", port}, 2, "cannot listen on UDP port " + port);
+}
+
+TEST(RendezvousProgramTest, ABadKeyOrLinkIsRefused) {
+  TempDirectory directory;
+  write_file(directory / "empty", "");
+  write_file(directory / "blank", "two words\n");
+  expect_refusal({"--key", ""}, 1, "--key: a key is");
+  expect_refusal({"--key", "two words"}, 1, "--key: a key is");
+  expect_refusal({"--key", "%zz"}, 1, "--key: a key is");
+  expect_refusal({"--key", std::string(129, 'k')}, 1, "--key: a key is");
+  expect_refusal({"--key-file", (directory / "none").string()}, 1, "cannot read a key");
+  expect_refusal({"--key-file", (directory / "empty").string()}, 1, "cannot read a key");
+  expect_refusal({"--key-file", (directory / "blank").string()}, 1, "a key is 1 to 128 bytes");
+  expect_refusal({"--link", "lunderhaze-relay://here"}, 1, "--link: a relay link is");
+  expect_refusal({"--key", "k", "--link", "lunderhaze-relay://here#k"}, 1, "--link");
+  expect_refusal({"--key", "k", "--host", "10.0.0.256"}, 1, "no host name");
+  expect_refusal({"--max-hosts", "0"}, 1, "--max-hosts");
+  expect_refusal({"--fly"}, 1, "--fly");
+}
+
+TEST(RendezvousProgramTest, AKeyMayBeWrittenAsInALinkAndAFileMayHoldTheLink) {
+  TempDirectory directory;
+  write_file(directory / "link", "lunderhaze-relay://relay.example.org:4567#a%20b\r\n");
+  const std::vector<std::string> ways[] = {
+      {"--key", "a%20b", "--host", "relay.example.org"},
+      {"--key-file", (directory / "link").string()},
+      {"--link", "LUNDERHAZE-RELAY://relay.example.org:4567#%61%20%62"}};
+  for (const auto& way : ways) {
+    std::vector<std::string> all = {program(), "--port", "0"};
+    all.insert(all.end(), way.begin(), way.end());
+    ChildProcess server(all);
+    ASSERT_TRUE(server.wait_for_output("Ctrl+C stops.\n", seconds(20))) << server.output();
+    EXPECT_TRUE(holds(server.output(), "lunderhaze-relay://relay.example.org:")) << server.output();
+    EXPECT_TRUE(holds(server.output(), "#a%20b\n")) << server.output();
+    // The port of a link that was given is where others reach the server, wherever it listens.
+    EXPECT_EQ(holds(server.output(), ":4567#"), way[0] != "--key") << server.output();
+  }
+}
+
+TEST(RendezvousProgramTest, VersionAndHelpAreSaid) {
+  EXPECT_TRUE(holds(run_program({program(), "--version"}).output, "Lunderhaze "));
+  EXPECT_TRUE(
+      holds(run_program({program(), "--help"}).output, "Other users of this computer can see it"));
+}
+
+}  // namespace
