@@ -9,6 +9,7 @@
 #include <cassert>
 #include <cerrno>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace {
@@ -63,6 +64,24 @@ void on_continue(int) {
 void on_fatal(int number) {
   give_back();
   raise(number);
+}
+
+// Leaves out what keys without a character of their own send (ECMA-48): a control sequence up to
+// its final byte, or the escape character and one or two more.
+std::string without_sequences(std::string_view bytes) {
+  std::string keys;
+  for (std::size_t i = 0; i < bytes.size(); ++i) {
+    if (bytes[i] != ESCAPE) {
+      keys += bytes[i];
+      continue;
+    }
+    const char introducer = ++i < bytes.size() ? bytes[i] : 0;
+    if (introducer == 'O') ++i;
+    if (introducer == '[')
+      while (++i < bytes.size() && (bytes[i] < '@' || bytes[i] > '~')) {
+      }
+  }
+  return keys;
 }
 
 class SystemTerminal final : public Terminal {
@@ -142,7 +161,7 @@ class SystemTerminal final : public Terminal {
   void read_keys() {
     char bytes[64];
     const ssize_t size = read(STDIN_FILENO, bytes, sizeof bytes);
-    if (size > 0 && bytes[0] != ESCAPE) typed_.assign(bytes, static_cast<std::size_t>(size));
+    if (size > 0) typed_ = without_sequences({bytes, static_cast<std::size_t>(size)});
     gone_ = size == 0 || (size < 0 && errno != EINTR && errno != EAGAIN && in_foreground());
   }
 
