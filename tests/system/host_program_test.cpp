@@ -85,6 +85,15 @@ TEST_F(HostProgramTest, RelaysOfAHostThatIsNotRunningCountFromItsNextStart) {
   holds(run_host({"status"}), 0, "Relay " + place + ": ");
 }
 
+TEST_F(HostProgramTest, LinksCanComeFromStandardInput) {
+  const RunResult result =
+      run_program({"sh", "-c",
+                   "printf '%s\\n' lunderhaze-relay://a#k '' lunderhaze-relay://b#k | " +
+                       program("lunderhaze") + " relays add - lunderhaze-relay://c#k"},
+                  environment_);
+  holds(result, 0, "a:9877: added\nb:9877: added\nc:9877: added\n");
+}
+
 TEST_F(HostProgramTest, AWrongLinkIsRefusedWithoutRepeatingIt) {
   const RunResult result = run_host({"relays", "add", "lunderhaze-relay://a b#hush"});
   holds(result, 1, "link 1 is no relay link (lunderhaze-relay://host[:port]#key)");
