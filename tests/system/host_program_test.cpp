@@ -25,6 +25,16 @@ class HostProgramTest : public SystemTest {
     host_ = std::make_unique<ChildProcess>(all, environment_, ChildProcess::Streams::Terminal);
     ASSERT_TRUE(host_->wait_for_output("Listening on UDP port", seconds(20))) << host_->output();
   }
+  bool status_comes_to_show(const std::string& text) {
+    const auto until = std::chrono::steady_clock::now() + seconds(20);
+    for (;;) {
+      const RunResult status = run_host({"status"});
+      if (status.output.find(text) != std::string::npos) return true;
+      if (std::chrono::steady_clock::now() < until) continue;
+      ADD_FAILURE() << text << " is not in\n" << status.output;
+      return false;
+    }
+  }
   std::filesystem::path store() const { return directory_ / "config" / "lunderhaze"; }
 };
 
@@ -57,17 +67,18 @@ TEST_F(HostProgramTest, RelaysOfARunningHostAreChangedAtOnceAndTheirKeysAreNotSh
   start_desktop(640, 480);
   start_host();
   const std::string place = "127.0.0.1:" + std::to_string(free_port());
-  const RunResult added = run_host(
-      {"relays", "add", "lunderhaze-relay://" + place + "#hush-hush", "lunderhaze-relay://b#hush"});
-  holds(added, 0, place + ": added\nb:9877: added\napplied to the running host\n");
+  const RunResult added = run_host({"relays", "add", "lunderhaze-relay://" + place + "#hush-hush",
+                                    "lunderhaze-relay://[::1]:5#hush"});
+  holds(added, 0, place + ": added\n[::1]:5: added\napplied to the running host\n");
   const RunResult listed = run_host({"relays", "list"});
-  holds(listed, 0, "1  " + place + "\n2  b:9877\n");
+  holds(listed, 0, "1  " + place + "\n2  [::1]:5\n");
   const RunResult status = run_host({"status"});
   holds(status, 0, "Relay " + place + ": ");
   for (const RunResult* result : {&added, &listed, &status})
     EXPECT_EQ(result->output.find("hush"), std::string::npos) << result->output;
 
-  holds(run_host({"relays", "remove", "B"}), 0, "b:9877: removed\napplied to the running host\n");
+  holds(run_host({"relays", "remove", "::1"}), 0,
+        "[::1]:5: removed\napplied to the running host\n");
   holds(run_host({"relays", "remove", "1"}), 0, "removed\napplied to the running host\n");
   holds(run_host({"relays", "list"}), 0, "no relay servers\n");
   holds(run_host({"status"}), 0, "no relay servers (LAN / direct only)");
@@ -109,6 +120,28 @@ TEST_F(HostProgramTest, ARelayThatDoesNotAnswerGivesItsOwnStatus) {
         place + ": no answer: offline, blocked, or another key\n");
   run_host({"relays", "add", "lunderhaze-relay://" + place + "#k"});
   holds(run_host({"relays", "check"}), 6, place + ": no answer");
+}
+
+TEST_F(HostProgramTest, ARunningHostRegistersWithAServerThatIsAdded) {
+  ChildProcess server({program("lunderhaze-rendezvous"), "--port", "0", "--host", "127.0.0.1"},
+                      environment_);
+  ASSERT_TRUE(server.wait_for_output("Listening", seconds(10))) << server.output();
+  std::smatch link;
+  ASSERT_TRUE(std::regex_search(server.output(), link, std::regex("lunderhaze-relay://\\S+")));
+  start_desktop(640, 480);
+  start_host();
+  holds(run_host({"relays", "add", link.str()}), 0, "applied to the running host\n");
+  const RunResult checked = run_host({"relays", "check"});
+  EXPECT_EQ(checked.status, 0);
+  EXPECT_TRUE(std::regex_match(checked.output,
+                               std::regex("127\\.0\\.0\\.1:\\d+: reachable \\([0-9.]+ ms\\)\n")))
+      << checked.output;
+  EXPECT_TRUE(status_comes_to_show("Internet: reachable by key code (public 127.0.0.1:"));
+  EXPECT_TRUE(status_comes_to_show(": Registered ("));
+  holds(run_host({"relays", "check",
+                  "lunderhaze-relay://" + checked.output.substr(0, checked.output.find(": ")) +
+                      "#another-key"}),
+        6, ": no answer: offline, blocked, or another key\n");
 }
 
 TEST_F(HostProgramTest, StatusWithoutAHostShowsWhatIsStoredAndMakesNothing) {
