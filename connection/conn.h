@@ -135,6 +135,7 @@ std::uint32_t conn_server_resolved(lund_conn_base* base, const char* host, std::
                                    const lund_rv_endpoint* endpoint);
 
 const char* conn_addr_str(const lund_rv_endpoint& address, char* buffer, std::size_t size);
+inline constexpr std::size_t LUND_SERVER_TEXT = 264;  // room that every server's text fits
 const char* conn_server_str(const lund_conn_base* base, int index, char* buffer, std::size_t size);
 
 inline constexpr std::size_t LUND_PROBE_SIZE = 20;

@@ -44,6 +44,10 @@ void become_idle(lund_client& client) {
 
 int take_plain(lund_client& client, const std::uint8_t* datagram, std::size_t size,
                const lund_rv_endpoint& from, std::uint64_t now) {
+  if (datagram[2] >= LUND_RV_FIRST && datagram[2] <= LUND_RV_LAST) {
+    take_rendezvous(client, datagram, size, from, now);
+    return LUND_RX_NONE;
+  }
   switch (datagram[2]) {
     case LUND_PKT_DISCOVER_REPLY:
       return LUND_RX_PLAIN;
@@ -195,6 +199,7 @@ std::uint64_t lund_client_tick(lund_client* client) {
   Tick tick{now, now + WAIT_MAX_US};
   tick_pairing(*client, tick);
   tick_sessions(*client, tick);
+  tick_servers(*client, tick);
   tick_probes(*client, tick);
   const bool up = first_session_up(*client) != nullptr;
   if (up) choose_path(*client, now);
@@ -242,4 +247,11 @@ void lund_client_status_get(lund_client* client, lund_client_status* status) {
     entry.rtt_us = path.rtt_us;
     entry.addr = path.addr;
   }
+}
+
+void lund_client_server_resolved(lund_client* client, const char* name, std::uint16_t port,
+                                 const lund_rv_endpoint* endpoint) {
+  const std::lock_guard guard(client->base.lock);
+  const std::uint64_t now = lund_now_us();
+  restart_servers(*client, conn_server_resolved(&client->base, name, port, endpoint), now);
 }

@@ -195,7 +195,9 @@ int take_sealed(lund_client& client, const std::uint8_t* datagram, std::size_t s
 void tick_sessions(lund_client& client, Tick& tick);
 
 // Servers.
-void restart_lookups(lund_client& client, std::uint64_t now);  // of all servers that aren't found
+void start_servers(lund_client& client, std::uint64_t now);  // for a new connection or pairing
+// Forgets all that the servers of the bit mask have said.
+void restart_servers(lund_client& client, std::uint32_t mask, std::uint64_t now);
 // A datagram of the rendezvous range, from anywhere.
 void take_rendezvous(lund_client& client, const std::uint8_t* datagram, std::size_t size,
                      const lund_rv_endpoint& from, std::uint64_t now);

@@ -162,6 +162,7 @@ int start_pairing(lund_client& client, const char* secret, std::uint32_t kind, s
   pairing.next_send = now;
   pairing.deadline = now + PAIR_DEADLINE_US;
   client.mode = LUND_CLIENT_PAIRING;
+  start_servers(client, now);
   return 0;
 }
 

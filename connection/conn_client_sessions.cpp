@@ -144,6 +144,7 @@ lund_client_session* first_session_up(lund_client& client) {
 
 void start_connect(lund_client& client, std::uint64_t now) {
   client.mode = LUND_CLIENT_CONNECTING;
+  start_servers(client, now);
   lund_client_session& main = client.sessions[0];
   if (main.state != LUND_SESSION_FREE) return;
   main.state = LUND_SESSION_HANDSHAKING;

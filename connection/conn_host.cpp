@@ -8,11 +8,11 @@
 
 namespace {
 
-constexpr std::uint64_t TICK_US = 250'000;
+// A caller's wait: short enough to be near each deadline, long enough not to be busy.
+constexpr std::uint64_t WAKE_MIN_US = 1'000;
+constexpr std::uint64_t WAKE_MAX_US = 250'000;
 
 constexpr std::uint8_t CONTROL_FIRST = 80;
-constexpr std::uint8_t RENDEZVOUS_FIRST = 96;
-constexpr std::uint8_t RENDEZVOUS_LAST = 111;
 
 // Tells a client that has lost its session to run the handshake again.
 void answer_plain_hello(lund_host* host, const lund_rv_endpoint& from, std::uint64_t now) {
@@ -45,10 +45,12 @@ int dispatch_plain(lund_host* host, const std::uint8_t* datagram, std::size_t si
     default:
       break;
   }
-  // The engine does no server work: rendezvous messages mean nothing to it.
-  if (type >= RENDEZVOUS_FIRST && type <= RENDEZVOUS_LAST) return LUND_RX_NONE;
+  if (type >= LUND_RV_FIRST && type <= LUND_RV_LAST) {
+    conn_host_rendezvous(host, datagram, size, from, now);
+    return LUND_RX_NONE;
+  }
   // The rest of the control range is for clients, or travels sealed only.
-  if (type >= CONTROL_FIRST && type < RENDEZVOUS_FIRST) return LUND_RX_NONE;
+  if (type >= CONTROL_FIRST && type < LUND_RV_FIRST) return LUND_RX_NONE;
   if (host->allow_plain != 0) return LUND_RX_PLAIN;
   if (type == LUND_PKT_HELLO) answer_plain_hello(host, from, now);
   return LUND_RX_NONE;
@@ -78,6 +80,7 @@ lund_host* lund_host_create(const lund_host_config* config, const lund_client_li
   host->allow_plain = config->allow_plain;
   const int loaded = conn_host_clients_load(host, clients);
   conn_host_pairing_init(host, config, password_blob, loaded > 0);
+  conn_host_servers_init(host, lund_now_us());
   return host;
 }
 
@@ -112,16 +115,13 @@ std::uint64_t lund_host_tick(lund_host* host) {
   const std::uint64_t now = lund_now_us();
   conn_host_pairing_tick(host, now);
   conn_host_sessions_tick(host, now);
-  return TICK_US;  // nothing here is due to better than that
+  std::uint64_t wake = now + WAKE_MAX_US;
+  conn_host_servers_tick(host, now, &wake);
+  conn_host_work_tick(host, now, &wake);
+  return std::max(wake, now + WAKE_MIN_US) - now;
 }
 
 int lund_host_poll_event(lund_host* host, lund_conn_event* event) {
   const std::lock_guard lock(host->base.lock);
   return conn_ev_pop(&host->base, event);
-}
-
-void lund_host_set_lan_endpoints(lund_host* host, const lund_rv_endpoint* endpoints, int count) {
-  const std::lock_guard lock(host->base.lock);
-  host->base.lan_count = std::clamp(count, 0, 4);
-  std::copy_n(endpoints, host->base.lan_count, host->base.lan_endpoints);
 }

@@ -1,5 +1,6 @@
 // The host's engine: admits paired clients by Noise IK, keeps their sessions and the addresses from
-// which they are reachable, rekeys on request, pairs new devices by PIN or password.
+// which they are reachable, rekeys on request, pairs new devices by PIN or password. Registers with
+// rendezvous servers, and for a client that one announces, punches and binds a relay allocation.
 //
 // One object, no threads, no sockets. Any thread may call any function: one lock per engine, held
 // across the callbacks, which must not re-enter the engine. No heap use after creation. A bad
@@ -95,6 +96,7 @@ void lund_host_export_clients(lund_host* host, lund_client_list* list);
 int lund_host_add_client(lund_host* host, const std::uint8_t key[LUND_KEY_SIZE], const char* name);
 int lund_host_remove_client(lund_host* host, const std::uint8_t key[LUND_KEY_SIZE]);
 
+// Own LAN addresses to announce, at most 4; registers anew with each server.
 void lund_host_set_lan_endpoints(lund_host* host, const lund_rv_endpoint* endpoints, int count);
 
 // Rendezvous servers. A new set keeps the registration, allocation and punch of each server that

@@ -216,18 +216,26 @@ int conn_host_client_find(const lund_host* host, const std::uint8_t key[LUND_KEY
 int conn_host_client_add(lund_host* host, const std::uint8_t key[LUND_KEY_SIZE], const char* name);
 void conn_host_event_key(lund_conn_event* event, const std::uint8_t key[LUND_KEY_SIZE]);
 
-// Servers (conn_host_servers.cpp). A datagram of the rendezvous range, from anywhere.
+// Servers (conn_host_servers.cpp).
+void conn_host_servers_init(lund_host* host, std::uint64_t now);  // registrations due at once
+// A datagram of the rendezvous range, from anywhere.
 void conn_host_rendezvous(lund_host* host, const std::uint8_t* datagram, std::size_t size,
                           const lund_rv_endpoint& from, std::uint64_t now);
-// Registrations, then work entries; lowers `wake` to what is due next.
+// Registers where it is due; lowers `wake` to the next time.
 void conn_host_servers_tick(lund_host* host, std::uint64_t now, std::uint64_t* wake);
 
-// Work entries (conn_host_work.cpp).
+// Work entries (conn_host_work.cpp). `server` is a valid index, whose message was authentic.
 void conn_host_take_notify(lund_host* host, int server, const lund_rv_message& message,
                            std::uint64_t now);
 void conn_host_take_bound(lund_host* host, int server, const lund_rv_message& message,
                           std::uint64_t now);
+// PUNCH or PUNCH_ACK, from anywhere.
 void conn_host_take_punch(lund_host* host, const lund_rv_message& message,
                           const lund_rv_endpoint& from);
+// Punches, binds, drops what has outlived its use; lowers `wake` to the next time.
 void conn_host_work_tick(lund_host* host, std::uint64_t now, std::uint64_t* wake);
+void conn_host_work_clear(lund_host* host, int server);
+// Servers have new indices, by the old one; the entries of those that are gone (-1) are cleared.
+void conn_host_work_move(lund_host* host, const std::int32_t kept[LUND_RELAYS_MAX]);
+// Whether a client announced by a server may be at this address.
 bool conn_host_is_candidate(const lund_host* host, const lund_rv_endpoint& address);

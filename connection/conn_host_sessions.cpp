@@ -65,7 +65,9 @@ void send_rekey_ack(lund_host* host, lund_crypto_slot* slot, std::uint32_t sessi
 
 std::int32_t classify_path(const lund_host* host, const lund_rv_endpoint& source) {
   if (conn_server_index(&host->base, source) >= 0) return LUND_PATH_RELAY;
-  return lund_addr_path_class(source);
+  const std::int32_t by_address = lund_addr_path_class(source);
+  if (by_address == LUND_PATH_LAN) return LUND_PATH_LAN;
+  return conn_host_is_candidate(host, source) ? LUND_PATH_P2P : by_address;
 }
 
 // Makes the record's source the session's peer. Unless forced, only a record newer than the one

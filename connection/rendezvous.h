@@ -20,6 +20,8 @@ enum lund_rv_type : std::uint8_t {
   LUND_RV_BOUND = 105,
   LUND_RV_ERROR = 106,
 };
+inline constexpr std::uint8_t LUND_RV_FIRST = 96;
+inline constexpr std::uint8_t LUND_RV_LAST = 111;  // up to here the range is reserved
 
 inline constexpr int LUND_RV_LAN_MAX = 4;
 inline constexpr std::size_t LUND_RV_MESSAGE_MAX = 256;  // every encoded message fits

@@ -8,7 +8,7 @@
 #include "connection/conn_host.h"
 
 // Fills in the server's endpoint, by the system's resolver unless its host is a literal; blocks.
-// 0 or -1.
+// 0, or -1 with the endpoint as it was.
 int lund_relay_resolve(lund_relay_server* server);
 int lund_relay_config_resolve(lund_relay_config* config);  // how many have an endpoint then
 
@@ -26,7 +26,8 @@ int lund_relay_check(const lund_relay_server* server, int timeout_ms, std::uint6
 
 // Resolves each name of `relays` at once, again 120 s after a success and 10 s after a failure, and
 // tells the engine each result. Null without a name to resolve, or without a thread. `relays` is
-// copied; keys are not kept. The engine must outlive the call of lund_resolver_stop.
+// copied; keys are not kept. The engine must outlive the call of lund_resolver_stop, after which
+// the handle is gone.
 struct lund_resolver;
 lund_resolver* lund_resolver_start_host(lund_host* host, const lund_relay_config* relays);
 lund_resolver* lund_resolver_start_client(lund_client* client, const lund_relay_config* relays);

@@ -4,6 +4,7 @@
 
 #include "connection/cpace.h"
 #include "connection/noise.h"
+#include "connection/resolver.h"
 #include "tests/support/wiped.h"
 
 int lund_random_bytes(void*, std::size_t) {
@@ -84,6 +85,15 @@ TEST(NoRandom, APairingIsNotAnsweredButTheAttemptCounts) {
   EXPECT_EQ(size, 0u);
   EXPECT_EQ(pair.attempts, 1);
   EXPECT_EQ(pair.state, LUND_PAIR_IDLE);
+}
+
+TEST(NoRandom, NoRelayIsAsked) {
+  const std::uint8_t key[] = {1};
+  lund_relay_server server;
+  ASSERT_EQ(lund_relay_server_set(&server, "127.0.0.1", 9877, key, sizeof key), 0);
+  std::uint64_t rtt_us = 1;
+  EXPECT_EQ(lund_relay_check(&server, 30, &rtt_us), LUND_RELAY_LOCAL_FAILURE);
+  EXPECT_EQ(rtt_us, 0u);
 }
 
 }  // namespace
