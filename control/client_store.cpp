@@ -1,5 +1,6 @@
 #include "control/client_store.h"
 
+#include <algorithm>
 #include <cstring>
 #include <vector>
 
@@ -151,9 +152,9 @@ bool ClientStore::load_hosts(std::string* error) {
 bool ClientStore::load_relays(std::string* error) {
   std::string text;
   const Read read = read_sealed(directory_, RELAYS, RELAYS_PURPOSE, &text);
-  const bool loaded = read != Read::Failed &&
-                      lund_relay_config_load_stored(&relays_, text.data(), text.size(),
-                                                    read == Read::Ok ? 1 : 0) == 0;
+  const bool loaded =
+      read != Read::Failed && lund_relay_config_load_stored(&relays_, text.data(), text.size(),
+                                                            read == Read::Ok ? 1 : 0) == 0;
   lund_secure_wipe(text.data(), text.size());
   if (!loaded)
     *error = "the list of relay servers in " + directory_.string() +
@@ -176,6 +177,12 @@ const lund_host_entry* ClientStore::find(const std::uint8_t key[LUND_KEY_SIZE]) 
   return index < 0 ? nullptr : &hosts_.entries[index];
 }
 
+int ClientStore::count(const std::string& selector) const {
+  return static_cast<int>(
+      std::count_if(hosts_.entries, hosts_.entries + hosts_.count,
+                    [&](const lund_host_entry& host) { return matches(host, selector); }));
+}
+
 bool ClientStore::save_hosts(std::string* error) {
   std::vector<char> text(LUND_LIST_TEXT_MAX);
   const std::size_t size = lund_host_list_save(&hosts_, text.data(), text.size());
@@ -186,10 +193,8 @@ bool ClientStore::save_hosts(std::string* error) {
 
 bool ClientStore::save_relays(std::string* error) {
   SecretText text;
-  const std::size_t size =
-      lund_relay_config_save(&relays_, text.bytes.data(), text.bytes.size());
-  if (size != 0 &&
-      write_sealed(directory_, RELAYS, RELAYS_PURPOSE, {text.bytes.data(), size}))
+  const std::size_t size = lund_relay_config_save(&relays_, text.bytes.data(), text.bytes.size());
+  if (size != 0 && write_sealed(directory_, RELAYS, RELAYS_PURPOSE, {text.bytes.data(), size}))
     return true;
   *error = "cannot save the list of relay servers in " + directory_.string();
   return false;

@@ -35,6 +35,7 @@ class ClientStore {
   // last. Null when no host matches.
   const lund_host_entry* find(const std::string& selector) const;
   const lund_host_entry* find(const std::uint8_t key[LUND_KEY_SIZE]) const;
+  int count(const std::string& selector) const;  // how many match
 
   bool put(lund_host_entry host, std::string* error);
   // Changes what is stored of a host; one that has been forgotten meanwhile stays forgotten.
