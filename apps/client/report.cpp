@@ -1,5 +1,6 @@
 #include "apps/client/report.h"
 
+#include <cmath>
 #include <cstdio>
 #include <fstream>
 
@@ -25,8 +26,9 @@ nlohmann::json report(StreamClient& stream, HostLink& link) {
   json["paths"] = paths.report(stream.frame_counts());
   json["reconnects"] = nlohmann::json::array();
   for (const Reconnect& reconnect : stream.reconnects())
-    json["reconnects"].push_back(
-        {{"at_s", reconnect.at_s}, {"gap_ms", reconnect.gap_ms}, {"reason", reconnect.reason}});
+    json["reconnects"].push_back({{"at_s", std::round(reconnect.at_s * 1000) / 1000},
+                                  {"gap_ms", std::round(reconnect.gap_ms)},
+                                  {"reason", reconnect.reason}});
   json["hello_to_first_frame_ms"] = stream.hello_to_first_frame_ms();
   json["datagrams_dropped_on_purpose"] = link.dropped_on_purpose();
   return json;
