@@ -18,13 +18,6 @@ class HostProgramTest : public SystemTest {
     arguments.insert(arguments.begin(), program("lunderhaze"));
     return run_program(arguments, environment_, seconds(30));
   }
-  void start_host_on_a_terminal(const std::vector<std::string>& more = {}) {
-    std::vector<std::string> all = {program("lunderhaze"), "--port", std::to_string(port_),
-                                    "--codec", "h264"};
-    all.insert(all.end(), more.begin(), more.end());
-    host_ = std::make_unique<ChildProcess>(all, environment_, ChildProcess::Streams::Terminal);
-    ASSERT_TRUE(host_->wait_for_output("Listening on UDP port", seconds(20))) << host_->output();
-  }
   bool status_comes_to_show(const std::string& text) {
     const auto until = std::chrono::steady_clock::now() + seconds(20);
     for (;;) {
