@@ -2,6 +2,8 @@
 
 #include <cstdio>
 
+namespace client_app {
+
 int fail(ExitStatus status, const std::string& text) {
   std::fprintf(stderr, "lunderhaze-client: %s\n", text.c_str());
   return status;
@@ -18,3 +20,5 @@ std::string code_text(const std::uint8_t key[LUND_KEY_SIZE]) {
   lund_key_code(text, key);
   return text;
 }
+
+}  // namespace client_app

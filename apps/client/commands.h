@@ -10,6 +10,8 @@
 #include "apps/client/host_link.h"
 #include "control/client_store.h"
 
+namespace client_app {
+
 // What the program returns; scripts rely on these.
 enum ExitStatus : int {
   EXIT_OK = 0,
@@ -64,3 +66,5 @@ int relay_check_status(int result);
 int fail(ExitStatus status, const std::string& text);
 std::string address_text(const lund_rv_endpoint& address);
 std::string code_text(const std::uint8_t key[LUND_KEY_SIZE]);
+
+}  // namespace client_app

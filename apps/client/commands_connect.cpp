@@ -11,6 +11,8 @@
 #include "apps/client/stream_client.h"
 #include "control/sysinfo.h"
 
+namespace client_app {
+
 namespace {
 
 lund_hello make_hello(const Arguments& args) {
@@ -112,3 +114,5 @@ int run_connect(const Arguments& args) {
   if (!remember(store, host, stream, link, given, &error)) status = fail(EXIT_LOCAL, error);
   return end == StreamEnd::Done ? status : fail(static_cast<ExitStatus>(status), ended);
 }
+
+}  // namespace client_app

@@ -6,6 +6,8 @@
 #include "apps/client/known_hosts.h"
 #include "apps/client/pairing.h"
 
+namespace client_app {
+
 namespace {
 
 std::string time_text(std::uint64_t seconds) {
@@ -78,3 +80,5 @@ int run_forget(const Arguments& args) {
               code_text(host.key).c_str());
   return EXIT_OK;
 }
+
+}  // namespace client_app

@@ -11,6 +11,8 @@
 #include "control/keystore.h"
 #include "control/sysinfo.h"
 
+namespace client_app {
+
 namespace {
 
 constexpr char OTHER_IDENTITY[] =
@@ -125,3 +127,5 @@ int run_pair(const Arguments& args) {
   std::fputs(remembered.c_str(), stdout);
   return args.back ? pair_back(link, args, host, own_name) : EXIT_OK;
 }
+
+}  // namespace client_app

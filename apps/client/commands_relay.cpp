@@ -6,6 +6,8 @@
 #include "apps/client/relay_links.h"
 #include "connection/resolver.h"
 
+namespace client_app {
+
 namespace {
 
 // What the command line names, by link or by the name of one that is remembered.
@@ -113,3 +115,5 @@ int run_relay_check(const Arguments& args) {
   for (int i = 0; i < named.count; ++i) worst = std::max(worst, check(named.servers[i]));
   return worst;
 }
+
+}  // namespace client_app

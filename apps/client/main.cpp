@@ -9,6 +9,8 @@
 #include "control/keystore.h"
 #include "control/log.h"
 
+using namespace client_app;
+
 namespace {
 
 std::atomic<bool> stop_requested{false};

@@ -5,6 +5,8 @@
 #include <fstream>
 #include <iostream>
 
+namespace client_app {
+
 namespace {
 
 constexpr char BLANKS[] = " \t\r\n";
@@ -88,3 +90,5 @@ void remember_relays(const lund_relay_config& given, ClientStore* store, std::st
                  : "relay server " + relay_name(server) + " is not remembered: " + error + "\n";
   }
 }
+
+}  // namespace client_app

@@ -10,6 +10,8 @@
 #include "connection/lists.h"
 #include "control/client_store.h"
 
+namespace client_app {
+
 // One link a line; blank lines are skipped. False with `error`.
 bool read_relay_links(std::istream& in, const std::string& source, lund_relay_config* relays,
                       std::string* error);
@@ -29,3 +31,5 @@ lund_relay_config relays_to_use(const lund_relay_config& given,
 void remember_relays(const lund_relay_config& given, ClientStore* store, std::string* text);
 
 std::string relay_name(const lund_relay_server& server);  // "host:port"
+
+}  // namespace client_app

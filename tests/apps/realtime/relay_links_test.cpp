@@ -8,6 +8,8 @@
 #include "connection/resolver.h"
 #include "tests/support/temp_directory.h"
 
+using namespace client_app;
+
 namespace {
 
 constexpr char LINK[] = "lunderhaze-relay://relay.example#top-secret";
