@@ -88,6 +88,7 @@ ExitStatus check_relays(const lund_relay_config& relays) {
     std::uint64_t rtt_us = 0;
   };
   std::vector<std::future<Checked>> checks;
+  checks.reserve(LUND_RELAYS_MAX);
   for (int i = 0; i < relays.count; ++i) {
     checks.push_back(std::async(std::launch::async, [server = &relays.servers[i]] {
       Checked checked;

@@ -188,8 +188,7 @@ class HostByHand {
     }
   }
 
-  void decide(PairBackOffer offer, bool accepted) {
-    asked_.reset();
+  void decide(const PairBackOffer& offer, bool accepted) {
     std::string error;
     if (accepted && !remember_host(offer, {}, &error)) {
       tell("\"" + offer.name + "\" could not be remembered: " + error);
@@ -200,6 +199,7 @@ class HostByHand {
          offer.code().c_str(), accepted ? "accepted" : "not accepted");
     tell("\"" + offer.name +
          (accepted ? "\" can be reached from this computer now" : "\" was not accepted"));
+    asked_.reset();
   }
 
   const RunOptions options_;

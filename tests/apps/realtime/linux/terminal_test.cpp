@@ -82,7 +82,8 @@ class TerminalTest : public testing::Test {
     const pid_t program = fork();
     if (program == 0) {
       while (getpgrp() != getpid()) setpgid(0, 0);
-      signal(SIGTTOU, SIG_DFL);
+      // As a shell starts its jobs, whatever the test was started with.
+      for (const int number : {SIGTTOU, SIGTTIN, SIGTSTP, SIGQUIT, SIGHUP}) signal(number, SIG_DFL);
       char go = 0;
       if (read(orders_[0], &go, 1) != 1) _exit(9);
       for (int target = 0; target < 3; ++target) dup2(slave_, target);
