@@ -38,7 +38,7 @@ int NetSim::network_of(const lund_rv_endpoint& address) const {
   for (const Node& node : nodes_)
     for (const auto& [network, own] : node.addresses)
       if (lund_rv_endpoint_equal(own, address)) return network;
-  return -1;
+  return default_network_;
 }
 
 NetSim::Node* NetSim::node_at(const lund_rv_endpoint& address) {
@@ -81,7 +81,8 @@ void NetSim::trace(std::uint64_t value) {
   for (int i = 0; i < 8; ++i) trace_ = (trace_ ^ ((value >> (8 * i)) & 0xff)) * 0x100000001b3;
 }
 
-void NetSim::deliver(const Datagram& datagram) {
+void NetSim::deliver(Datagram datagram) {
+  if (arrival_ && !arrival_(datagram)) return;
   Node* node = node_at(datagram.to);
   if (!node || !node->receive) return;
   ++delivered_;

@@ -55,9 +55,14 @@ class NetSim {
   // Gives the node its one address on the network; a second call moves it there.
   void attach(int node, int network, const lund_rv_endpoint& address);
   void set_rewrite(Rewrite rewrite) { rewrite_ = std::move(rewrite); }
+  // The same as it arrives, before it is known for whom: a NAT's other direction.
+  void set_arrival(Rewrite arrival) { arrival_ = std::move(arrival); }
+  // The way to every address that no node has, as by a default route.
+  void set_default_network(int network) { default_network_ = network; }
   void set_tap(Receive tap) { tap_ = std::move(tap); }  // sees what is sent, before any loss
 
-  // From the node's address on the network that has `to`; an address that nobody has is no error.
+  // From the node's address on the network that has `to`, or on the default network; an address
+  // that nobody has is no error.
   void send(int node, const lund_rv_endpoint& to, const std::uint8_t* bytes, std::size_t size);
   // Arrives at once and unharmed, whoever `from` is.
   void inject(const lund_rv_endpoint& from, const lund_rv_endpoint& to, const Bytes& bytes);
@@ -91,13 +96,14 @@ class NetSim {
   int network_of(const lund_rv_endpoint& address) const;
   Node* node_at(const lund_rv_endpoint& address);
   void transmit(const Link& link, const Datagram& datagram);
-  void deliver(const Datagram& datagram);
+  void deliver(Datagram datagram);
   void trace(std::uint64_t value);
 
   SeededRandom random_;
   std::vector<Link> networks_;
   std::vector<Node> nodes_;
-  Rewrite rewrite_;
+  Rewrite rewrite_, arrival_;
+  int default_network_ = -1;
   Receive tap_;
   std::priority_queue<InFlight, std::vector<InFlight>, std::greater<>> in_flight_;
   std::uint64_t order_ = 0;
