@@ -1,7 +1,9 @@
 // The host engine's paths that a stranger or a stream can load: admission, a replayed first
-// message, and a sealed record through the dispatcher beside the bare opening of the same record.
+// message, and a sealed record through the dispatcher beside the bare opening of the same record;
+// and the tick of a full host beside an empty one's.
 #include <benchmark/benchmark.h>
 
+#include <cstdio>
 #include <cstring>
 #include <vector>
 
@@ -17,14 +19,27 @@ const lund_rv_endpoint CLIENT_ADDRESS = [] {
   return address;
 }();
 
+lund_relay_config servers(int count) {
+  lund_relay_config relays;
+  relays.count = count;
+  for (int i = 0; i < count; ++i) {
+    lund_relay_server& relay = relays.servers[i];
+    std::snprintf(relay.host, sizeof relay.host, "198.51.100.%d", i + 1);
+    relay.key_size = 16;
+    std::memset(relay.key, i, relay.key_size);
+  }
+  return relays;
+}
+
 struct bench_host {
-  bench_host() {
+  explicit bench_host(const lund_relay_config& relays = {}) {
     lund_keypair_generate(&host_keys);
     lund_keypair_generate(&client_keys);
     lund_client_list clients;
     lund_client_list_add(&clients, client_keys.public_key, "bench");
     lund_host_config config;
     config.identity = host_keys;
+    config.relays = relays;
     config.user = this;
     config.send = [](void* user, const lund_rv_endpoint*, const std::uint8_t* bytes,
                      std::size_t size) {
@@ -52,6 +67,28 @@ struct bench_host {
     start(init);
     receive(init, sizeof init);
     lund_hs_client_finish(&noise, answer, answer_size, &session);
+  }
+  // From the handshake to a first packet, which makes a session of it.
+  void open_session() {
+    connect();
+    std::uint8_t plain[LUND_HEADER_SIZE];
+    const lund_packet_header header{LUND_PKT_PING, 0, 0};
+    lund_encode_header(plain, sizeof plain, &header);
+    std::uint8_t sealed[sizeof plain + LUND_SEAL_OVERHEAD];
+    lund_seal(&session, plain, sizeof plain, sealed, sizeof sealed);
+    receive(sealed, sizeof sealed);
+  }
+  // A server says that the host is registered, for as long as it can.
+  void register_with(int server) {
+    lund_rv_message message;
+    message.type = LUND_RV_REGISTERED;
+    message.observed = CLIENT_ADDRESS;
+    message.lease_seconds = UINT16_MAX;
+    std::uint8_t datagram[LUND_RV_MESSAGE_MAX];
+    const lund_conn_server& from = host->base.servers[server];
+    lund_host_receive(host, datagram,
+                      lund_rv_encode(datagram, sizeof datagram, from.net_key, &message),
+                      from.endpoint, nullptr, 0, nullptr, nullptr);
   }
 
   lund_keypair host_keys;
@@ -116,6 +153,29 @@ void HandshakeOverTheLimit(benchmark::State& state) {
   }
 }
 BENCHMARK(HandshakeOverTheLimit);
+
+void TickEmpty(benchmark::State& state) {
+  bench_host bench;
+  for (auto _ : state) benchmark::DoNotOptimize(lund_host_tick(bench.host));
+}
+BENCHMARK(TickEmpty);
+
+void TickOfEightSessionsAndEightRegisteredServers(benchmark::State& state) {
+  bench_host bench(servers(LUND_RELAYS_MAX));
+  for (int i = 0; i < HOST_LINKS; ++i) bench.open_session();
+  for (int i = 0; i < LUND_RELAYS_MAX; ++i) bench.register_with(i);
+  int sessions = 0;
+  for (const lund_host_link& link : bench.host->links) sessions += link.used != 0 ? 1 : 0;
+  int registered = 0;
+  for (int i = 0; i < LUND_RELAYS_MAX; ++i) {
+    lund_server_status status;
+    lund_host_server_status(bench.host, i, &status);
+    registered += static_cast<int>(status.registered);
+  }
+  if (sessions != HOST_LINKS || registered != LUND_RELAYS_MAX) state.SkipWithError("not full");
+  for (auto _ : state) benchmark::DoNotOptimize(lund_host_tick(bench.host));
+}
+BENCHMARK(TickOfEightSessionsAndEightRegisteredServers);
 
 void RecordThroughTheEngine(benchmark::State& state) {
   bench_host bench;

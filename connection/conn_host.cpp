@@ -80,7 +80,6 @@ lund_host* lund_host_create(const lund_host_config* config, const lund_client_li
   host->allow_plain = config->allow_plain;
   const int loaded = conn_host_clients_load(host, clients);
   conn_host_pairing_init(host, config, password_blob, loaded > 0);
-  conn_host_servers_init(host, lund_now_us());
   return host;
 }
 

@@ -136,7 +136,7 @@ struct lund_server_reg {
   std::int32_t state = REG_IDLE;
   std::uint8_t server_key[LUND_KEY_SIZE] = {};  // from the challenge
   std::uint8_t challenge[16] = {};
-  std::uint64_t next_at = 0;  // next REGISTER
+  std::uint64_t next_at = 0;  // next REGISTER; 0: at once
   std::uint64_t last_sent = 0;
   std::int32_t tries = 0;       // REGISTERs since the last answer
   std::int32_t last_error = 0;  // 0 none, -1 temporary refusal, else a LUND_RV_ERROR code
@@ -216,9 +216,7 @@ int conn_host_client_find(const lund_host* host, const std::uint8_t key[LUND_KEY
 int conn_host_client_add(lund_host* host, const std::uint8_t key[LUND_KEY_SIZE], const char* name);
 void conn_host_event_key(lund_conn_event* event, const std::uint8_t key[LUND_KEY_SIZE]);
 
-// Servers (conn_host_servers.cpp).
-void conn_host_servers_init(lund_host* host, std::uint64_t now);  // registrations due at once
-// A datagram of the rendezvous range, from anywhere.
+// Servers (conn_host_servers.cpp). A datagram of the rendezvous range, from anywhere.
 void conn_host_rendezvous(lund_host* host, const std::uint8_t* datagram, std::size_t size,
                           const lund_rv_endpoint& from, std::uint64_t now);
 // Registers where it is due; lowers `wake` to the next time.

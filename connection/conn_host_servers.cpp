@@ -16,11 +16,6 @@ constexpr int REFUSED_FOR_NOW = -1;  // last_error of a temporary refusal
 constexpr int ERROR_TEMPORARY = 0;   // LUND_RV_ERROR codes
 constexpr int ERROR_START_OVER = 2;
 
-void reset_registration(lund_server_reg* registration, std::uint64_t now) {
-  *registration = {};
-  registration->next_at = now;
-}
-
 std::uint64_t backoff_us(int tries) {
   return SECOND_US << (std::clamp(tries, 1, BACKOFF_STEPS) - 1);
 }
@@ -129,12 +124,11 @@ struct server_set {
 };
 
 // A server that stays as it was keeps its address, and with the address its registration.
-void carry_over(const lund_host* host, server_set* next, std::uint64_t now) {
+void carry_over(const lund_host* host, server_set* next) {
   bool paired[LUND_RELAYS_MAX] = {};
   std::fill(std::begin(next->kept), std::end(next->kept), -1);
   for (int i = 0; i < next->count; ++i) {
     lund_conn_server& server = next->servers[i];
-    reset_registration(&next->registrations[i], now);
     int old = 0;
     while (old < host->base.server_count &&
            (paired[old] || !same_server(host->base.servers[old], server)))
@@ -153,10 +147,6 @@ void carry_over(const lund_host* host, server_set* next, std::uint64_t now) {
 }
 
 }  // namespace
-
-void conn_host_servers_init(lund_host* host, std::uint64_t now) {
-  for (lund_server_reg& registration : host->registrations) reset_registration(&registration, now);
-}
 
 void conn_host_rendezvous(lund_host* host, const std::uint8_t* datagram, std::size_t size,
                           const lund_rv_endpoint& from, std::uint64_t now) {
@@ -197,11 +187,10 @@ void conn_host_servers_tick(lund_host* host, std::uint64_t now, std::uint64_t* w
 
 void lund_host_set_lan_endpoints(lund_host* host, const lund_rv_endpoint* endpoints, int count) {
   const std::lock_guard lock(host->base.lock);
-  const std::uint64_t now = lund_now_us();
   host->base.lan_count = std::clamp(count, 0, LUND_RV_LAN_MAX);
   std::copy_n(endpoints, host->base.lan_count, host->base.lan_endpoints);
   for (lund_server_reg& registration : host->registrations) {
-    registration.next_at = now;
+    registration.next_at = 0;
     // What the server has confirmed are other addresses than these.
     if (registration.state == REG_REGISTERED) registration.state = REG_CHALLENGED;
   }
@@ -212,7 +201,7 @@ void lund_host_set_relay(lund_host* host, const lund_relay_config* relays) {
   next.count = conn_servers_load(next.servers, relays);
   {
     const std::lock_guard lock(host->base.lock);
-    carry_over(host, &next, lund_now_us());
+    carry_over(host, &next);
     conn_host_work_move(host, next.kept);
     std::copy(std::begin(next.servers), std::end(next.servers), host->base.servers);
     std::copy(std::begin(next.registrations), std::end(next.registrations), host->registrations);
@@ -243,10 +232,9 @@ void lund_host_server_resolved(lund_host* host, const char* name, std::uint16_t 
                                const lund_rv_endpoint* endpoint) {
   const std::lock_guard lock(host->base.lock);
   const std::uint32_t moved = conn_server_resolved(&host->base, name, port, endpoint);
-  const std::uint64_t now = lund_now_us();
   for (int i = 0; i < host->base.server_count; ++i) {
     if ((moved >> i & 1) == 0) continue;
-    reset_registration(&host->registrations[i], now);
+    host->registrations[i] = {};
     conn_host_work_clear(host, i);
   }
 }

@@ -1,8 +1,10 @@
-// The client engine under sequences of datagrams, ticks and calls, beside a real host engine: what
-// the host sends can arrive, be lost, late, repeated, changed or from elsewhere. The client's
-// tables are checked after each step.
+// The client engine under sequences of datagrams, ticks and calls, beside a real host engine and
+// two rendezvous servers: what the host sends can arrive, be lost, late, repeated, changed or from
+// elsewhere; the servers can say anything. The client's tables are checked after each step.
 //
-// The input is a list of steps: an operation byte, then what the operation reads.
+// The input is a byte for the client's configuration (bit 0: it knows the host's key and is known;
+// bit 1: it has the host's code; bits 2-3: path mode) and a list of steps: an operation byte, then
+// what the operation reads.
 //   bits 0-3  operation, below
 //   bits 4-5  source address
 //   bits 6-7  clock, ahead of the step: 0, 10 ms, 260 ms, 3 s
@@ -17,6 +19,7 @@
 #include "connection/byte_order.h"
 #include "connection/conn_client_internal.h"
 #include "connection/conn_host.h"
+#include "fuzz/conn_client_servers.h"
 #include "fuzz/input.h"
 #include "fuzz/repeatable_random.h"
 #include "tests/support/virtual_time.h"
@@ -37,7 +40,7 @@ enum Operation : std::uint8_t {
   CANDIDATE = 10,  // which, class
   CALL = 11,       // which: a call of the application
   PAIR = 12,       // how: kind, secret
-  RELAY = 13,      // a server gives a path
+  SERVER = 13,     // what a server says, or the resolver; see conn_client_servers.h
   RESTART = 14,    // of the host
   EVENTS = 15,
 };
@@ -83,7 +86,7 @@ bool costly(const Bytes& datagram) {
 
 class World {
  public:
-  explicit World(bool paired);
+  explicit World(std::uint8_t setup);
   ~World() {
     lund_client_destroy(client_);
     lund_host_destroy(host_);
@@ -115,12 +118,14 @@ class World {
   lund_keypair host_keys_, client_keys_;
   lund_host* host_ = nullptr;
   lund_client* client_ = nullptr;
+  Servers servers_;
   lund_rv_endpoint from_;
   std::deque<Bytes> for_client_, for_host_;
   std::deque<Bytes> kept_;
 };
 
-World::World(bool paired) {
+World::World(std::uint8_t setup) {
+  const bool paired = (setup & 1) != 0;
   virtual_time::reset();
   repeatable_random_seed(1);
   lund_keypair_generate(&host_keys_);
@@ -137,14 +142,23 @@ World::World(bool paired) {
   config.send = [](void* user, const lund_rv_endpoint* to, const std::uint8_t* bytes,
                    std::size_t size) {
     REQUIRE(to->family != 0 && size >= LUND_HEADER_SIZE && size <= LUND_PAIR_MESSAGE_MAX);
-    static_cast<World*>(user)->for_host_.emplace_back(bytes, bytes + size);
+    auto* world = static_cast<World*>(user);
+    if (world->servers_.sent(*to, bytes, size)) return;
+    world->for_host_.emplace_back(bytes, bytes + size);
   };
   config.log = [](void*, const char* text) { REQUIRE(std::strchr(text, '\n') == nullptr); };
   if (paired) {
     config.has_host_key = 1;
     std::memcpy(config.host_key, host_keys_.public_key, LUND_KEY_SIZE);
   }
+  char code[LUND_KEY_CODE_TEXT];
+  lund_key_code(code, host_keys_.public_key);
+  if ((setup & 2) != 0) config.host_code = code;
+  config.path_mode = setup >> 2 & 3;
+  Servers::configure(config);
   client_ = lund_client_create(&config);
+  servers_.attach(client_, host_keys_.public_key);
+  client_engine::forget_pairing(*client_);  // its padding too, so that it can be looked at whole
 }
 
 void World::create_host(const lund_client_list& clients) {
@@ -272,7 +286,9 @@ void World::restart_host() {
 void World::events() {
   lund_conn_event event;
   while (lund_client_poll_event(client_, &event) != 0) {
-    REQUIRE(event.type >= LUND_EV_PATH_CHANGED && event.type <= LUND_EV_CLIENT_REJECTED);
+    REQUIRE(event.type >= LUND_EV_PATH_CHANGED && event.type <= LUND_EV_CLIENT_LOOKUP_FAILED);
+    REQUIRE(event.server >= -1 && event.server < Servers::COUNT);
+    if (event.type == LUND_EV_CLIENT_LOOKUP_FAILED) REQUIRE(event.server >= 0);
     REQUIRE(std::memchr(event.name, 0, sizeof event.name) != nullptr);
     if (event.type == LUND_EV_CLIENT_PAIR_FAILED) REQUIRE(event.status >= 1 && event.status <= 5);
   }
@@ -341,9 +357,12 @@ void World::step(Input& in) {
     case PAIR:
       pair(in.byte());
       break;
-    case RELAY:
-      client_engine::path_kick(
-          *client_, client_engine::path_add(*client_, from_, LUND_PATH_RELAY, 0), lund_now_us());
+    case SERVER:
+      servers_.step(in, lund_rv_endpoint(from_),
+                    [this](const lund_rv_endpoint& from, const Bytes& datagram) {
+                      from_ = from;
+                      REQUIRE(to_client(datagram) != LUND_RX_OPENED);
+                    });
       break;
     case RESTART:
       restart_host();
@@ -381,6 +400,7 @@ void check_path(const lund_client_path& path) {
 }
 
 void World::check() {
+  servers_.check();
   bool up = false;
   for (const lund_client_session& session : client_->sessions) {
     check_session(session);
@@ -409,7 +429,7 @@ void World::check() {
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   if (size == 0) return 0;
   Input in(data, size);
-  World world((in.byte() & 1) != 0);
+  World world(in.byte());
   while (!in.done()) {
     world.step(in);
     world.check();

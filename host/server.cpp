@@ -35,15 +35,9 @@ std::unique_ptr<Facility> make_or(const std::function<std::unique_ptr<Facility>(
   return made;
 }
 
-std::string address_text(const lund_rv_endpoint& address) {
-  char text[LUND_ADDR_TEXT];
-  lund_addr_format(text, sizeof text, address);
-  return text;
-}
-
 std::string address_list(const lund_rv_endpoint* list, int count, const char* none) {
   std::string text;
-  for (int i = 0; i < count; ++i) text += (i == 0 ? "" : ", ") + address_text(list[i]);
+  for (int i = 0; i < count; ++i) text += (i == 0 ? "" : ", ") + addr_string(list[i]);
   return count == 0 ? none : text;
 }
 
@@ -118,6 +112,7 @@ bool HostServer::create_engine() {
   host_ = lund_host_create(&config, &clients, password_blob.c_str());
   if (host_ && lund_cpu::close_initial_pairing(options_.machine_mode))
     lund_host_pairing_close(host_);
+  if (host_) resolver_ = lund_resolver_start_host(host_, &config.relays);
   const int relay_count = config.relays.count;
   lund_secure_wipe(password_blob.data(), password_blob.size());
   lund_secure_wipe(&config.identity, sizeof config.identity);
@@ -165,6 +160,8 @@ void HostServer::shutdown() {
     if (thread->joinable()) thread->join();
   virtual_displays_->restore_now();
   std::scoped_lock lock(host_mutex_);
+  lund_resolver_stop(resolver_);
+  resolver_ = nullptr;
   lund_host_destroy(host_);
   host_ = nullptr;
 }

@@ -22,9 +22,7 @@ void HostServer::handle_hello(const std::uint8_t* data, std::size_t size, const 
   char code[LUND_KEY_CODE_TEXT];
   lund_key_code(code, info.client_key);
   job->code = code;
-  char address[LUND_ADDR_TEXT];
-  lund_addr_format(address, sizeof address, info.peer);
-  job->path_label = std::string(lund_path_name(info.path)) + " " + address;
+  job->path_label = std::string(lund_path_name(info.path)) + " " + addr_string(info.peer);
   job->path = info.path;
   job->hello.assign(data, data + size);
   job->screen = hello.screen;

@@ -9,13 +9,13 @@
 #include "control/log.h"
 #include "host/server.h"
 
-namespace {
-
 std::string addr_string(const lund_rv_endpoint& endpoint) {
   char text[LUND_ADDR_TEXT];
   lund_addr_format(text, sizeof text, endpoint);
   return text;
 }
+
+namespace {
 
 std::string code_of(const std::uint8_t* key) {
   char code[LUND_KEY_CODE_TEXT];

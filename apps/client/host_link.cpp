@@ -21,6 +21,7 @@ void log_callback(void*, const char* text) {
 }  // namespace
 
 HostLink::~HostLink() {
+  lund_resolver_stop(resolver_);  // it calls the engine
   lund_client_destroy(engine_);
   if (socket_ != LUND_NO_SOCKET) lund_udp_close(socket_);
 }
@@ -30,12 +31,19 @@ bool HostLink::open(lund_client_config config, std::string* error) {
     *error = "no UDP socket could be opened";
     return false;
   }
+  config.lan_count = lund_net_local_endpoints(config.lan_endpoints,
+                                              static_cast<int>(std::size(config.lan_endpoints)),
+                                              lund_udp_local_port(socket_));
   config.send = send_callback;
   config.log = log_callback;
   config.user = &socket_;
   engine_ = lund_client_create(&config);
-  if (!engine_) *error = "the connection layer could not start";
-  return engine_ != nullptr;
+  if (!engine_) {
+    *error = "the connection layer could not start";
+    return false;
+  }
+  resolver_ = lund_resolver_start_client(engine_, &config.relays);
+  return true;
 }
 
 void HostLink::set_drop(double percent, std::uint32_t seed) {
@@ -68,7 +76,22 @@ void HostLink::receive_all(const PacketHandler& packet) {
     const int result = lund_client_receive(engine_, datagram, static_cast<std::size_t>(size), from,
                                            opened, sizeof opened, &opened_size, nullptr);
     if (result == LUND_RX_OPENED) packet(opened, opened_size);
+    if (result != LUND_RX_PLAIN) continue;
+    const lund_rv_endpoint* host = lan_search_.take(datagram, static_cast<std::size_t>(size), from);
+    if (host) lund_client_add_candidate(engine_, host, 0);
   }
+}
+
+void HostLink::search_lan() {
+  const std::uint64_t now = lund_now_us();
+  if (!lan_search_.due(now)) return;
+  lund_client_status status;
+  lund_client_status_get(engine_, &status);
+  if (status.connected && status.path == LUND_PATH_LAN) return lan_search_.skip(now);
+  std::uint8_t packet[64];
+  const std::size_t size = lan_search_.ask(now, packet, sizeof packet);
+  for (const lund_rv_endpoint& target : discover_targets(lan_search_.port()))
+    lund_udp_send(socket_, target, packet, size);
 }
 
 void HostLink::drain_events(const EventHandler& event) {
@@ -79,6 +102,7 @@ void HostLink::drain_events(const EventHandler& event) {
 void HostLink::run(std::uint64_t deadline_us, const PacketHandler& packet,
                    const EventHandler& event, const std::function<bool()>& stop) {
   while (lund_now_us() < deadline_us) {
+    search_lan();
     const std::uint64_t wait_us = std::min<std::uint64_t>(lund_client_tick(engine_), 50'000);
     drain_events(event);
     if (stop()) return;

@@ -1,5 +1,7 @@
 // The client engine on a UDP socket, driven by one thread: datagrams in, events and opened packets
-// out. Loses datagrams on purpose when asked to, before the engine sees them.
+// out. Keeps the names of its relay servers resolved (a thread of the resolver's), and looks for
+// the host on the LAN from the engine's own socket while no session is on a LAN path. Loses
+// datagrams on purpose when asked to, before the engine sees them.
 #pragma once
 
 #include <cstdint>
@@ -7,7 +9,9 @@
 #include <random>
 #include <string>
 
+#include "apps/client/lan_search.h"
 #include "connection/conn_client.h"
+#include "connection/resolver.h"
 
 class HostLink {
  public:
@@ -19,8 +23,12 @@ class HostLink {
   HostLink(const HostLink&) = delete;
   HostLink& operator=(const HostLink&) = delete;
 
-  // Fills in the callbacks of `config` and opens the socket. False with `error`.
+  // Fills in the callbacks and the own LAN addresses of `config`, and opens the socket. False with
+  // `error`.
   bool open(lund_client_config config, std::string* error);
+
+  void look_for(LanWanted wanted) { lan_search_ = LanSearch(std::move(wanted), lund_now_us()); }
+  const LanSearch& lan_search() const { return lan_search_; }
 
   // Datagrams received from now on are lost with this probability, by a seeded generator.
   void set_drop(double percent, std::uint32_t seed);
@@ -39,9 +47,12 @@ class HostLink {
  private:
   void receive_all(const PacketHandler& packet);
   void drain_events(const EventHandler& event);
+  void search_lan();
 
   lund_client* engine_ = nullptr;
+  lund_resolver* resolver_ = nullptr;
   lund_socket socket_ = LUND_NO_SOCKET;
+  LanSearch lan_search_;
   double drop_percent_ = 0;
   std::mt19937 random_;
   std::uint64_t dropped_ = 0;

@@ -1,5 +1,6 @@
 #include "apps/client/report.h"
 
+#include <cmath>
 #include <cstdio>
 #include <fstream>
 
@@ -8,10 +9,6 @@
 namespace {
 
 nlohmann::json report(StreamClient& stream, HostLink& link) {
-  lund_client_status status;
-  lund_client_status_get(link.engine(), &status);
-  char address[LUND_ADDR_TEXT];
-  lund_addr_format(address, sizeof address, status.addr);
   nlohmann::json json;
   {
     std::lock_guard lock(stream.decoder().statistics_mutex());
@@ -24,7 +21,14 @@ nlohmann::json report(StreamClient& stream, HostLink& link) {
                     {"fps", ack.fps},
                     {"bitrate_kbps", ack.bitrate_kbps},
                     {"payload_bytes", ack.max_datagram}};
-  json["path"] = {{"class", lund_path_name(status.path)}, {"host", address}};
+  const PathHistory& paths = stream.paths();
+  json["path"] = {{"class", lund_path_name(paths.path_class())}, {"host", paths.address()}};
+  json["paths"] = paths.report(stream.frame_counts());
+  json["reconnects"] = nlohmann::json::array();
+  for (const Reconnect& reconnect : stream.reconnects())
+    json["reconnects"].push_back({{"at_s", std::round(reconnect.at_s * 1000) / 1000},
+                                  {"gap_ms", std::round(reconnect.gap_ms)},
+                                  {"reason", reconnect.reason}});
   json["hello_to_first_frame_ms"] = stream.hello_to_first_frame_ms();
   json["datagrams_dropped_on_purpose"] = link.dropped_on_purpose();
   return json;

@@ -50,6 +50,7 @@ class StreamStatistics {
 
   double rtt_us() const { return rtt_us_; }
   std::uint32_t decoded() const { return decoded_; }
+  std::uint32_t lost() const { return lost_; }
   // Counts and latencies of the run.
   nlohmann::json report(double seconds) const;
 

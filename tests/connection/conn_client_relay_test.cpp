@@ -5,6 +5,7 @@
 
 #include <cstring>
 
+#include "tests/support/allocation_counter.h"
 #include "tests/support/server_rig.h"
 #include "tests/support/virtual_time.h"
 
@@ -61,6 +62,17 @@ TEST(ClientRelay, GoesOnBindingWhileASessionIsUpOnAnotherPath) {
   ASSERT_EQ(rig.status().path, LUND_PATH_LAN);
   rig.asked(LUND_RV_BIND);
   EXPECT_THAT(rig.times_of(LUND_RV_BIND, 31'000), ElementsAre(14'750, 29'750));
+}
+
+TEST(ClientRelay, WaitsNoLongerThanToTheNextBind) {
+  BoundRig rig;
+  lund_session host;
+  rig.host_answers(&host);
+  rig.tick_for_ms(12'000);  // past the fast phase, and the other server's look-ups
+  rig.client->paths[0].last_rx = lund_now_us();
+  rig.client->paths[0].next_probe = lund_now_us() + 1'000'000;
+  rig.state().next_bind = lund_now_us() + 123'000;
+  EXPECT_EQ(rig.tick(), 123'000u);
 }
 
 TEST(ClientRelay, BoundMakesTheServerAPathAndKicksIt) {
@@ -278,4 +290,47 @@ TEST(ClientRelay, PairsByCodeThroughTheRelayAndGoesOnToASession) {
   lund_session host;
   rig.receive(RELAY, rig.answer(handshakes[0].bytes, &host));
   EXPECT_EQ(rig.status().path, LUND_PATH_RELAY);
+}
+
+TEST(ClientRelay, UsesNoHeap) {
+  virtual_time::reset();
+  const server_peer& server = ServerRig::SERVERS[0];
+  static std::size_t sent;
+  sent = 0;
+  lund_client_config config;
+  lund_keypair_generate(&config.identity);
+  config.has_host_key = 1;
+  std::memcpy(config.host_key, config.identity.public_key, LUND_KEY_SIZE);
+  config.relays = peer::relays_of({server});
+  config.send = [](void*, const lund_rv_endpoint*, const std::uint8_t*, std::size_t) { ++sent; };
+  config.log = [](void*, const char*) {};
+  lund_client* client = lund_client_create(&config);
+  const auto say = [&](const lund_rv_message& message) {
+    std::uint8_t datagram[LUND_RV_MESSAGE_MAX], out[2048];
+    const std::size_t size = lund_rv_encode(datagram, sizeof datagram, server.net_key, &message);
+    lund_client_receive(client, datagram, size, server.address, out, sizeof out, nullptr, nullptr);
+  };
+
+  const AllocationCount allocations;
+  lund_client_connect(client);
+  lund_client_tick(client);
+  lund_rv_message result = server_peer::of_type(LUND_RV_LOOKUP_RESULT);
+  result.nonce = client->servers[0].nonce;
+  result.peer = WAN;
+  result.allocation = 1;
+  std::memcpy(result.key, config.host_key, LUND_KEY_SIZE);
+  say(result);
+  lund_rv_message bound = server_peer::of_type(LUND_RV_BOUND);
+  bound.allocation = 1;
+  say(bound);
+  for (int i = 0; i < 400; ++i) {
+    virtual_time::advance_ms(50);
+    lund_client_tick(client);
+  }
+  bound.status = 1;
+  say(bound);
+  lund_client_tick(client);
+  EXPECT_EQ(allocations.count(), 0U);
+  EXPECT_GT(sent, 100U);  // look-ups, 50 punches, binds, handshakes
+  lund_client_destroy(client);
 }

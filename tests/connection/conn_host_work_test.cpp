@@ -63,11 +63,6 @@ class HostWork : public ::testing::Test, protected served_host {
   engine_peer client = rig.client(2);
 };
 
-bool filled(const std::uint8_t (&bytes)[16], std::uint8_t value) {
-  return std::all_of(std::begin(bytes), std::end(bytes),
-                     [&](std::uint8_t b) { return b == value; });
-}
-
 }  // namespace
 
 // Punching.
@@ -89,7 +84,7 @@ TEST_F(HostWork, ANotificationPunchesAtEachCandidateAndBindsAtOnce) {
   for (const to_peer& punch : punches) {
     EXPECT_EQ(punch.message.type, LUND_RV_PUNCH);
     EXPECT_EQ(punch.message.side, 0);
-    EXPECT_TRUE(filled(punch.message.punch_token, 0x51));
+    EXPECT_TRUE(peer::filled(punch.message.punch_token, 0x51));
   }
   rig.sent = sent;
   const auto binds = take(a);
@@ -97,7 +92,7 @@ TEST_F(HostWork, ANotificationPunchesAtEachCandidateAndBindsAtOnce) {
   EXPECT_EQ(binds[0].type, LUND_RV_BIND);
   EXPECT_EQ(binds[0].allocation, FIRST);
   EXPECT_EQ(binds[0].side, 0);
-  EXPECT_TRUE(filled(binds[0].token, 0xAA));
+  EXPECT_TRUE(peer::filled(binds[0].token, 0xAA));
 }
 
 TEST_F(HostWork, PunchingIsFiftyRoundsInTwoAndAHalfSeconds) {
@@ -149,11 +144,11 @@ TEST_F(HostWork, ARepeatedNotificationBringsItsOwnTokensAndCandidates) {
   const auto punches = take_punches();
   ASSERT_EQ(punches.size(), 1U);
   EXPECT_TRUE(lund_rv_endpoint_equal(punches[0].to, ELSEWHERE));
-  EXPECT_TRUE(filled(punches[0].message.punch_token, 0x99));
+  EXPECT_TRUE(peer::filled(punches[0].message.punch_token, 0x99));
   rig.wait_us(SECOND_US);
   const auto binds = take(a);
   ASSERT_EQ(binds.size(), 1U);
-  EXPECT_TRUE(filled(binds[0].token, 0x98));
+  EXPECT_TRUE(peer::filled(binds[0].token, 0x98));
 }
 
 TEST_F(HostWork, ACandidateIsListedOnceAndOnlyWithAnAddress) {
@@ -204,7 +199,7 @@ TEST_F(HostWork, APunchIsAcknowledgedToWhereItCameFrom) {
   EXPECT_EQ(punches[0].message.type, LUND_RV_PUNCH_ACK);
   EXPECT_EQ(punches[0].message.nonce, 0xDEADBEEFU);
   EXPECT_EQ(punches[0].message.side, 0);
-  EXPECT_TRUE(filled(punches[0].message.punch_token, 0x51));
+  EXPECT_TRUE(peer::filled(punches[0].message.punch_token, 0x51));
   EXPECT_FALSE(conn_host_is_candidate(rig.host, ELSEWHERE)) << "and changes nothing";
 }
 
@@ -447,16 +442,7 @@ TEST_F(HostWork, TickAsksForNothingOnceBindingHasEnded) {
 }
 
 TEST_F(HostWork, ServerWorkAllocatesNothing) {
-  lund_host_config config;
-  config.identity = rig.keys;
-  config.relays = peer::relays_of({a});
-  int sent = 0;
-  config.user = &sent;
-  config.send = [](void* user, const lund_rv_endpoint*, const std::uint8_t*, std::size_t) {
-    ++*static_cast<int*>(user);
-  };
-  config.log = [](void*, const char*) {};
-  lund_host* host = lund_host_create(&config, nullptr, nullptr);
+  counted_host counted(peer::relays_of({a}));
   std::uint8_t token[16];
   std::memset(token, 0x51, sizeof token);
   const peer::bytes said[] = {a.notify(CLIENT, FIRST), a.bound(FIRST),
@@ -464,14 +450,12 @@ TEST_F(HostWork, ServerWorkAllocatesNothing) {
                               a.bound(SECOND, 1)};
   const AllocationCount allocations;
   for (const peer::bytes& datagram : said) {
-    lund_host_receive(host, datagram.data(), datagram.size(), a.address, nullptr, 0, nullptr,
-                      nullptr);
+    counted.receive(datagram, a.address);
     for (int i = 0; i < 40; ++i) {
       virtual_time::advance_us(50 * MS);
-      lund_host_tick(host);
+      lund_host_tick(counted.host);
     }
   }
   EXPECT_EQ(allocations.count(), 0U);
-  EXPECT_GT(sent, 80);
-  lund_host_destroy(host);
+  EXPECT_GT(counted.sent, 80);
 }

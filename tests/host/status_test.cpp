@@ -247,6 +247,41 @@ TEST_F(HostStatusTest, APairBackIsAnsweredWithWhatTheEmbedderSays) {
   EXPECT_EQ(answer(), 0);  // its low byte counts
 }
 
+TEST_F(HostStatusTest, APairBackThatDoesNotDecodeIsNotAnswered) {
+  start_host();
+  int asked = 0;
+  host().on_pair_back = [&](const lund_pair_back&, const lund_session_info&) { return ++asked; };
+  TestLink laptop = connected();
+  laptop.send(peer::packet(LUND_PKT_PAIR_BACK, 0, {5, 0, 5, 0}));  // five addresses are too many
+  EXPECT_THAT(laptop.receive(LUND_PKT_PAIR_BACK_ACK), IsEmpty());
+  EXPECT_EQ(asked, 0);
+}
+
+TEST_F(HostStatusTest, APairBackMayBeAnsweredByAuthorizingSomebody) {
+  start_host();
+  host().on_pair_back = [&](const lund_pair_back&, const lund_session_info&) {
+    return authorize(40, "Desk") ? 1 : 0;
+  };
+  TestLink laptop = connected();
+  laptop.send(peer::packet(LUND_PKT_PAIR_BACK, 0, {5, 0, 0, 0}));
+  EXPECT_EQ(laptop.receive(LUND_PKT_PAIR_BACK_ACK).size(), 1u);
+  EXPECT_EQ(host().paired_devices().back().name, "Desk");
+}
+
+TEST_F(HostStatusTest, AnAuthorizationTellsWhateverCameOfIt) {
+  start_host();
+  int changes = 0;
+  host().on_status_change = [&] { ++changes; };
+  authorize(40, "Desk");
+  EXPECT_EQ(changes, 1);
+  for (std::uint8_t seed = 41; seed < 70; ++seed) authorize(seed, "x");
+  changes = 0;
+  EXPECT_FALSE(authorize(70, "One too many"));
+  EXPECT_EQ(changes, 1);
+  EXPECT_FALSE(host().authorize_client(host_key, "me"));
+  EXPECT_EQ(changes, 1);
+}
+
 // ---- Pairing and password
 
 TEST_F(HostStatusTest, PairingOpensAndClosesAndTells) {

@@ -20,8 +20,10 @@ class ChildProcess {
   ChildProcess(const ChildProcess&) = delete;
   ChildProcess& operator=(const ChildProcess&) = delete;
 
-  // Reads until the output holds `text`; false when the deadline passes or the program ends first.
-  bool wait_for_output(const std::string& text, std::chrono::milliseconds deadline);
+  // Reads until the output holds `text` at or behind `from`; false when the deadline passes or the
+  // program ends first.
+  bool wait_for_output(const std::string& text, std::chrono::milliseconds deadline,
+                       std::size_t from = 0);
 
   // Waits for the end; the exit status, 128 + the signal's number, or nothing at the deadline.
   std::optional<int> wait(std::chrono::milliseconds deadline);

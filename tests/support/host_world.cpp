@@ -6,6 +6,7 @@
 #include "connection/byte_order.h"
 #include "connection/lists.h"
 #include "control/keystore.h"
+#include "tests/support/fake_resolver.h"
 
 lund_hello hello_for(int screen) {
   lund_hello hello;
@@ -112,6 +113,7 @@ std::size_t TestLink::largest_datagram() {
 HostWorld::HostWorld() {
   virtual_time::reset();
   fake_udp_reset();
+  fake_resolvers().clear();
   options.port = 9876;
   platform.add_display("DP-1", 0);
 }

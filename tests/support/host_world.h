@@ -1,5 +1,5 @@
 // A whole host without threads, on a fake computer and a fake socket, and clients made by hand that
-// talk to it. For programs that link test_virtual_time and test_fake_udp.
+// talk to it. For programs that link test_virtual_time, test_fake_udp and test_fake_resolver.
 #pragma once
 
 #include <gtest/gtest.h>

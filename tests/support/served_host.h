@@ -85,3 +85,29 @@ class served_host {
     return config;
   }
 };
+
+// An engine with the same servers whose wire only counts: for tests of what it allocates.
+class counted_host {
+ public:
+  explicit counted_host(const lund_relay_config& relays) {
+    lund_host_config config;
+    config.identity = peer::keypair_of(HOST_SEED);
+    config.relays = relays;
+    config.user = this;
+    config.send = [](void* user, const lund_rv_endpoint*, const std::uint8_t*, std::size_t) {
+      ++static_cast<counted_host*>(user)->sent;
+    };
+    config.log = [](void*, const char*) {};
+    host = lund_host_create(&config, nullptr, nullptr);
+  }
+  ~counted_host() { lund_host_destroy(host); }
+  counted_host(const counted_host&) = delete;
+  counted_host& operator=(const counted_host&) = delete;
+
+  void receive(const peer::bytes& datagram, const lund_rv_endpoint& from) {
+    lund_host_receive(host, datagram.data(), datagram.size(), from, nullptr, 0, nullptr, nullptr);
+  }
+
+  lund_host* host = nullptr;
+  int sent = 0;
+};

@@ -2,8 +2,11 @@
 // says to it. It keeps no registrations: a test plays the server message by message.
 #pragma once
 
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
+#include <initializer_list>
+#include <iterator>
 #include <optional>
 
 #include "connection/lists.h"
@@ -100,6 +103,11 @@ inline lund_relay_config relays_of(std::initializer_list<server_peer> servers) {
   lund_relay_config config;
   for (const server_peer& server : servers) config.servers[config.count++] = server.relay;
   return config;
+}
+
+inline bool filled(const std::uint8_t (&field)[16], std::uint8_t value) {
+  return std::all_of(std::begin(field), std::end(field),
+                     [value](std::uint8_t byte) { return byte == value; });
 }
 
 // What goes from peer to peer, without a tag.

@@ -1,7 +1,11 @@
 #include "control/client_store.h"
 
+#include "control/keystore.h"
+#include "control/sysinfo.h"
+#include "tests/support/temp_directory.h"
+#include "tests/support/temporary_store.h"
+
 #include <gtest/gtest.h>
-#include <stdlib.h>
 
 #include <cstring>
 #include <fstream>
@@ -10,13 +14,11 @@ namespace {
 
 class ClientStoreTest : public testing::Test {
  protected:
-  void SetUp() override {
-    std::string name =
-        (std::filesystem::temp_directory_path() / "lunderhaze-client-XXXXXX").string();
-    ASSERT_NE(mkdtemp(name.data()), nullptr);
-    directory_ = name;
+  static lund_relay_server server(const char* link) {
+    lund_relay_server parsed;
+    EXPECT_EQ(lund_relay_link_parse(&parsed, link), 0);
+    return parsed;
   }
-  void TearDown() override { std::filesystem::remove_all(directory_); }
 
   static lund_host_entry host(const char* name, std::uint8_t key, const char* address) {
     lund_host_entry entry;
@@ -26,7 +28,8 @@ class ClientStoreTest : public testing::Test {
     return entry;
   }
 
-  std::filesystem::path directory_;
+  TempDirectory temporary_;
+  std::filesystem::path directory_ = temporary_ / "client";
   std::string error_;
 };
 
@@ -93,6 +96,165 @@ TEST_F(ClientStoreTest, AHostIsFoundByNameKeyCodeAndAddress) {
   lund_key_code(code, store.find("attic")->key);
   EXPECT_EQ(store.find(code), store.find("attic"));
   EXPECT_EQ(store.find("nowhere"), nullptr);
+}
+
+TEST_F(ClientStoreTest, AHostIsFoundByTheAddressThatItHadOutsideToo) {
+  ClientStore store;
+  ASSERT_TRUE(store.open(directory_, &error_));
+  lund_host_entry away = host("desk", 1, "10.0.0.1");
+  lund_addr_parse(&away.wan_endpoint, "203.0.113.9:4000", 0);
+  ASSERT_TRUE(store.put(away, &error_));
+  ASSERT_NE(store.find("203.0.113.9:4000"), nullptr);
+  EXPECT_EQ(store.find("203.0.113.9"), nullptr);
+}
+
+TEST_F(ClientStoreTest, ForgettingTakesOneHostAndLeavesTheOthers) {
+  ClientStore store;
+  ASSERT_TRUE(store.open(directory_, &error_));
+  ASSERT_TRUE(store.put(host("desk", 1, "10.0.0.1"), &error_));
+  ASSERT_TRUE(store.put(host("desk", 2, "10.0.0.2"), &error_));
+  EXPECT_EQ(store.count("desk"), 2);
+  ASSERT_TRUE(store.forget(*store.find("10.0.0.1"), &error_)) << error_;
+  EXPECT_EQ(store.count("desk"), 1);
+  EXPECT_FALSE(store.forget(host("desk", 1, "10.0.0.1"), &error_));
+  ClientStore again;
+  ASSERT_TRUE(again.open(directory_, &error_));
+  EXPECT_EQ(again.hosts().count, 1);
+  EXPECT_EQ(again.find("desk")->key[0], 2);
+}
+
+TEST_F(ClientStoreTest, AChangeIsMadeToWhatAnotherProgramHasStoredMeanwhile) {
+  ClientStore streaming;
+  ASSERT_TRUE(streaming.open(directory_, &error_));
+  ASSERT_TRUE(streaming.put(host("desk", 1, "10.0.0.1"), &error_));
+  const lund_host_entry desk = *streaming.find("desk");
+  ClientStore pairing;
+  ASSERT_TRUE(pairing.open(directory_, &error_));
+  ASSERT_TRUE(pairing.put(host("attic", 2, "10.0.0.2"), &error_));
+  const auto use = [](lund_host_entry& entry) { entry.last_used = 77; };
+  ASSERT_TRUE(streaming.update(desk, use, &error_));
+  ASSERT_TRUE(pairing.open(directory_, &error_));
+  ASSERT_EQ(pairing.hosts().count, 2);
+  EXPECT_EQ(pairing.find("desk")->last_used, 77u);
+
+  ASSERT_TRUE(pairing.forget(desk, &error_));
+  ASSERT_TRUE(streaming.update(desk, use, &error_));
+  EXPECT_EQ(streaming.find("desk"), nullptr) << "what was forgotten has come back";
+}
+
+TEST_F(ClientStoreTest, RelayServersAreRememberedWithTheirKeysAndNotInClear) {
+  {
+    ClientStore store;
+    ASSERT_TRUE(store.open(directory_, &error_));
+    EXPECT_EQ(store.relays().count, 0);
+    ASSERT_TRUE(store.put_relay(server("lunderhaze-relay://relay.example#first-key"), &error_));
+    ASSERT_TRUE(store.put_relay(server("lunderhaze-relay://10.0.0.9:4000#other-key"), &error_));
+    ASSERT_TRUE(store.put_relay(server("lunderhaze-relay://RELAY.example#second-key"), &error_));
+  }
+  ClientStore store;
+  ASSERT_TRUE(store.open(directory_, &error_)) << error_;
+  ASSERT_EQ(store.relays().count, 2);
+  char link[700];
+  lund_relay_link_format(link, sizeof link, &store.relays().servers[0]);
+  EXPECT_STREQ(link, "lunderhaze-relay://RELAY.example:9877#second-key");
+  const std::string bytes = file_content(directory_ / "relays");
+  EXPECT_EQ(bytes.find("second-key"), std::string::npos);
+  EXPECT_EQ(bytes.find("example"), std::string::npos);
+
+  ASSERT_TRUE(store.forget_relay(server("lunderhaze-relay://10.0.0.9:4000#whatever"), &error_));
+  EXPECT_FALSE(store.forget_relay(server("lunderhaze-relay://10.0.0.9:4000#whatever"), &error_));
+  ASSERT_TRUE(store.open(directory_, &error_));
+  EXPECT_EQ(store.relays().count, 1);
+}
+
+TEST_F(ClientStoreTest, ANinthRelayServerIsRefusedAndTheEightStay) {
+  ClientStore store;
+  ASSERT_TRUE(store.open(directory_, &error_));
+  for (int i = 0; i < 8; ++i) {
+    const std::string link = "lunderhaze-relay://10.0.0." + std::to_string(i + 1) + "#key";
+    ASSERT_TRUE(store.put_relay(server(link.c_str()), &error_)) << error_;
+  }
+  EXPECT_FALSE(store.put_relay(server("lunderhaze-relay://10.0.0.9#key"), &error_));
+  EXPECT_NE(error_.find("8 relay servers"), std::string::npos) << error_;
+  ASSERT_TRUE(store.open(directory_, &error_));
+  EXPECT_EQ(store.relays().count, 8);
+}
+
+TEST_F(ClientStoreTest, ADamagedRelayListIsRefusedAndLeftAlone) {
+  {
+    ClientStore store;
+    ASSERT_TRUE(store.open(directory_, &error_));
+    ASSERT_TRUE(store.put_relay(server("lunderhaze-relay://relay.example#key"), &error_));
+  }
+  std::string bytes = file_content(directory_ / "relays");
+  bytes.back() = static_cast<char>(bytes.back() ^ 1);
+  write_file(directory_ / "relays", bytes);
+  ClientStore store;
+  EXPECT_FALSE(store.open(directory_, &error_));
+  EXPECT_NE(error_.find("relay servers"), std::string::npos) << error_;
+  EXPECT_EQ(file_content(directory_ / "relays"), bytes);
+}
+
+TEST_F(ClientStoreTest, AnIdentityIsNotTakenForARelayList) {
+  {
+    ClientStore store;
+    ASSERT_TRUE(store.open(directory_, &error_));
+  }
+  std::filesystem::copy_file(directory_ / "identity", directory_ / "relays");
+  ClientStore store;
+  EXPECT_FALSE(store.open(directory_, &error_));
+}
+
+TEST_F(ClientStoreTest, TheUsersOwnStoreHasTheIdentityOfTheUsersOwnHost) {
+  const TemporaryStore users;
+  ClientStore store;
+  ASSERT_TRUE(store.open({}, &error_)) << error_;
+  EXPECT_TRUE(store.identity_is_hosts());
+  bool created = true;
+  const lund_keypair host = keystore::load_or_create_identity(&created);
+  EXPECT_FALSE(created) << "the client's identity isn't where the host looks";
+  EXPECT_EQ(std::memcmp(&store.identity(), &host, sizeof host), 0);
+  ClientStore again;
+  ASSERT_TRUE(again.open({}, &error_)) << error_;
+  EXPECT_EQ(std::memcmp(&again.identity(), &host, sizeof host), 0);
+  EXPECT_FALSE(std::filesystem::exists(app_data_dir() / "client" / "identity"));
+}
+
+TEST_F(ClientStoreTest, AStoreWithAnIdentityOfItsOwnKeepsIt) {
+  const TemporaryStore users;
+  lund_keypair own;
+  {
+    ClientStore store;
+    ASSERT_TRUE(store.open(app_data_dir() / "client", &error_)) << error_;
+    own = store.identity();
+    EXPECT_FALSE(store.identity_is_hosts());
+  }
+  ClientStore store;
+  ASSERT_TRUE(store.open({}, &error_)) << error_;
+  EXPECT_FALSE(store.identity_is_hosts());
+  EXPECT_EQ(std::memcmp(&store.identity(), &own, sizeof own), 0);
+}
+
+TEST_F(ClientStoreTest, ADamagedIdentityOfTheHostIsRefusedAndLeftToTheHost) {
+  const TemporaryStore users;
+  const std::filesystem::path identity = app_data_dir() / "identity";
+  keystore::load_or_create_identity(nullptr);
+  std::string bytes = file_content(identity);
+  bytes.back() = static_cast<char>(bytes.back() ^ 1);
+  write_file(identity, bytes);
+  ClientStore store;
+  EXPECT_FALSE(store.open({}, &error_));
+  EXPECT_NE(error_.find("unreadable"), std::string::npos) << error_;
+  EXPECT_EQ(file_content(identity), bytes);
+}
+
+TEST_F(ClientStoreTest, AnIdentityThatCannotBeSavedIsNotUsed) {
+  TemporaryStore users;
+  std::filesystem::create_directories(app_data_dir() / "client");
+  users.break_store();
+  ClientStore store;
+  EXPECT_FALSE(store.open({}, &error_));
+  EXPECT_NE(error_, "");
 }
 
 TEST_F(ClientStoreTest, AnUnwritablePlaceIsNamed) {

@@ -13,6 +13,7 @@
 #include "control/keystore.h"
 #include "media/video_transport.h"
 #include "tests/support/engine_peer.h"
+#include "tests/support/server_peer.h"
 #include "tests/support/temporary_store.h"
 
 using namespace std::chrono_literals;
@@ -332,4 +333,55 @@ TEST_F(HostServerRealtimeTest, ShutdownWhileHellosComeInEndsCleanly) {
   stop = true;
   noise.join();
   EXPECT_TRUE(host->sessions().empty());
+}
+
+// Looked up by the system's own resolver, on its thread.
+TEST_F(HostServerRealtimeTest, AServerThatIsKnownByNameRegistersTheHost) {
+  lund_rv_endpoint loopback;
+  ASSERT_EQ(lund_addr_parse_ip(&loopback, "127.0.0.1"), 0);
+  const lund_socket socket = lund_udp_open(4, &loopback, 0);
+  const std::string at = "127.0.0.1:" + std::to_string(lund_udp_local_port(socket));
+  server_peer server("localhost", at.c_str(), 0xA1);
+  server.relay.endpoint = {};
+  host->set_relays(peer::relays_of({server}));
+  EXPECT_TRUE(eventually([&] {
+    peer::bytes datagram(LUND_RV_MESSAGE_MAX);
+    lund_rv_endpoint from;
+    if (lund_udp_wait(&socket, 1, 10) == 1) {
+      const int size = lund_udp_recv(socket, datagram.data(), datagram.size(), &from);
+      datagram.resize(static_cast<std::size_t>(std::max(size, 0)));
+      const auto message = server.read(datagram);
+      EXPECT_TRUE(message && message->type == LUND_RV_REGISTER);
+      const peer::bytes answer =
+          message && server.accepts(*message) ? server.registered(from) : server.challenge();
+      lund_udp_send(socket, from, answer.data(), answer.size());
+    }
+    return host->internet_status()[0].starts_with(
+        "Internet: reachable by key code (public 127.0.0.1:");
+  }));
+  EXPECT_EQ(host->relay_states()[0].first, "localhost:" + at.substr(at.find(':') + 1));
+  lund_udp_close(socket);
+}
+
+TEST_F(HostServerRealtimeTest, TheRelayListMayChangeWhileOthersLookAtItAndAsTheHostEnds) {
+  const server_peer a("localhost", "127.0.0.1:9", 0xA1), b("LOCALHOST", "127.0.0.1:9", 0xB2);
+  std::atomic<bool> stop{false};
+  std::atomic<int> done{0};
+  std::vector<std::thread> threads;
+  for (const auto& list : {peer::relays_of({a}), peer::relays_of({b, a}), lund_relay_config{}})
+    threads.emplace_back([&, list] {
+      for (; !stop; ++done) host->set_relays(list);
+    });
+  threads.emplace_back([&] {
+    while (!stop) {
+      const std::vector<std::string> lines = host->internet_status();
+      EXPECT_TRUE(lines.empty() || lines[0].starts_with("Internet: ")) << lines[0];
+      for (const auto& [name, state] : host->relay_states()) EXPECT_FALSE(state.empty());
+    }
+  });
+  EXPECT_TRUE(eventually([&] { return done >= 200; }));
+  host->shutdown();
+  stop = true;
+  for (std::thread& thread : threads) thread.join();
+  EXPECT_TRUE(host->relay_states().empty());
 }

@@ -1,0 +1,70 @@
+// The client's commands: what each takes from the command line, and what the program returns.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <filesystem>
+#include <string>
+#include <vector>
+
+#include "apps/client/host_link.h"
+#include "control/client_store.h"
+
+namespace client_app {
+
+// What the program returns; scripts rely on these.
+enum ExitStatus : int {
+  EXIT_OK = 0,
+  EXIT_USAGE = 1,
+  EXIT_NO_ANSWER = 2,
+  EXIT_REFUSED = 3,
+  EXIT_PAIRING = 4,
+  EXIT_LOCAL = 5,
+};
+
+struct Arguments {
+  std::filesystem::path store;
+  bool verbose = false;
+  std::string host;
+  std::vector<std::string> relays;  // links; "-" stands for those on standard input
+  std::filesystem::path relay_file;
+  std::string relay;  // of relay add, remove and check
+  // discover
+  std::uint16_t port = HOST_PORT;
+  int wait_ms = 1000;
+  // pair
+  std::string pin, password, code;
+  bool back = false;
+  std::uint16_t back_port = HOST_PORT;
+  // connect
+  std::uint32_t path_mode = LUND_PATHS_ALL;
+  bool reconnect = false;
+  std::filesystem::path out;
+  double seconds = 10;
+  double drop_percent = 0;
+  std::uint32_t seed = 1;
+  unsigned screen = 0, width = 0, height = 0, fps = 0, bitrate_kbps = 0, fec = 0;
+  std::string codec;
+
+  const std::atomic<bool>* stop = nullptr;  // Ctrl+C
+};
+
+int run_discover(const Arguments& args);
+int run_hosts(const Arguments& args);
+int run_forget(const Arguments& args);
+int run_relay_list(const Arguments& args);
+int run_relay_add(const Arguments& args);
+int run_relay_remove(const Arguments& args);
+int run_relay_check(const Arguments& args);
+int run_pair(const Arguments& args);
+int run_connect(const Arguments& args);
+
+std::string relay_check_text(int result, std::uint64_t rtt_us);  // of a lund_relay_check_result
+int relay_check_status(int result);
+
+// Says on standard error what is wrong, and gives the status back.
+int fail(ExitStatus status, const std::string& text);
+std::string address_text(const lund_rv_endpoint& address);
+std::string code_text(const std::uint8_t key[LUND_KEY_SIZE]);
+
+}  // namespace client_app

@@ -1,0 +1,85 @@
+#include "apps/rendezvous/options.h"
+
+#include <array>
+#include <fstream>
+
+#include "connection/secure.h"
+
+namespace {
+
+constexpr std::size_t RANDOM_KEY_BYTES = 24;
+
+// A key in a link's writing, decoded by the link's parser behind a host of no meaning.
+bool parse_key(const std::string& text, lund_relay_server* out) {
+  std::string link = "lunderhaze-relay://host#" + text;
+  const bool good = lund_relay_link_parse(out, link.c_str()) == 0;
+  lund_secure_wipe(link.data(), link.size());
+  return good;
+}
+
+bool draw_key(lund_relay_server* out, std::string* error) {
+  std::uint8_t bytes[RANDOM_KEY_BYTES];
+  if (lund_random_bytes(bytes, sizeof bytes) != LUND_OK) {
+    *error = "the system's random source failed";
+    return false;
+  }
+  std::array<char, 2 * RANDOM_KEY_BYTES + 1> hex;
+  lund_hex_encode(hex.data(), bytes, sizeof bytes);
+  const bool good = parse_key(hex.data(), out);
+  lund_secure_wipe(bytes, sizeof bytes);
+  lund_secure_wipe(hex.data(), hex.size());
+  return good;
+}
+
+bool no_key(const std::string& where, std::string* error) {
+  *error = where + ": a key is 1 to 128 bytes, each as itself or as %XX, without blanks";
+  return false;
+}
+
+bool read_key_file(const std::filesystem::path& path, RendezvousSetup* setup, std::string* error) {
+  std::ifstream file(path);
+  std::string line;
+  if (!std::getline(file, line)) {
+    *error = "cannot read a key from " + path.string();
+    return false;
+  }
+  while (!line.empty() && (line.back() == '\r' || line.back() == ' ')) line.pop_back();
+  setup->from_link = lund_relay_link_parse(&setup->server, line.c_str()) == 0;
+  const bool good = setup->from_link || parse_key(line, &setup->server);
+  lund_secure_wipe(line.data(), line.size());
+  return good || no_key(path.string(), error);
+}
+
+bool take_key(const RendezvousOptions& options, RendezvousSetup* setup, std::string* error) {
+  if (!options.link.empty()) {
+    setup->from_link = lund_relay_link_parse(&setup->server, options.link.c_str()) == 0;
+    if (!setup->from_link) *error = "--link: a relay link is lunderhaze-relay://HOST[:PORT]#KEY";
+    return setup->from_link;
+  }
+  if (!options.key_file.empty()) return read_key_file(options.key_file, setup, error);
+  if (!options.key.empty()) return parse_key(options.key, &setup->server) || no_key("--key", error);
+  return draw_key(&setup->server, error);
+}
+
+}  // namespace
+
+RendezvousSetup::~RendezvousSetup() {
+  lund_secure_wipe(&server, sizeof server);
+}
+
+bool set_up(const RendezvousOptions& options, const std::string& own_host, RendezvousSetup* setup,
+            std::string* error) {
+  if (!take_key(options, setup, error)) return false;
+  lund_relay_server& server = setup->server;
+  const std::string named = setup->from_link ? server.host : own_host;
+  const std::string host = options.host.empty() ? named : options.host;
+  setup->listen_port = options.port.value_or(server.port);
+  const std::uint16_t port = setup->from_link ? server.port : setup->listen_port;
+  RendezvousSetup valid;
+  if (lund_relay_server_set(&valid.server, host.c_str(), port, server.key, server.key_size) != 0) {
+    *error = "\"" + host + "\" is no host name or address: say by --host how others reach this one";
+    return false;
+  }
+  server = valid.server;
+  return true;
+}
