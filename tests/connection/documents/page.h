@@ -14,7 +14,8 @@ class Page {
 
   // Blocks that open with three graves, "hex", and a name: the text between the fences by name. A
   // name that stands twice fails the test.
-  const std::map<std::string, std::string>& examples() const { return examples_; }
+  const std::map<std::string, std::string>& examples() const& { return examples_; }
+  const std::map<std::string, std::string>& examples() && = delete;
   // The page with these texts in its blocks, written back.
   void rewrite(const std::map<std::string, std::string>& examples);
 

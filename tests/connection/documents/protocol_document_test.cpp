@@ -1,7 +1,8 @@
-// docs/protocol.md says what the code does: each of its examples is made anew by the code, and its
-// tables of packets, timings and limits are held against the sources.
+// docs/protocol.md and docs/protocol-rendezvous.md say what the code does: each of their examples
+// is made anew by the code, and their tables of packets, timings and limits are held against the
+// sources.
 //
-// LUND_REWRITE_DOCUMENTS=1 in the environment writes the examples into the page.
+// LUND_REWRITE_DOCUMENTS=1 in the environment writes the examples into the pages.
 #include <gtest/gtest.h>
 
 #include <cstdlib>
@@ -13,7 +14,8 @@
 
 namespace {
 
-constexpr char PATH[] = "docs/protocol.md";
+constexpr char MAIN_PAGE[] = "docs/protocol.md";
+constexpr const char* PAGES[] = {MAIN_PAGE, "docs/protocol-rendezvous.md"};
 
 const Examples& examples() {
   static const Examples made = [] {
@@ -44,7 +46,7 @@ struct PacketRow {
 
 std::map<std::string, PacketRow> packet_rows() {
   std::map<std::string, PacketRow> rows;
-  for (const Page::Row& row : Page(PATH).table("Packet types"))
+  for (const Page::Row& row : Page(MAIN_PAGE).table("Packet types"))
     rows[plain(row.at(1))] = {std::stoi(row.at(0)), row.at(4)};
   return rows;
 }
@@ -52,20 +54,21 @@ std::map<std::string, PacketRow> packet_rows() {
 }  // namespace
 
 TEST(ProtocolDocument, EveryExampleIsWhatTheCodeMakes) {
-  Page page(PATH);
-  if (std::getenv("LUND_REWRITE_DOCUMENTS") != nullptr) {
-    page.rewrite(examples().texts());
-    page = Page(PATH);
+  std::map<std::string, std::string> shown;
+  for (const char* path : PAGES) {
+    if (std::getenv("LUND_REWRITE_DOCUMENTS") != nullptr) Page(path).rewrite(examples().texts());
+    const Page page(path);
+    for (const auto& [name, text] : page.examples())
+      EXPECT_TRUE(shown.emplace(name, text).second) << "\"" << name << "\" stands twice";
   }
   for (const auto& [name, example] : examples().all()) {
-    const auto shown = page.examples().find(name);
-    if (shown == page.examples().end())
-      ADD_FAILURE() << PATH << " lacks this example:\n```hex " << name << "\n"
+    if (!shown.contains(name))
+      ADD_FAILURE() << "the pages lack this example:\n```hex " << name << "\n"
                     << example.text << "```";
     else
-      EXPECT_EQ(shown->second, example.text) << "the example \"" << name << "\"";
+      EXPECT_EQ(shown.at(name), example.text) << "the example \"" << name << "\"";
   }
-  for (const auto& [name, text] : page.examples())
+  for (const auto& [name, text] : shown)
     EXPECT_TRUE(examples().all().contains(name)) << "no code makes the example \"" << name << "\"";
 }
 
@@ -91,14 +94,19 @@ TEST(ProtocolDocument, EveryPacketHasAnExampleOfTheTypeAndSizeInTheTable) {
 }
 
 TEST(ProtocolDocument, TimingsAndLimitsAreTheConstantsThatTheyName) {
-  const Page page(PATH);
   std::set<std::string> seen;
-  for (const char* heading : {"Timings", "Limits", "Rates"}) {
+  const auto check = [&](const Page& page, const char* heading) {
     for (const Page::Row& row : page.table(heading)) {
+      ASSERT_EQ(row.size(), 4u) << heading << ": " << row.at(0);
       const std::string constant = plain(row.at(2)), file = plain(row.at(3));
       EXPECT_TRUE(seen.insert(file + constant).second) << constant << " stands twice";
       EXPECT_EQ(quantity(row.at(1), constant), source_constant(file, constant))
           << row.at(0) << ": " << constant << " of " << file;
     }
+  };
+  for (const char* path : PAGES) {
+    check(Page(path), "Timings");
+    check(Page(path), "Limits");
   }
+  check(Page(MAIN_PAGE), "Rates");
 }
