@@ -165,7 +165,8 @@ class SimClient {
     message.lan_count = static_cast<int>(lan.size());
     std::copy(lan.begin(), lan.end(), message.lan);
     rig_->receive(message, address);
-    const lund_rv_message answer = rig_->take_one(address);
+    last_answers = rig_->take(address);
+    const lund_rv_message answer = last_answers.size() == 1 ? last_answers[0] : lund_rv_message{};
     if (answer.type == LUND_RV_LOOKUP_RESULT && answer.status == 0) result = answer;
     return answer;
   }
@@ -188,6 +189,7 @@ class SimClient {
   std::vector<lund_rv_endpoint> lan;
   std::uint32_t nonce = 0;
   lund_rv_message result;
+  std::vector<lund_rv_message> last_answers;  // to the last look-up
 
  private:
   RendezvousRig* rig_;
