@@ -53,6 +53,14 @@ struct lund_client_path {
   std::uint32_t rtt_us = 0;  // smoothed; 0: not measured
 };
 
+// A handshake that a newer one has followed before its answer came.
+struct lund_client_superseded {
+  lund_noise_ik noise;
+  std::uint64_t sent_at = 0;  // 0: none
+};
+// With one attempt each 250 ms: answers are taken that come within a second.
+inline constexpr int LUND_CLIENT_SUPERSEDED = 3;
+
 // All-zero is a free session, so that wiping one frees it.
 struct lund_client_session {
   std::uint32_t state = LUND_SESSION_FREE;
@@ -66,7 +74,9 @@ struct lund_client_session {
   std::uint64_t last_rekey = 0;
   std::uint64_t next_rekey_send = 0;
   std::uint64_t next_hs = 0;
-  lund_noise_ik noise;          // handshake in flight
+  lund_noise_ik noise;                                        // handshake in flight
+  std::uint64_t noise_sent = 0;                               // when it was sent
+  lund_client_superseded superseded[LUND_CLIENT_SUPERSEDED];  // the newest first
   std::uint32_t in_flight = 0;  // a handshake waits for its answer, or for its sending
   std::uint32_t answered = 0;   // resp_cache is valid
   std::uint8_t init[LUND_HS_INIT_SIZE] = {};        // the HS_INIT in flight; zero until it is sent

@@ -1,6 +1,7 @@
 // Sessions: the handshake on every path at once, sealed records under the keys of before, during
 // and after a rekey, and the rekey itself, which is a handshake whose keys wait for the host's
 // word.
+#include <algorithm>
 #include <cstring>
 
 #include "connection/byte_order.h"
@@ -34,10 +35,43 @@ Opener find_keys(lund_client& client, std::uint32_t crypto_id) {
   return {};
 }
 
-// An answer's time on the path that its handshake went out on. A path that none went to has nothing
-// to measure, and keeps the time it has.
-void mark_handshake_ack(lund_client_path& path, std::uint64_t now) {
-  mark_ack(path, path.last_hs_sent ? now - path.last_hs_sent : path.rtt_us, now);
+// An answer's time on the path that its handshake went out on: since the newest, unless it answers
+// one before. A path that none went to has nothing to measure, and keeps the time it has.
+void mark_handshake_ack(lund_client_path& path, std::uint64_t superseded_at, std::uint64_t now) {
+  const std::uint64_t sent_at = superseded_at != 0 ? superseded_at : path.last_hs_sent;
+  mark_ack(path, path.last_hs_sent ? now - sent_at : path.rtt_us, now);
+}
+
+// The attempt in flight makes room for the next one, but its answer stays welcome: over a round
+// trip longer than the retry's 250 ms, every answer is one to a superseded attempt.
+void supersede(lund_client_session& session) {
+  const bool sent = session.init[0] == LUND_MAGIC;
+  if (!session.in_flight || !sent) return;
+  std::move_backward(std::begin(session.superseded), std::end(session.superseded) - 1,
+                     std::end(session.superseded));
+  session.superseded[0] = {session.noise, session.noise_sent};
+}
+
+// What an answer answers.
+struct Answered {
+  bool attempt = false;
+  std::uint64_t superseded_at = 0;  // when it was sent, of a superseded one
+};
+
+Answered finish_attempt(lund_client_session& session, const std::uint8_t* datagram,
+                        std::size_t size, lund_session* keys) {
+  if (lund_hs_client_finish(&session.noise, datagram, size, keys) == LUND_OK) return {true};
+  for (lund_client_superseded& attempt : session.superseded)
+    if (attempt.sent_at != 0 &&
+        lund_hs_client_finish(&attempt.noise, datagram, size, keys) == LUND_OK)
+      return {true, attempt.sent_at};
+  return {};
+}
+
+void forget_attempts(lund_client_session& session) {
+  lund_secure_wipe(&session.noise, sizeof session.noise);
+  lund_secure_wipe(session.superseded, sizeof session.superseded);
+  lund_secure_wipe(session.init, sizeof session.init);
 }
 
 // The path of an authentic answer from `from`, made if it is new. -1 when there is no room, or when
@@ -161,12 +195,14 @@ void hs_send(lund_client& client, lund_client_session& session, std::uint64_t no
   // Every attempt has a timestamp of its own: the host takes none twice.
   std::size_t size = 0;
   session.next_hs = now + HS_RETRY_US;
+  supersede(session);
   if (lund_hs_client_start(&session.noise, &client.base.keypair, client.host_key,
                            conn_hs_timestamp(), session.init, sizeof session.init,
                            &size) != LUND_OK) {
     lund_secure_wipe(session.init, sizeof session.init);
     return;
   }
+  session.noise_sent = now;
   session.in_flight = 1;
   session.answered = 0;
 
@@ -187,21 +223,21 @@ void take_hs_resp(lund_client& client, const std::uint8_t* datagram, std::size_t
     if (!session.answered || std::memcmp(session.resp_cache, datagram, size) != 0) continue;
     // The same answer on another path, or once more on this one: not a session, but a sign of life.
     const int path = path_find(client, from);
-    if (path >= 0) mark_handshake_ack(client.paths[path], now);
+    if (path >= 0) mark_handshake_ack(client.paths[path], 0, now);
     return;
   }
 
   lund_session keys;
   for (lund_client_session& session : client.sessions) {
-    if (!session.in_flight ||
-        lund_hs_client_finish(&session.noise, datagram, size, &keys) != LUND_OK)
-      continue;
+    if (!session.in_flight) continue;
+    const Answered answered = finish_attempt(session, datagram, size, &keys);
+    if (!answered.attempt) continue;
     session.in_flight = 0;
     session.answered = 1;
     std::memcpy(session.resp_cache, datagram, size);
-    lund_secure_wipe(session.init, sizeof session.init);
+    forget_attempts(session);
     const int path = path_of_answer(client, from);
-    if (path >= 0) mark_handshake_ack(client.paths[path], now);
+    if (path >= 0) mark_handshake_ack(client.paths[path], answered.superseded_at, now);
     if (session.state == LUND_SESSION_UP) {
       session.pending = keys;
       session.has_pending = 1;

@@ -2,6 +2,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstring>
 
 #include "connection/conn_client_internal.h"
@@ -53,6 +54,40 @@ TEST(ClientWithHost, HandshakesThroughThirtyPercentLoss) {
         << "seed " << seed;
     EXPECT_EQ(pair.host_events(LUND_EV_SESSION_UP)[0].session_id, pair.status().session_id);
   }
+}
+
+// By then three newer attempts have been sent: each answer is one to a superseded attempt.
+TEST(ClientWithHost, HandshakesAndRekeysOverARoundTripOfAlmostASecond) {
+  for (const std::uint64_t one_way_ms : {130, 300, 490}) {
+    EnginePair::Options options;
+    options.wan = {.delay_us = one_way_ms * 1000};
+    EnginePair pair(options);
+    pair.add_wan();
+    ASSERT_TRUE(pair.connect(2'000)) << one_way_ms;
+    EXPECT_NEAR(pair.status().rtt_us, 2e3 * static_cast<double>(one_way_ms), 5e3) << one_way_ms;
+    ASSERT_TRUE(
+        pair.net.run_until([&] { return !pair.host_events(LUND_EV_SESSION_UP).empty(); }, 2'000));
+    EXPECT_EQ(pair.host_events(LUND_EV_SESSION_UP)[0].session_id, pair.status().session_id);
+
+    lund_client_rekey(pair.client);
+    EXPECT_TRUE(
+        pair.net.run_until([&] { return !pair.client_events(LUND_EV_REKEYED).empty(); }, 5'000))
+        << one_way_ms;
+    EXPECT_TRUE(pair.client_says(7));
+    EXPECT_TRUE(pair.net.run_until([&] { return !pair.host_packets.empty(); }, 2'000));
+  }
+}
+
+TEST(ClientWithHost, NothingOfAnAttemptOutlivesTheHandshake) {
+  EnginePair::Options options;
+  options.wan = {.delay_us = 300'000};
+  EnginePair pair(options);
+  pair.add_wan();
+  ASSERT_TRUE(pair.connect(2'000));
+  const lund_client_session& session = pair.client->sessions[0];
+  const auto* bytes = reinterpret_cast<const std::uint8_t*>(session.superseded);
+  EXPECT_TRUE(std::all_of(bytes, bytes + sizeof session.superseded,
+                          [](std::uint8_t byte) { return byte == 0; }));
 }
 
 TEST(ClientWithHost, DuplicatedAndReorderedAnswersGiveOneSession) {
