@@ -33,6 +33,8 @@ bool writeHostFile(const char* name, const void* data, std::size_t size);
 // A missing identity is made; a damaged one is kept aside as identity.bad and replaced (user
 // scope).
 lund_keypair load_or_create_identity(bool* created);
+// To look only: false without a whole one, and nothing is made or moved.
+bool peek_identity(lund_keypair* identity);
 
 lund_client_list load_clients();
 bool save_clients(const lund_client_list& clients);

@@ -70,6 +70,12 @@ struct TextBuffer {
 
 }  // namespace
 
+bool peek_identity(lund_keypair* identity) {
+  Secret stored;
+  return read_protected(IDENTITY, &stored.text) == Read::Ok &&
+         lund_identity_load(identity, stored.text.c_str()) == 0;
+}
+
 lund_keypair load_or_create_identity(bool* created) {
   if (created != nullptr) *created = false;
   if (is_machine() && !hostStoreHealthy(nullptr)) fatal("machine store already failed");

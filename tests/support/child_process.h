@@ -12,10 +12,16 @@
 
 class ChildProcess {
  public:
+  enum class Streams {
+    Piped,     // standard output and error into one pipe, standard input as the test's
+    Terminal,  // all three on a terminal of the child's own, whose session it leads
+  };
+
   // Starts `arguments[0]` (looked up in PATH) with the test's environment changed by `environment`;
   // an empty value removes a variable. Standard output and error are collected together.
   explicit ChildProcess(std::vector<std::string> arguments,
-                        const std::map<std::string, std::string>& environment = {});
+                        const std::map<std::string, std::string>& environment = {},
+                        Streams streams = Streams::Piped);
   ~ChildProcess();
   ChildProcess(const ChildProcess&) = delete;
   ChildProcess& operator=(const ChildProcess&) = delete;
@@ -28,6 +34,7 @@ class ChildProcess {
   // Waits for the end; the exit status, 128 + the signal's number, or nothing at the deadline.
   std::optional<int> wait(std::chrono::milliseconds deadline);
 
+  void type(const std::string& keys) const;  // on its terminal
   void signal(int number) const;
   const std::string& output() const { return output_; }
   pid_t pid() const { return pid_; }
@@ -38,7 +45,7 @@ class ChildProcess {
   void reap(bool block);
 
   pid_t pid_ = -1;
-  int pipe_ = -1;
+  int pipe_ = -1;  // its output, or the other end of its terminal
   std::string output_;
   std::optional<int> status_;
 };

@@ -83,10 +83,11 @@ void SystemTest::start_desktop(int width, int height) {
   painter_ = std::make_unique<RootPainter>(desktop_->display());
 }
 
-void SystemTest::start_host(const std::vector<std::string>& arguments) {
+void SystemTest::start_host(const std::vector<std::string>& arguments,
+                            ChildProcess::Streams streams) {
   std::vector<std::string> all = {program("lunderhaze"), "--port", std::to_string(port_)};
   all.insert(all.end(), arguments.begin(), arguments.end());
-  host_ = std::make_unique<ChildProcess>(all, environment_);
+  host_ = std::make_unique<ChildProcess>(all, environment_, streams);
   ASSERT_TRUE(host_->wait_for_output("Listening on UDP port", seconds(20))) << host_->output();
 }
 

@@ -37,7 +37,11 @@ class SystemTest : public testing::Test {
   void start_desktop(int width, int height);
 
   // A host that listens; fails the test when it doesn't. `arguments` go behind --port.
-  void start_host(const std::vector<std::string>& arguments = {"--codec", "h264"});
+  void start_host(const std::vector<std::string>& arguments = {"--codec", "h264"},
+                  ChildProcess::Streams streams = ChildProcess::Streams::Piped);
+  void start_host_on_a_terminal() {
+    start_host({"--codec", "h264"}, ChildProcess::Streams::Terminal);
+  }
   std::optional<int> stop_host();  // as Ctrl+C does; its exit status
 
   std::string shown_pin() const;  // the newest that the host has printed

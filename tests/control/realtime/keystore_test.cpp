@@ -345,6 +345,18 @@ TEST_F(Store, AnIdentityOf65CharactersIsLoadedForAUserAndRefusedForAMachine) {
   EXPECT_FALSE(created);
 }
 
+TEST_F(Store, LookingAtAnIdentityMakesAndReplacesNothing) {
+  lund_keypair seen;
+  EXPECT_FALSE(keystore::peek_identity(&seen));
+  EXPECT_FALSE(std::filesystem::exists(file("identity")));
+  const lund_keypair made = keystore::load_or_create_identity(nullptr);
+  ASSERT_TRUE(keystore::peek_identity(&seen));
+  EXPECT_EQ(std::memcmp(seen.public_key, made.public_key, sizeof seen.public_key), 0);
+  write_file(file("identity"), "damaged");
+  EXPECT_FALSE(keystore::peek_identity(&seen));
+  EXPECT_EQ(file_content(file("identity")), "damaged");
+}
+
 TEST_F(Store, AnIdentityThatCannotBeSavedLastsUntilQuit) {
   TempDirectory elsewhere;
   write_file(elsewhere / "file", "");

@@ -3,7 +3,9 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <poll.h>
+#include <pty.h>
 #include <signal.h>
+#include <sys/ioctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -14,17 +16,38 @@
 
 using Clock = std::chrono::steady_clock;
 
+namespace {
+
+// The test's end and the child's.
+bool open_ends(ChildProcess::Streams streams, int (&ends)[2]) {
+  if (streams == ChildProcess::Streams::Piped) return pipe2(ends, O_CLOEXEC) == 0;
+  if (openpty(&ends[0], &ends[1], nullptr, nullptr, nullptr) != 0) return false;
+  for (const int end : ends) fcntl(end, F_SETFD, FD_CLOEXEC);
+  return true;
+}
+
+void take_end(ChildProcess::Streams streams, int end) {
+  if (streams == ChildProcess::Streams::Terminal) {
+    setsid();
+    ioctl(end, TIOCSCTTY, 0);
+    dup2(end, STDIN_FILENO);
+  }
+  dup2(end, STDOUT_FILENO);
+  dup2(end, STDERR_FILENO);
+}
+
+}  // namespace
+
 ChildProcess::ChildProcess(std::vector<std::string> arguments,
-                           const std::map<std::string, std::string>& environment) {
+                           const std::map<std::string, std::string>& environment, Streams streams) {
   int ends[2];
-  if (pipe2(ends, O_CLOEXEC) != 0) return;
+  if (!open_ends(streams, ends)) return;
   std::vector<char*> argv;
   for (std::string& argument : arguments) argv.push_back(argument.data());
   argv.push_back(nullptr);
   pid_ = fork();
   if (pid_ == 0) {
-    dup2(ends[1], STDOUT_FILENO);
-    dup2(ends[1], STDERR_FILENO);
+    take_end(streams, ends[1]);
     for (const auto& [name, value] : environment) {
       if (value.empty())
         unsetenv(name.c_str());
@@ -85,6 +108,10 @@ std::optional<int> ChildProcess::wait(std::chrono::milliseconds deadline) {
   }
   if (pipe_ < 0) reap(true);
   return status_;
+}
+
+void ChildProcess::type(const std::string& keys) const {
+  EXPECT_EQ(write(pipe_, keys.data(), keys.size()), static_cast<ssize_t>(keys.size()));
 }
 
 void ChildProcess::signal(int number) const {

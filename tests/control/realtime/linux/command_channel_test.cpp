@@ -87,7 +87,7 @@ TEST_F(CommandChannel, AnEmptyAnswerIsAnAnswer) {
 }
 
 TEST_F(CommandChannel, ALongAnswerArrivesWhole) {
-  const std::string longest(600'000, 'x');  // several times what a socket holds
+  std::string longest(600'000, 'x');  // several times what a socket holds
   start([&](const std::string&) { return longest; });
   std::string answer;
   EXPECT_EQ(ask("hello", &answer), CommandResult::Answered) << error_;

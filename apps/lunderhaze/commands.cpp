@@ -1,0 +1,219 @@
+#include "apps/lunderhaze/commands.h"
+
+#include <cstdio>
+#include <future>
+#include <iostream>
+
+#include "apps/lunderhaze/console.h"
+#include "apps/lunderhaze/relay_list.h"
+#include "apps/lunderhaze/run.h"
+#include "connection/resolver.h"
+#include "control/host_commands.h"
+#include "control/keystore.h"
+
+const char* const COMMANDS_USAGE =
+    "       lunderhaze ... --accept-pair-back     takes every offer to be reached in return\n"
+    "       lunderhaze status                     of the running host, or what is stored\n"
+    "       lunderhaze pair [SECONDS]             opens pairing on the running host\n"
+    "       lunderhaze relays list\n"
+    "       lunderhaze relays add LINK...         - reads links from standard input\n"
+    "       lunderhaze relays remove NAME|NUMBER\n"
+    "       lunderhaze relays check [LINK]        whether each answers\n"
+    "       lunderhaze --version\n";
+
+namespace {
+
+using Arguments = std::vector<std::string>;
+constexpr int CHECK_TIMEOUT_MS = 1'500;
+
+ExitStatus say(const std::string& text) {
+  std::fputs(text.c_str(), stdout);
+  return EXIT_OK;
+}
+
+ExitStatus wrong_usage(const std::string& text) {
+  std::fprintf(stderr, "lunderhaze: %s\n%s", text.c_str(), COMMANDS_USAGE);
+  return EXIT_USAGE;
+}
+
+// A link on the command line can be seen by every user of the computer; "-" is for those to whom
+// that matters.
+Arguments with_standard_input(const Arguments& links) {
+  Arguments all;
+  for (const std::string& link : links) {
+    if (link != "-") {
+      all.push_back(link);
+      continue;
+    }
+    for (std::string line; std::getline(std::cin, line);)
+      if (line.find_first_not_of(" \t\r") != std::string::npos) all.push_back(line);
+  }
+  return all;
+}
+
+// ---- relays
+
+ExitStatus save_and_apply(const RelayList& relays, const std::string& changes) {
+  if (!keystore::save_relays(relays.config))
+    return fail(EXIT_STORE, "could not save the relay server list");
+  say(changes);
+  HostRequest request;
+  request.kind = HostRequest::Kind::Relays;
+  std::string text;
+  switch (ask_host(keystore::hostStoreDirectory(), request, &text)) {
+    case HostReply::Done:
+      return say(text + "\n");
+    case HostReply::NotRunning:
+      return say(text + ": counts from its next start\n");
+    default:
+      return fail(EXIT_REFUSED, text + ": counts from the host's next start");
+  }
+}
+
+ExitStatus change_relays(ListChange change, const RelayList& relays, const std::string& text) {
+  switch (change) {
+    case ListChange::Done:
+      return save_and_apply(relays, text);
+    case ListChange::BadArgument:
+      return fail(EXIT_USAGE, text);
+    case ListChange::Full:
+      return fail(EXIT_STORE, text);
+  }
+  return EXIT_STORE;
+}
+
+ExitStatus check_relays(const lund_relay_config& relays) {
+  struct Checked {
+    int result = LUND_RELAY_LOCAL_FAILURE;
+    std::uint64_t rtt_us = 0;
+  };
+  std::vector<std::future<Checked>> checks;
+  checks.reserve(LUND_RELAYS_MAX);
+  for (int i = 0; i < relays.count; ++i) {
+    checks.push_back(std::async(std::launch::async, [server = &relays.servers[i]] {
+      Checked checked;
+      checked.result = lund_relay_check(server, CHECK_TIMEOUT_MS, &checked.rtt_us);
+      return checked;
+    }));
+  }
+  bool all = true;
+  for (int i = 0; i < relays.count; ++i) {
+    const Checked checked = checks[static_cast<std::size_t>(i)].get();
+    say(check_line(relay_name(relays.servers[i]), checked.result, checked.rtt_us) + "\n");
+    all = all && checked.result == LUND_RELAY_REACHABLE;
+  }
+  if (relays.count == 0) say("no relay servers\n");
+  return all ? EXIT_OK : EXIT_UNREACHABLE;
+}
+
+ExitStatus relays_command(const Arguments& args) {
+  const std::string verb = args.size() > 1 ? args[1] : "";
+  const Arguments rest(args.begin() + std::min<std::ptrdiff_t>(2, std::ssize(args)), args.end());
+  RelayList relays(keystore::load_relays());
+  std::string text;
+  if (verb == "list" && rest.empty()) return say(relay_lines(relays.config));
+  if (verb == "add" && !rest.empty()) {
+    const ListChange change = add_relays(&relays.config, with_standard_input(rest), &text);
+    return change_relays(change, relays, text);
+  }
+  if (verb == "remove" && rest.size() == 1) {
+    const ListChange change = remove_relay(&relays.config, rest[0], &text);
+    return change_relays(change, relays, text);
+  }
+  if (verb == "check" && rest.empty()) return check_relays(relays.config);
+  if (verb == "check" && rest.size() == 1) {
+    RelayList given;
+    if (add_relays(&given.config, with_standard_input(rest), &text) != ListChange::Done)
+      return fail(EXIT_USAGE, text);
+    return check_relays(given.config);
+  }
+  return wrong_usage("relays: list, add LINK..., remove NAME|NUMBER or check [LINK]");
+}
+
+// ---- status, pair
+
+StoredHost stored_host() {
+  StoredHost stored;
+  lund_keypair identity;
+  if (keystore::peek_identity(&identity)) {
+    char code[LUND_KEY_CODE_TEXT];
+    lund_key_code(code, identity.public_key);
+    stored.key_code = code;
+  }
+  lund_secure_wipe(&identity, sizeof identity);
+  std::string password = keystore::load_password_blob();
+  stored.has_password = !password.empty();
+  lund_secure_wipe(password.data(), password.size());
+  const RelayList relays(keystore::load_relays());
+  for (int i = 0; i < relays.config.count; ++i)
+    stored.relays.push_back(relay_name(relays.config.servers[i]));
+  const lund_client_list clients = keystore::load_clients();
+  for (int i = 0; i < clients.count; ++i) {
+    const lund_client_entry& client = clients.entries[i];
+    char code[LUND_KEY_CODE_TEXT];
+    lund_key_code(code, client.key);
+    stored.devices.push_back({client.name, code, {}, client.added_at, false});
+  }
+  return stored;
+}
+
+ExitStatus status_command(const Arguments& args) {
+  if (args.size() != 1) return wrong_usage("status takes no arguments");
+  std::string text;
+  switch (ask_host(keystore::hostStoreDirectory(), {}, &text)) {
+    case HostReply::Done:
+      return say(text);
+    case HostReply::NotRunning:
+      say("The host is not running\n" + stored_text(stored_host()));
+      return EXIT_NOT_RUNNING;
+    default:
+      return fail(EXIT_REFUSED, text);
+  }
+}
+
+ExitStatus pair_command(const Arguments& args) {
+  HostRequest request;
+  request.kind = HostRequest::Kind::Pair;
+  const auto seconds =
+      args.size() == 2 ? parse_number(args[1], 1, PAIRING_SECONDS_MAX) : PAIRING_SECONDS;
+  if (!seconds || args.size() > 2)
+    return wrong_usage("pair takes 1 to " + std::to_string(PAIRING_SECONDS_MAX) + " seconds");
+  request.seconds = *seconds;
+  std::string text;
+  switch (ask_host(keystore::hostStoreDirectory(), request, &text)) {
+    case HostReply::Done:
+      return say(text + "\n");
+    case HostReply::NotRunning:
+      return fail(EXIT_NOT_RUNNING, text);
+    default:
+      return fail(EXIT_REFUSED, text);
+  }
+}
+
+struct Command {
+  const char* name;
+  ExitStatus (*run)(const Arguments& args);
+};
+constexpr Command COMMANDS[] = {
+    {"relays", relays_command},
+    {"status", status_command},
+    {"pair", pair_command},
+};
+
+const Command* find_command(const std::string& name) {
+  for (const Command& command : COMMANDS)
+    if (name == command.name) return &command;
+  return nullptr;
+}
+
+}  // namespace
+
+bool is_command(const std::string& name) {
+  return find_command(name) != nullptr;
+}
+
+ExitStatus run_command(const std::vector<std::string>& args) {
+  std::string error;
+  if (!keystore::configureHostStore(keystore::User, &error)) return fail(EXIT_STORE, error);
+  return find_command(args[0])->run(args);
+}
