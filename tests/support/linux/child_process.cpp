@@ -43,6 +43,7 @@ ChildProcess::ChildProcess(std::vector<std::string> arguments,
   int ends[2];
   if (!open_ends(streams, ends)) return;
   std::vector<char*> argv;
+  argv.reserve(arguments.size() + 1);
   for (std::string& argument : arguments) argv.push_back(argument.data());
   argv.push_back(nullptr);
   pid_ = fork();
