@@ -90,6 +90,7 @@ int run_pair(const Arguments& args) {
     return fail(EXIT_USAGE, error);
 
   const HostChoice choice = parse_host(args.host);
+  request.stop = args.stop;
   request.nobody = nobody_answered(choice);
   const std::string code = !args.code.empty()                      ? args.code
                            : choice.kind == HostChoice::Kind::Code ? choice.text
@@ -110,7 +111,6 @@ int run_pair(const Arguments& args) {
 
   lund_host_entry paired;
   const PairEnd end = pair_with_host(link, request, &paired, &error);
-  lund_secure_wipe(request.secret.data(), request.secret.size());
   if (end == PairEnd::NoAnswer) return fail(EXIT_NO_ANSWER, error);
   if (end != PairEnd::Paired) return fail(EXIT_PAIRING, error);
   if (std::memcmp(paired.key, store.identity().public_key, LUND_KEY_SIZE) == 0)

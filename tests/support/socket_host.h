@@ -60,6 +60,7 @@ class SocketHost {
     lan_id_ = lan_id;
     lan_name_ = std::move(name);
   }
+  int questions() const { return questions_; }  // of discovery, so far
 
  private:
   void run() {
@@ -92,9 +93,11 @@ class SocketHost {
   }
   void answer_discover(const std::uint8_t* datagram, std::size_t size,
                        const lund_rv_endpoint& from) {
-    const std::lock_guard lock(mutex_);
     lund_discover question;
-    if (lan_name_.empty() || lund_decode_discover(datagram, size, &question) != 0) return;
+    if (lund_decode_discover(datagram, size, &question) != 0) return;
+    ++questions_;
+    const std::lock_guard lock(mutex_);
+    if (lan_name_.empty()) return;
     lund_discover_reply reply;
     reply.nonce = question.nonce;
     reply.lan_id = lan_id_;
@@ -110,6 +113,7 @@ class SocketHost {
   lund_socket socket_ = LUND_NO_SOCKET;
   lund_rv_endpoint address_;
   lund_host* engine_ = nullptr;
+  std::atomic<int> questions_{0};
   std::mutex mutex_;  // guards what discovery tells
   std::uint32_t lan_id_ = 0;
   std::string lan_name_;

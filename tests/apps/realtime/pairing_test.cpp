@@ -65,6 +65,15 @@ TEST_F(PairingTest, AWrongPinIsSaid) {
   EXPECT_EQ(text_, "wrong PIN or password");
 }
 
+TEST_F(PairingTest, StoppingEndsTheWaitForAHost) {
+  open();
+  const std::atomic<bool> stop{true};
+  PairRequest request;
+  request.secret = "123456";
+  request.stop = &stop;
+  EXPECT_EQ(pair_with_host(link_, request, &paired_, &text_), PairEnd::Stopped);
+}
+
 // ---- Looking for the host on the LAN
 
 TEST_F(PairingTest, AHostIsFoundByItsNameOnTheLan) {
