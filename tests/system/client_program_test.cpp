@@ -1,47 +1,13 @@
 // The client as a person uses it: hosts by key code over a relay, what it remembers and forgets,
-// coming back to a host, and two computers that let each other in. Everything on the loopback.
+// and coming back to a host. Everything on the loopback.
 #include <signal.h>
 
 #include <regex>
 
-#include "connection/netsock.h"
 #include "tests/system/system_support.h"
 
 namespace system_test {
 namespace {
-
-// One person's computer: stores of its own, a port for its host.
-struct User {
-  User(const std::filesystem::path& home, const Environment& base)
-      : environment(base), port(free_port()) {
-    environment["XDG_CONFIG_HOME"] = (home / "config").string();
-    environment["XDG_STATE_HOME"] = (home / "state").string();
-  }
-  void start_host(const std::string& program, std::vector<std::string> more = {}) {
-    std::vector<std::string> arguments = {program, "--port", std::to_string(port), "--codec",
-                                          "h264"};
-    arguments.insert(arguments.end(), more.begin(), more.end());
-    host = std::make_unique<ChildProcess>(arguments, environment);
-    ASSERT_TRUE(host->wait_for_output("Listening on UDP port", seconds(20))) << host->output();
-  }
-  std::string key_code() const {
-    std::smatch found;
-    return std::regex_search(host->output(), found, std::regex("key code (\\S{9})"))
-               ? found[1].str()
-               : "";
-  }
-  std::string pin() const {
-    host->wait_for_output("PIN ", seconds(10));
-    std::smatch found;
-    return std::regex_search(host->output(), found, std::regex("PIN (\\d{6})")) ? found[1].str()
-                                                                                : "";
-  }
-  std::string address() const { return "127.0.0.1:" + std::to_string(port); }
-
-  Environment environment;
-  int port;
-  std::unique_ptr<ChildProcess> host;
-};
 
 void holds(const RunResult& result, int status, const std::string& part) {
   EXPECT_EQ(result.status, status) << result.output;
@@ -95,10 +61,6 @@ class ClientProgramTest : public SystemTest {
     std::smatch found;
     std::regex_search(host_->output(), found, std::regex("key code (\\S{9})"));
     return found[1].str();
-  }
-  RunResult as(const User& user, std::vector<std::string> arguments) {
-    arguments.insert(arguments.begin(), program("lunderhaze-client"));
-    return run_program(arguments, user.environment);
   }
   // With this as standard input.
   RunResult client_reading(const std::string& input, const std::string& arguments) {
@@ -270,42 +232,9 @@ TEST_F(ClientProgramTest, AHostThatDoesNotComeBackInTimeIsSaid) {
       << receiver.output();
 }
 
-// ---- Two computers that let each other in
+// ---- The way back
 
-class PairBackTest : public ClientProgramTest {
- protected:
-  void start_other() {
-    start_screen();
-    own_.emplace(directory_ / "own", environment_);
-    other_.emplace(directory_ / "other", environment_);
-    other_->start_host(program("lunderhaze"), {"--accept-pair-back"});
-  }
-  void pair_both_ways() {
-    const RunResult paired = as(*own_, {"pair", "--host", other_->address(), "--pin", other_->pin(),
-                                        "--back", "--back-port", std::to_string(own_->port)});
-    holds(paired, 0, "waiting for the answer at the other computer");
-    holds(paired, 0, "may now connect to this computer");
-  }
-  // The other computer's user comes over without having paired from there.
-  void connect_back() {
-    holds(as(*other_, {"hosts"}), 0, own_->key_code());
-    lund_rv_endpoint network;
-    if (lund_net_local_endpoints(&network, 1, 0) == 0)
-      GTEST_SKIP() << "a computer without a network address has none to offer";
-    const RunResult back = as(*other_, {"connect", "--host", own_->key_code(), "--seconds", "1"});
-    holds(back, 0, "frames in");
-  }
-  std::optional<User> own_, other_;
-};
-
-TEST_F(PairBackTest, WithTheOwnHostStartedLater) {
-  start_other();
-  pair_both_ways();
-  own_->start_host(program("lunderhaze"));
-  connect_back();
-}
-
-TEST_F(PairBackTest, AStoreWithAnIdentityOfItsOwnCannotOfferIt) {
+TEST_F(ClientProgramTest, AStoreWithAnIdentityOfItsOwnCannotOfferIt) {
   const RunResult refused = client({"pair", "--host", "127.0.0.1:9", "--pin", "123456", "--back"});
   holds(refused, 1, "--back needs the identity that this computer's own host has");
 }
