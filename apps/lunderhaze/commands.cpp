@@ -13,6 +13,7 @@ const char* const COMMANDS_USAGE =
     "       lunderhaze ... --accept-pair-back     takes every offer to be reached in return\n"
     "       lunderhaze status                     of the running host, or what is stored\n"
     "       lunderhaze pair [SECONDS]             opens pairing on the running host\n"
+    "       lunderhaze devices remove NAME|CODE   a paired device may not connect any more\n"
     "       lunderhaze relays list\n"
     "       lunderhaze relays add LINK...         - reads links from standard input\n"
     "       lunderhaze relays remove NAME|NUMBER\n"
@@ -23,6 +24,7 @@ namespace {
 
 using Arguments = std::vector<std::string>;
 constexpr int CHECK_TIMEOUT_MS = 1'500;
+constexpr std::size_t KEY_CODE_BYTES = 5;
 
 ExitStatus say(const std::string& text) {
   std::fputs(text.c_str(), stdout);
@@ -100,6 +102,58 @@ ExitStatus relays_command(const Arguments& args) {
   return wrong_usage("relays: list, add LINK..., remove NAME|NUMBER or check [LINK]");
 }
 
+// ---- devices
+
+// The paired device of this name or key code; says what is wrong when there isn't exactly one.
+const lund_client_entry* find_device(const lund_client_list& devices, const std::string& selector,
+                                     std::string* error) {
+  std::uint8_t wanted[KEY_CODE_BYTES];
+  const bool by_code = lund_key_code_parse(wanted, selector.c_str()) == 0;
+  const lund_client_entry* found = nullptr;
+  for (int i = 0; i < devices.count; ++i) {
+    const lund_client_entry& device = devices.entries[i];
+    std::uint8_t id[LUND_KEY_ID_SIZE];
+    lund_key_id(id, device.key);
+    if (selector != device.name && !(by_code && std::equal(wanted, std::end(wanted), id))) continue;
+    if (found) {
+      *error = "several devices answer to \"" + selector + "\": name one by its key code";
+      return nullptr;
+    }
+    found = &device;
+  }
+  if (!found) *error = "no paired device answers to \"" + selector + "\"";
+  return found;
+}
+
+ExitStatus remove_device(const lund_client_entry& device, lund_client_list devices) {
+  HostRequest request;
+  request.kind = HostRequest::Kind::Remove;
+  std::copy(std::begin(device.key), std::end(device.key), request.key.begin());
+  std::string text;
+  switch (ask_host(keystore::hostStoreDirectory(), request, &text)) {
+    case HostReply::Done:
+      return say(text + "\n");
+    case HostReply::NotRunning:
+      break;
+    default:
+      return fail(EXIT_REFUSED, text);
+  }
+  lund_client_list_remove(&devices, device.key);
+  if (!keystore::save_clients(devices))
+    return fail(EXIT_STORE, "could not save the list of paired devices");
+  return say("removed\n");
+}
+
+ExitStatus devices_command(const Arguments& args) {
+  if (args.size() != 3 || args[1] != "remove")
+    return wrong_usage("devices: remove NAME|CODE (status lists them)");
+  const lund_client_list devices = keystore::load_clients();
+  std::string error;
+  const lund_client_entry* device = find_device(devices, args[2], &error);
+  if (!device) return fail(EXIT_USAGE, error);
+  return remove_device(*device, devices);
+}
+
 // ---- status, pair
 
 StoredHost stored_host() {
@@ -166,6 +220,7 @@ struct Command {
 };
 constexpr Command COMMANDS[] = {
     {"relays", relays_command},
+    {"devices", devices_command},
     {"status", status_command},
     {"pair", pair_command},
 };
