@@ -1,15 +1,13 @@
 #include "apps/lunderhaze/commands.h"
 
 #include <cstdio>
-#include <future>
-#include <iostream>
 
 #include "apps/lunderhaze/console.h"
-#include "apps/lunderhaze/relay_list.h"
 #include "apps/lunderhaze/run.h"
 #include "connection/resolver.h"
 #include "control/host_commands.h"
 #include "control/keystore.h"
+#include "control/relay_list.h"
 
 const char* const COMMANDS_USAGE =
     "       lunderhaze ... --accept-pair-back     takes every offer to be reached in return\n"
@@ -34,21 +32,6 @@ ExitStatus say(const std::string& text) {
 ExitStatus wrong_usage(const std::string& text) {
   std::fprintf(stderr, "lunderhaze: %s\n%s", text.c_str(), COMMANDS_USAGE);
   return EXIT_USAGE;
-}
-
-// A link on the command line can be seen by every user of the computer; "-" is for those to whom
-// that matters.
-Arguments with_standard_input(const Arguments& links) {
-  Arguments all;
-  for (const std::string& link : links) {
-    if (link != "-") {
-      all.push_back(link);
-      continue;
-    }
-    for (std::string line; std::getline(std::cin, line);)
-      if (line.find_first_not_of(" \t\r") != std::string::npos) all.push_back(line);
-  }
-  return all;
 }
 
 // ---- relays
@@ -82,25 +65,12 @@ ExitStatus change_relays(ListChange change, const RelayList& relays, const std::
   return EXIT_STORE;
 }
 
-ExitStatus check_relays(const lund_relay_config& relays) {
-  struct Checked {
-    int result = LUND_RELAY_LOCAL_FAILURE;
-    std::uint64_t rtt_us = 0;
-  };
-  std::vector<std::future<Checked>> checks;
-  checks.reserve(LUND_RELAYS_MAX);
-  for (int i = 0; i < relays.count; ++i) {
-    checks.push_back(std::async(std::launch::async, [server = &relays.servers[i]] {
-      Checked checked;
-      checked.result = lund_relay_check(server, CHECK_TIMEOUT_MS, &checked.rtt_us);
-      return checked;
-    }));
-  }
+ExitStatus report_on_relays(const lund_relay_config& relays) {
+  const std::vector<RelayCheck> checks = check_relays(relays, CHECK_TIMEOUT_MS);
   bool all = true;
-  for (int i = 0; i < relays.count; ++i) {
-    const Checked checked = checks[static_cast<std::size_t>(i)].get();
-    say(check_line(relay_name(relays.servers[i]), checked.result, checked.rtt_us) + "\n");
-    all = all && checked.result == LUND_RELAY_REACHABLE;
+  for (std::size_t i = 0; i < checks.size(); ++i) {
+    say(check_line(relay_name(relays.servers[i]), checks[i]) + "\n");
+    all = all && checks[i].result == LUND_RELAY_REACHABLE;
   }
   if (relays.count == 0) say("no relay servers\n");
   return all ? EXIT_OK : EXIT_UNREACHABLE;
@@ -120,12 +90,12 @@ ExitStatus relays_command(const Arguments& args) {
     const ListChange change = remove_relay(&relays.config, rest[0], &text);
     return change_relays(change, relays, text);
   }
-  if (verb == "check" && rest.empty()) return check_relays(relays.config);
+  if (verb == "check" && rest.empty()) return report_on_relays(relays.config);
   if (verb == "check" && rest.size() == 1) {
     RelayList given;
     if (add_relays(&given.config, with_standard_input(rest), &text) != ListChange::Done)
       return fail(EXIT_USAGE, text);
-    return check_relays(given.config);
+    return report_on_relays(given.config);
   }
   return wrong_usage("relays: list, add LINK..., remove NAME|NUMBER or check [LINK]");
 }

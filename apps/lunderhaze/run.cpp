@@ -8,7 +8,7 @@
 
 #include "apps/lunderhaze/console.h"
 #include "apps/lunderhaze/pair_back.h"
-#include "apps/lunderhaze/relay_list.h"
+#include "control/relay_list.h"
 #include "apps/lunderhaze/terminal.h"
 #include "control/command_channel.h"
 #include "control/host_commands.h"

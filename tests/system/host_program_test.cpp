@@ -110,7 +110,7 @@ TEST_F(HostProgramTest, ARelayThatDoesNotAnswerGivesItsOwnStatus) {
   holds(run_host({"relays", "check"}), 0, "no relay servers\n");
   const std::string place = "127.0.0.1:" + std::to_string(free_port());
   holds(run_host({"relays", "check", "lunderhaze-relay://" + place + "#k"}), 6,
-        place + ": no answer: offline, blocked, or another key\n");
+        place + ": no answer: offline, blocked, or wrong secret\n");
   run_host({"relays", "add", "lunderhaze-relay://" + place + "#k"});
   holds(run_host({"relays", "check"}), 6, place + ": no answer");
 }
@@ -134,7 +134,7 @@ TEST_F(HostProgramTest, ARunningHostRegistersWithAServerThatIsAdded) {
   holds(run_host({"relays", "check",
                   "lunderhaze-relay://" + checked.output.substr(0, checked.output.find(": ")) +
                       "#another-key"}),
-        6, ": no answer: offline, blocked, or another key\n");
+        6, ": no answer: offline, blocked, or wrong secret\n");
 }
 
 TEST_F(HostProgramTest, StatusWithoutAHostShowsWhatIsStoredAndMakesNothing) {
