@@ -11,7 +11,7 @@ help:
 	@echo "make test             build and run all tests"
 	@echo "make lint             formatting, static analysis, the tree's own rules"
 	@echo "make sanitize         the tests under address, undefined-behaviour and thread sanitizers"
-	@echo "make soak             the relay under load; ten minutes of streaming under the address sanitizer"
+	@echo "make soak             the relay under load, ten minutes of streaming and the long tests under ASan"
 	@echo "make bench            benchmarks, each beside a rival"
 	@echo "make fuzz             each fuzz target for FUZZ_SECONDS (default 600)"
 	@echo "make windows          cross-build for Windows x64 what exists for it"
@@ -50,7 +50,7 @@ soak: | build
 	@$(BUILD)/bin/rendezvous_load
 	$(call configure,tests,linux-asan)
 	@cmake --build build/linux-asan -j $(JOBS) \
-	  --target lunderhaze lunderhaze-client lunderhaze-testscreen
+	  --target lunderhaze lunderhaze-client lunderhaze-testscreen system_test
 	@scripts/soak build/linux-asan/bin
 
 bench: | build

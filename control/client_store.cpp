@@ -228,23 +228,7 @@ bool ClientStore::forget(lund_host_entry host, std::string* error) {
   return save_hosts(error);
 }
 
-bool ClientStore::put_relay(const lund_relay_server& server, std::string* error) {
+bool ClientStore::change_relays(const RelayChange& change, std::string* error) {
   if (!load_relays(error)) return false;
-  if (lund_relay_config_add(&relays_, &server) < 0) {
-    *error = "8 relay servers are remembered already: remove one";
-    return false;
-  }
-  return save_relays(error);
-}
-
-bool ClientStore::forget_relay(lund_relay_server server, std::string* error) {
-  lund_secure_wipe(server.key, sizeof server.key);
-  if (!load_relays(error)) return false;
-  for (int i = 0; i < relays_.count; ++i) {
-    if (!lund_relay_server_same(&relays_.servers[i], &server)) continue;
-    lund_relay_config_remove(&relays_, i);
-    return save_relays(error);
-  }
-  *error = "no such relay server is remembered";
-  return false;
+  return !change(&relays_) || save_relays(error);
 }

@@ -43,9 +43,9 @@ class ClientStore {
   bool update(const lund_host_entry& host, const Change& change, std::string* error);
   bool forget(lund_host_entry host, std::string* error);
 
-  // A server of the same name and port is replaced.
-  bool put_relay(const lund_relay_server& server, std::string* error);
-  bool forget_relay(lund_relay_server server, std::string* error);  // by name and port
+  // Saved when `change` says so.
+  using RelayChange = std::function<bool(lund_relay_config* relays)>;
+  bool change_relays(const RelayChange& change, std::string* error);
 
   ClientStore() = default;
   ~ClientStore();

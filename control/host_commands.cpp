@@ -17,10 +17,8 @@ struct Word {
   Kind kind;
 };
 constexpr Word WORDS[] = {
-    {"status", Kind::Status},
-    {"relays", Kind::Relays},
-    {"pair", Kind::Pair},
-    {"authorize", Kind::Authorize},
+    {"status", Kind::Status},       {"relays", Kind::Relays}, {"pair", Kind::Pair},
+    {"authorize", Kind::Authorize}, {"remove", Kind::Remove},
 };
 
 // What stands before the first blank, and what stands behind it.
@@ -32,6 +30,10 @@ Split split(const std::string& text) {
   const std::size_t blank = text.find(' ');
   if (blank == std::string::npos) return {text, {}};
   return {text.substr(0, blank), text.substr(blank + 1)};
+}
+
+bool parse_key(const std::string& text, HostRequest* request) {
+  return lund_hex_decode(request->key.data(), request->key.size(), text.c_str()) == 0;
 }
 
 bool parse_arguments(const std::string& text, HostRequest* request) {
@@ -49,8 +51,10 @@ bool parse_arguments(const std::string& text, HostRequest* request) {
       char name[64];
       conn_clean_name(name, parts.rest.c_str());
       request->name = name;
-      return lund_hex_decode(request->key.data(), request->key.size(), parts.first.c_str()) == 0;
+      return parse_key(parts.first, request);
     }
+    case Kind::Remove:
+      return parse_key(text, request);
   }
   return false;
 }
@@ -62,11 +66,12 @@ std::string format_request(const HostRequest& request) {
   for (const Word& word : WORDS)
     if (word.kind == request.kind) text = word.text;
   if (request.kind == Kind::Pair) text += " " + std::to_string(request.seconds);
-  if (request.kind == Kind::Authorize) {
+  if (request.kind == Kind::Authorize || request.kind == Kind::Remove) {
     char key[2 * LUND_KEY_SIZE + 1];
     lund_hex_encode(key, request.key.data(), request.key.size());
-    text += std::string(" ") + key + " " + request.name;
+    text += std::string(" ") + key;
   }
+  if (request.kind == Kind::Authorize) text += " " + request.name;
   return text;
 }
 

@@ -1,5 +1,6 @@
 // What this user's programs ask of a running host over its command channel, and how the texts say
-// it: "status", "relays", "pair SECONDS", "authorize KEY NAME"; the answer is "+" or "-" and a text
+// it: "status", "relays", "pair SECONDS", "authorize KEY NAME",
+// "remove KEY"; the answer is "+" or "-" and a text
 // for a person. Pure but for ask_host.
 #pragma once
 
@@ -20,6 +21,7 @@ struct HostRequest {
     Relays,     // the stored list of relay servers has changed
     Pair,       // open the pairing window for `seconds`
     Authorize,  // the device with `key`, called `name`, may connect from now on
+    Remove,     // the device with `key` may not any more
   };
   Kind kind = Kind::Status;
   std::uint32_t seconds = PAIRING_SECONDS;  // 1..PAIRING_SECONDS_MAX

@@ -59,8 +59,16 @@ int run_relay_check(const Arguments& args);
 int run_pair(const Arguments& args);
 int run_connect(const Arguments& args);
 
-std::string relay_check_text(int result, std::uint64_t rtt_us);  // of a lund_relay_check_result
-int relay_check_status(int result);
+// A configuration that is wiped with its scope, for the identity and the relays' keys in it.
+struct ClientConfig : lund_client_config {
+  ClientConfig() = default;
+  ~ClientConfig();
+  ClientConfig(const ClientConfig&) = delete;
+  ClientConfig& operator=(const ClientConfig&) = delete;
+};
+// What pairing and connecting have in common. `own_name` outlives the configuration.
+void configure(const Arguments& args, const ClientStore& store, const lund_relay_config& given,
+               const std::string& own_name, ClientConfig* config);
 
 // Says on standard error what is wrong, and gives the status back.
 int fail(ExitStatus status, const std::string& text);

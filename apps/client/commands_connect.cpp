@@ -49,9 +49,7 @@ bool remember(ClientStore& store, const lund_host_entry& host, const StreamClien
               const HostLink& link, const lund_relay_config& given, std::string* error) {
   if (stream.paths().empty()) return true;
   const std::uint64_t now_s = lund_wall_us() / 1'000'000;
-  std::string text;
-  remember_relays(given, &store, &text);
-  std::fputs(text.c_str(), stdout);
+  std::fputs(remember_relays(given, &store).c_str(), stdout);
   return store.update(
       host,
       [&](lund_host_entry& entry) { learn(stream.paths(), link.lan_search(), now_s, &entry); },
@@ -77,8 +75,9 @@ int run_connect(const Arguments& args) {
     return fail(EXIT_REFUSED,
                 "no paired host answers to \"" + args.host + "\": pair first, or name one");
   const lund_host_entry host = *known;
-  lund_relay_config given;
-  if (!given_relays(args.relays, args.relay_file, &given, &error)) return fail(EXIT_USAGE, error);
+  RelayList given;
+  if (!given_relays(args.relays, args.relay_file, &given.config, &error))
+    return fail(EXIT_USAGE, error);
   if (!args.out.empty()) {
     std::error_code failed;
     std::filesystem::create_directories(args.out, failed);
@@ -87,13 +86,10 @@ int run_connect(const Arguments& args) {
   }
 
   const std::string own_name = computer_name_utf8();
-  lund_client_config config;
-  config.identity = store.identity();
-  config.name = own_name.c_str();
+  ClientConfig config;
+  configure(args, store, given.config, own_name, &config);
   config.has_host_key = 1;
   std::copy(std::begin(host.key), std::end(host.key), config.host_key);
-  config.path_mode = args.path_mode;
-  config.relays = relays_to_use(given, store.relays());
   HostLink link;
   if (!link.open(config, &error)) return fail(EXIT_LOCAL, error);
   add_candidates(link, parse_host(args.host), &host);
@@ -111,7 +107,7 @@ int run_connect(const Arguments& args) {
   const StreamEnd end = stream.run(&ended);
   int status = exit_status(end);
   if (stream.streamed()) status = report_stream(args, stream, link, exit_status(end));
-  if (!remember(store, host, stream, link, given, &error)) status = fail(EXIT_LOCAL, error);
+  if (!remember(store, host, stream, link, given.config, &error)) status = fail(EXIT_LOCAL, error);
   return end == StreamEnd::Done ? status : fail(static_cast<ExitStatus>(status), ended);
 }
 

@@ -85,22 +85,21 @@ int run_pair(const Arguments& args) {
   request.secret = args.pin.empty() ? args.password : args.pin;
   request.kind = args.pin.empty() ? std::uint32_t{LUND_KIND_PASSWORD} : 0;  // 0: guess
   if (request.secret == "-") std::getline(std::cin, request.secret);
-  lund_relay_config given;
-  if (!given_relays(args.relays, args.relay_file, &given, &error)) return fail(EXIT_USAGE, error);
+  RelayList given;
+  if (!given_relays(args.relays, args.relay_file, &given.config, &error))
+    return fail(EXIT_USAGE, error);
 
   const HostChoice choice = parse_host(args.host);
+  request.stop = args.stop;
   request.nobody = nobody_answered(choice);
   const std::string code = !args.code.empty()                      ? args.code
                            : choice.kind == HostChoice::Kind::Code ? choice.text
                                                                    : "";
   const lund_host_entry* known = store.find(args.host);
   const std::string own_name = computer_name_utf8();
-  lund_client_config config;
-  config.identity = store.identity();
-  config.name = own_name.c_str();
+  ClientConfig config;
+  configure(args, store, given.config, own_name, &config);
   config.host_code = code.c_str();
-  config.path_mode = args.path_mode;
-  config.relays = relays_to_use(given, store.relays());
   HostLink link;
   if (!link.open(config, &error)) return fail(EXIT_LOCAL, error);
   add_candidates(link, choice, known);
@@ -112,7 +111,6 @@ int run_pair(const Arguments& args) {
 
   lund_host_entry paired;
   const PairEnd end = pair_with_host(link, request, &paired, &error);
-  lund_secure_wipe(request.secret.data(), request.secret.size());
   if (end == PairEnd::NoAnswer) return fail(EXIT_NO_ANSWER, error);
   if (end != PairEnd::Paired) return fail(EXIT_PAIRING, error);
   if (std::memcmp(paired.key, store.identity().public_key, LUND_KEY_SIZE) == 0)
@@ -122,9 +120,7 @@ int run_pair(const Arguments& args) {
   const lund_host_entry host = merged(store, paired);
   if (!store.put(host, &error)) return fail(EXIT_LOCAL, error);
   std::printf("paired with \"%s\" (%s)\n", host.name, code_text(host.key).c_str());
-  std::string remembered;
-  remember_relays(given, &store, &remembered);
-  std::fputs(remembered.c_str(), stdout);
+  std::fputs(remember_relays(given.config, &store).c_str(), stdout);
   return args.back ? pair_back(link, args, host, own_name) : EXIT_OK;
 }
 

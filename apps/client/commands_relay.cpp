@@ -10,109 +10,75 @@ namespace client_app {
 
 namespace {
 
-// What the command line names, by link or by the name of one that is remembered.
-bool named_relays(const std::string& text, const lund_relay_config& remembered,
-                  lund_relay_config* named, std::string* error) {
-  for (int i = 0; i < remembered.count; ++i)
-    if (relay_name(remembered.servers[i]) == text || remembered.servers[i].host == text)
-      return lund_relay_config_add(named, &remembered.servers[i]) >= 0;
-  if (!add_relay_link(text, named, error)) {
-    if (text != "-")
-      *error =
-          "this is neither a remembered relay server nor a link "
-          "(lunderhaze-relay://host[:port]#key)";
-    return false;
-  }
-  if (named->count == 0) *error = "no relay link on standard input";
-  return named->count > 0;
+constexpr int CHECK_TIMEOUT_MS = 3000;
+
+using Change = std::function<ListChange(lund_relay_config* relays, std::string* text)>;
+
+int change_list(const Arguments& args, const Change& change) {
+  ClientStore store;
+  std::string text;
+  if (!store.open(args.store, &text)) return fail(EXIT_LOCAL, text);
+  ListChange result = ListChange::Done;
+  std::string error;
+  const auto apply = [&](lund_relay_config* relays) {
+    result = change(relays, &text);
+    return result == ListChange::Done;
+  };
+  if (!store.change_relays(apply, &error)) return fail(EXIT_LOCAL, error);
+  if (result == ListChange::Full) return fail(EXIT_LOCAL, text);
+  if (result == ListChange::BadArgument) return fail(EXIT_USAGE, text);
+  std::fputs(text.c_str(), stdout);
+  return EXIT_OK;
 }
 
-int check(const lund_relay_server& server) {
-  std::uint64_t rtt_us = 0;
-  const int result = lund_relay_check(&server, 0, &rtt_us);
-  std::printf("%s: %s\n", relay_name(server).c_str(), relay_check_text(result, rtt_us).c_str());
-  std::fflush(stdout);
-  return relay_check_status(result);
+// A server that doesn't answer, whatever the reason, is one thing to a script; a failure here is
+// another.
+int status_of(const RelayCheck& check) {
+  return check.result == LUND_RELAY_REACHABLE       ? EXIT_OK
+         : check.result == LUND_RELAY_LOCAL_FAILURE ? EXIT_LOCAL
+                                                    : EXIT_NO_ANSWER;
 }
 
 }  // namespace
-
-std::string relay_check_text(int result, std::uint64_t rtt_us) {
-  char text[64];
-  switch (result) {
-    case LUND_RELAY_REACHABLE:
-      std::snprintf(text, sizeof text, "reachable (rtt %.1f ms)",
-                    static_cast<double>(rtt_us) / 1000);
-      return text;
-    case LUND_RELAY_NO_ANSWER:
-      return "no answer: offline, blocked, or wrong secret";
-    case LUND_RELAY_NO_NAME:
-      return "name not found";
-    default:
-      return "local failure: no socket or no random source";
-  }
-}
-
-int relay_check_status(int result) {
-  switch (result) {
-    case LUND_RELAY_REACHABLE:
-      return EXIT_OK;
-    case LUND_RELAY_NO_ANSWER:
-    case LUND_RELAY_NO_NAME:
-      return EXIT_NO_ANSWER;
-    default:
-      return EXIT_LOCAL;
-  }
-}
 
 int run_relay_list(const Arguments& args) {
   ClientStore store;
   std::string error;
   if (!store.open(args.store, &error)) return fail(EXIT_LOCAL, error);
-  const lund_relay_config& relays = store.relays();
-  if (relays.count == 0) std::printf("no relay servers are remembered\n");
-  for (int i = 0; i < relays.count; ++i) std::printf("%s\n", relay_name(relays.servers[i]).c_str());
+  std::fputs(relay_lines(store.relays()).c_str(), stdout);
   return EXIT_OK;
 }
 
 int run_relay_add(const Arguments& args) {
-  ClientStore store;
-  std::string error;
-  if (!store.open(args.store, &error)) return fail(EXIT_LOCAL, error);
-  lund_relay_config added;
-  if (!add_relay_link(args.relay, &added, &error)) return fail(EXIT_USAGE, error);
-  for (int i = 0; i < added.count; ++i) {
-    if (!store.put_relay(added.servers[i], &error)) return fail(EXIT_LOCAL, error);
-    std::printf("relay server %s is remembered\n", relay_name(added.servers[i]).c_str());
-  }
-  return added.count > 0 ? EXIT_OK : fail(EXIT_USAGE, "no relay link on standard input");
+  return change_list(args, [&](lund_relay_config* relays, std::string* text) {
+    return add_relays(relays, with_standard_input({args.relay}), text);
+  });
 }
 
 int run_relay_remove(const Arguments& args) {
-  ClientStore store;
-  std::string error;
-  if (!store.open(args.store, &error)) return fail(EXIT_LOCAL, error);
-  lund_relay_config named;
-  if (!named_relays(args.relay, store.relays(), &named, &error)) return fail(EXIT_USAGE, error);
-  for (int i = 0; i < named.count; ++i) {
-    if (!store.forget_relay(named.servers[i], &error)) return fail(EXIT_REFUSED, error);
-    std::printf("relay server %s is forgotten\n", relay_name(named.servers[i]).c_str());
-  }
-  return EXIT_OK;
+  return change_list(args, [&](lund_relay_config* relays, std::string* text) {
+    return remove_relay(relays, args.relay, text);
+  });
 }
 
 int run_relay_check(const Arguments& args) {
-  ClientStore store;
+  RelayList relays;
   std::string error;
-  if (!store.open(args.store, &error)) return fail(EXIT_LOCAL, error);
-  lund_relay_config named = store.relays();
-  if (!args.relay.empty()) {
-    named = {};
-    if (!named_relays(args.relay, store.relays(), &named, &error)) return fail(EXIT_USAGE, error);
+  if (args.relay.empty()) {
+    ClientStore store;
+    if (!store.open(args.store, &error)) return fail(EXIT_LOCAL, error);
+    relays.config = store.relays();
+  } else if (!given_relays({args.relay}, {}, &relays.config, &error)) {
+    return fail(EXIT_USAGE, error);
   }
-  if (named.count == 0) return fail(EXIT_REFUSED, "no relay servers are remembered");
+  if (relays.config.count == 0) std::fputs(relay_lines(relays.config).c_str(), stdout);
+  const std::vector<RelayCheck> checks = check_relays(relays.config, CHECK_TIMEOUT_MS);
   int worst = EXIT_OK;
-  for (int i = 0; i < named.count; ++i) worst = std::max(worst, check(named.servers[i]));
+  for (std::size_t i = 0; i < checks.size(); ++i) {
+    const std::string name = relay_name(relays.config.servers[i]);
+    std::printf("%s\n", check_line(name, checks[i]).c_str());
+    worst = std::max(worst, status_of(checks[i]));
+  }
   return worst;
 }
 

@@ -26,11 +26,12 @@ HostLink::~HostLink() {
   if (socket_ != LUND_NO_SOCKET) lund_udp_close(socket_);
 }
 
-bool HostLink::open(lund_client_config config, std::string* error) {
+bool HostLink::open(const lund_client_config& wanted, std::string* error) {
   if (lund_net_init() != 0 || (socket_ = lund_udp_open(4, nullptr, 0)) == LUND_NO_SOCKET) {
     *error = "no UDP socket could be opened";
     return false;
   }
+  lund_client_config config = wanted;
   config.lan_count = lund_net_local_endpoints(config.lan_endpoints,
                                               static_cast<int>(std::size(config.lan_endpoints)),
                                               lund_udp_local_port(socket_));
@@ -38,11 +39,12 @@ bool HostLink::open(lund_client_config config, std::string* error) {
   config.log = log_callback;
   config.user = &socket_;
   engine_ = lund_client_create(&config);
+  lund_secure_wipe(&config, sizeof config);
   if (!engine_) {
     *error = "the connection layer could not start";
     return false;
   }
-  resolver_ = lund_resolver_start_client(engine_, &config.relays);
+  resolver_ = lund_resolver_start_client(engine_, &wanted.relays);
   return true;
 }
 

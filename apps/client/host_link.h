@@ -23,9 +23,9 @@ class HostLink {
   HostLink(const HostLink&) = delete;
   HostLink& operator=(const HostLink&) = delete;
 
-  // Fills in the callbacks and the own LAN addresses of `config`, and opens the socket. False with
+  // Fills in the callbacks and the own LAN addresses of `wanted`, and opens the socket. False with
   // `error`.
-  bool open(lund_client_config config, std::string* error);
+  bool open(const lund_client_config& wanted, std::string* error);
 
   void look_for(LanWanted wanted) { lan_search_ = LanSearch(std::move(wanted), lund_now_us()); }
   const LanSearch& lan_search() const { return lan_search_; }

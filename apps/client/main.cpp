@@ -96,10 +96,10 @@ void add_relay(CLI::App& relay, Arguments& args, std::vector<Subcommand>& comman
   add->add_option("link", args.relay, "Its link; - reads it from standard input")->required();
   commands.push_back({add, run_relay_add});
   CLI::App* remove = relay.add_subcommand("remove", "Forget a relay server");
-  remove->add_option("server", args.relay, "Its name as list shows it, or its link")->required();
+  remove->add_option("server", args.relay, "Its number or name as list shows them")->required();
   commands.push_back({remove, run_relay_remove});
   CLI::App* check = relay.add_subcommand("check", "Does a relay server answer?");
-  check->add_option("server", args.relay, "Its link, - or name; without one: all remembered");
+  check->add_option("link", args.relay, "Its link, or -; without one: all that are remembered");
   commands.push_back({check, run_relay_check});
 }
 

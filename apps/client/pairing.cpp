@@ -85,9 +85,12 @@ PairEnd pair_with_host(HostLink& link, const PairRequest& request, lund_host_ent
       decided = true;
     }
   };
+  const auto stopped = [&] { return request.stop && *request.stop; };
   link.run(
-      UINT64_MAX, [](const std::uint8_t*, std::size_t) {}, on_event, [&] { return decided; });
-  return end;
+      UINT64_MAX, [](const std::uint8_t*, std::size_t) {}, on_event,
+      [&] { return decided || stopped(); });
+  if (!decided) *text = "stopped";
+  return decided ? end : PairEnd::Stopped;
 }
 
 BackEnd offer_way_back(HostLink& link, const std::string& own_name, std::uint16_t port,

@@ -9,12 +9,18 @@
 #include "apps/client/host_link.h"
 #include "connection/protocol.h"
 
-enum class PairEnd { Paired, WrongSecret, Locked, NotAvailable, NoAnswer };
+enum class PairEnd { Paired, WrongSecret, Locked, NotAvailable, NoAnswer, Stopped };
 
 struct PairRequest {
   std::string secret;
   std::uint32_t kind = 0;  // as lund_client_pair takes it
   std::string nobody;      // the text when no host answers and nothing explains it
+  const std::atomic<bool>* stop = nullptr;
+
+  PairRequest() = default;
+  ~PairRequest() { lund_secure_wipe(secret.data(), secret.size()); }
+  PairRequest(const PairRequest&) = delete;
+  PairRequest& operator=(const PairRequest&) = delete;
 };
 
 // Blocks until it is decided; `text` says what went wrong, and `host` gets key, name and the

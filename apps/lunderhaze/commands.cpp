@@ -1,20 +1,19 @@
 #include "apps/lunderhaze/commands.h"
 
 #include <cstdio>
-#include <future>
-#include <iostream>
 
 #include "apps/lunderhaze/console.h"
-#include "apps/lunderhaze/relay_list.h"
 #include "apps/lunderhaze/run.h"
 #include "connection/resolver.h"
 #include "control/host_commands.h"
 #include "control/keystore.h"
+#include "control/relay_list.h"
 
 const char* const COMMANDS_USAGE =
     "       lunderhaze ... --accept-pair-back     takes every offer to be reached in return\n"
     "       lunderhaze status                     of the running host, or what is stored\n"
     "       lunderhaze pair [SECONDS]             opens pairing on the running host\n"
+    "       lunderhaze devices remove NAME|CODE   a paired device may not connect any more\n"
     "       lunderhaze relays list\n"
     "       lunderhaze relays add LINK...         - reads links from standard input\n"
     "       lunderhaze relays remove NAME|NUMBER\n"
@@ -25,6 +24,7 @@ namespace {
 
 using Arguments = std::vector<std::string>;
 constexpr int CHECK_TIMEOUT_MS = 1'500;
+constexpr std::size_t KEY_CODE_BYTES = 5;
 
 ExitStatus say(const std::string& text) {
   std::fputs(text.c_str(), stdout);
@@ -34,21 +34,6 @@ ExitStatus say(const std::string& text) {
 ExitStatus wrong_usage(const std::string& text) {
   std::fprintf(stderr, "lunderhaze: %s\n%s", text.c_str(), COMMANDS_USAGE);
   return EXIT_USAGE;
-}
-
-// A link on the command line can be seen by every user of the computer; "-" is for those to whom
-// that matters.
-Arguments with_standard_input(const Arguments& links) {
-  Arguments all;
-  for (const std::string& link : links) {
-    if (link != "-") {
-      all.push_back(link);
-      continue;
-    }
-    for (std::string line; std::getline(std::cin, line);)
-      if (line.find_first_not_of(" \t\r") != std::string::npos) all.push_back(line);
-  }
-  return all;
 }
 
 // ---- relays
@@ -82,25 +67,12 @@ ExitStatus change_relays(ListChange change, const RelayList& relays, const std::
   return EXIT_STORE;
 }
 
-ExitStatus check_relays(const lund_relay_config& relays) {
-  struct Checked {
-    int result = LUND_RELAY_LOCAL_FAILURE;
-    std::uint64_t rtt_us = 0;
-  };
-  std::vector<std::future<Checked>> checks;
-  checks.reserve(LUND_RELAYS_MAX);
-  for (int i = 0; i < relays.count; ++i) {
-    checks.push_back(std::async(std::launch::async, [server = &relays.servers[i]] {
-      Checked checked;
-      checked.result = lund_relay_check(server, CHECK_TIMEOUT_MS, &checked.rtt_us);
-      return checked;
-    }));
-  }
+ExitStatus report_on_relays(const lund_relay_config& relays) {
+  const std::vector<RelayCheck> checks = check_relays(relays, CHECK_TIMEOUT_MS);
   bool all = true;
-  for (int i = 0; i < relays.count; ++i) {
-    const Checked checked = checks[static_cast<std::size_t>(i)].get();
-    say(check_line(relay_name(relays.servers[i]), checked.result, checked.rtt_us) + "\n");
-    all = all && checked.result == LUND_RELAY_REACHABLE;
+  for (std::size_t i = 0; i < checks.size(); ++i) {
+    say(check_line(relay_name(relays.servers[i]), checks[i]) + "\n");
+    all = all && checks[i].result == LUND_RELAY_REACHABLE;
   }
   if (relays.count == 0) say("no relay servers\n");
   return all ? EXIT_OK : EXIT_UNREACHABLE;
@@ -120,14 +92,66 @@ ExitStatus relays_command(const Arguments& args) {
     const ListChange change = remove_relay(&relays.config, rest[0], &text);
     return change_relays(change, relays, text);
   }
-  if (verb == "check" && rest.empty()) return check_relays(relays.config);
+  if (verb == "check" && rest.empty()) return report_on_relays(relays.config);
   if (verb == "check" && rest.size() == 1) {
     RelayList given;
     if (add_relays(&given.config, with_standard_input(rest), &text) != ListChange::Done)
       return fail(EXIT_USAGE, text);
-    return check_relays(given.config);
+    return report_on_relays(given.config);
   }
   return wrong_usage("relays: list, add LINK..., remove NAME|NUMBER or check [LINK]");
+}
+
+// ---- devices
+
+// The paired device of this name or key code; says what is wrong when there isn't exactly one.
+const lund_client_entry* find_device(const lund_client_list& devices, const std::string& selector,
+                                     std::string* error) {
+  std::uint8_t wanted[KEY_CODE_BYTES];
+  const bool by_code = lund_key_code_parse(wanted, selector.c_str()) == 0;
+  const lund_client_entry* found = nullptr;
+  for (int i = 0; i < devices.count; ++i) {
+    const lund_client_entry& device = devices.entries[i];
+    std::uint8_t id[LUND_KEY_ID_SIZE];
+    lund_key_id(id, device.key);
+    if (selector != device.name && !(by_code && std::equal(wanted, std::end(wanted), id))) continue;
+    if (found) {
+      *error = "several devices answer to \"" + selector + "\": name one by its key code";
+      return nullptr;
+    }
+    found = &device;
+  }
+  if (!found) *error = "no paired device answers to \"" + selector + "\"";
+  return found;
+}
+
+ExitStatus remove_device(const lund_client_entry& device, lund_client_list devices) {
+  HostRequest request;
+  request.kind = HostRequest::Kind::Remove;
+  std::copy(std::begin(device.key), std::end(device.key), request.key.begin());
+  std::string text;
+  switch (ask_host(keystore::hostStoreDirectory(), request, &text)) {
+    case HostReply::Done:
+      return say(text + "\n");
+    case HostReply::NotRunning:
+      break;
+    default:
+      return fail(EXIT_REFUSED, text);
+  }
+  lund_client_list_remove(&devices, device.key);
+  if (!keystore::save_clients(devices))
+    return fail(EXIT_STORE, "could not save the list of paired devices");
+  return say("removed\n");
+}
+
+ExitStatus devices_command(const Arguments& args) {
+  if (args.size() != 3 || args[1] != "remove")
+    return wrong_usage("devices: remove NAME|CODE (status lists them)");
+  const lund_client_list devices = keystore::load_clients();
+  std::string error;
+  const lund_client_entry* device = find_device(devices, args[2], &error);
+  if (!device) return fail(EXIT_USAGE, error);
+  return remove_device(*device, devices);
 }
 
 // ---- status, pair
@@ -196,6 +220,7 @@ struct Command {
 };
 constexpr Command COMMANDS[] = {
     {"relays", relays_command},
+    {"devices", devices_command},
     {"status", status_command},
     {"pair", pair_command},
 };

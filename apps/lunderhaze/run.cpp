@@ -8,12 +8,12 @@
 
 #include "apps/lunderhaze/console.h"
 #include "apps/lunderhaze/pair_back.h"
-#include "apps/lunderhaze/relay_list.h"
 #include "apps/lunderhaze/terminal.h"
 #include "control/command_channel.h"
 #include "control/host_commands.h"
 #include "control/keystore.h"
 #include "control/log.h"
+#include "control/relay_list.h"
 #include "host/server.h"
 
 namespace {
@@ -145,6 +145,10 @@ class HostByHand {
         if (host_.authorize_client(request.key.data(), request.name))
           return {true, "\"" + request.name + "\" may connect to this computer now"};
         return {false, "the host authorizes no more devices, and never itself"};
+      case HostRequest::Kind::Remove:
+        if (host_.remove_device({request.key.begin(), request.key.end()}))
+          return {true, "removed; the running host has ended its sessions"};
+        return {false, "the running host knows no such device"};
     }
     return {};
   }

@@ -18,6 +18,7 @@ TEST(HostCommands, EveryRequestIsReadAsItWasWritten) {
       {Kind::Relays, "relays"},
       {Kind::Pair, "pair 77"},
       {Kind::Authorize, "authorize " + KEY_TEXT + " desk in the attic"},
+      {Kind::Remove, "remove " + KEY_TEXT},
   };
   for (const auto& [kind, text] : texts) {
     request.kind = kind;
@@ -33,10 +34,11 @@ TEST(HostCommands, WhatIsNoRequestIsRefused) {
   for (const std::string text :
        {"", " ", "Status", "status now", "relays x", "pair", "pair ", "pair 0", "pair 86401",
         "pair -1", "pair 12x", "pair +5", "pair 99999999999", "authorize", "authorize 00 name",
-        "authorised"})
+        "authorised", "remove", "remove 00"})
     EXPECT_FALSE(parse_request(text)) << text;
   EXPECT_FALSE(parse_request("authorize " + KEY_TEXT + "0 name"));
   EXPECT_FALSE(parse_request("authorize " + std::string(64, 'g') + " name"));
+  EXPECT_FALSE(parse_request("remove " + KEY_TEXT + " name"));
 }
 
 TEST(HostCommands, ANameMayBeMissingAndIsCleaned) {

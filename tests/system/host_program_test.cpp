@@ -110,7 +110,7 @@ TEST_F(HostProgramTest, ARelayThatDoesNotAnswerGivesItsOwnStatus) {
   holds(run_host({"relays", "check"}), 0, "no relay servers\n");
   const std::string place = "127.0.0.1:" + std::to_string(free_port());
   holds(run_host({"relays", "check", "lunderhaze-relay://" + place + "#k"}), 6,
-        place + ": no answer: offline, blocked, or another key\n");
+        place + ": no answer: offline, blocked, or wrong secret\n");
   run_host({"relays", "add", "lunderhaze-relay://" + place + "#k"});
   holds(run_host({"relays", "check"}), 6, place + ": no answer");
 }
@@ -134,7 +134,7 @@ TEST_F(HostProgramTest, ARunningHostRegistersWithAServerThatIsAdded) {
   holds(run_host({"relays", "check",
                   "lunderhaze-relay://" + checked.output.substr(0, checked.output.find(": ")) +
                       "#another-key"}),
-        6, ": no answer: offline, blocked, or another key\n");
+        6, ": no answer: offline, blocked, or wrong secret\n");
 }
 
 TEST_F(HostProgramTest, StatusWithoutAHostShowsWhatIsStoredAndMakesNothing) {
@@ -233,6 +233,36 @@ TEST_F(HostProgramTest, ADeviceThatIsAuthorizedByCommandNeedsNoPairing) {
 
   stream(1);
   holds(run_host({"status"}), 0, "  \"the other way\" (");
+}
+
+TEST_F(HostProgramTest, ARemovedDeviceIsCutOffAtOnceAndStaysOut) {
+  start_desktop(640, 480);
+  ChildProcess screen({program("lunderhaze-testscreen")}, environment_);
+  start_host();
+  pair();
+  ChildProcess& receiver = start_receiver();
+  const std::string status = run_host({"status"}).output;
+  std::smatch device;
+  ASSERT_TRUE(std::regex_search(status, device, std::regex("  \".*\" \\((\\S{9})\\), added")));
+  holds(run_host({"devices", "remove", "0000-0000"}), 1, "no paired device answers to");
+  holds(run_host({"devices", "remove", device[1]}), 0, "removed; the running host has ended");
+  EXPECT_EQ(receiver.wait(seconds(20)), 3) << receiver.output();
+  holds(run_host({"status"}), 0, "No paired devices\n");
+  const RunResult again = client({"connect", "--host", host_address(), "--seconds", "1"});
+  holds(again, 3, "the host does not know this device: pair first");
+}
+
+TEST_F(HostProgramTest, ADeviceIsRemovedWithoutARunningHostToo) {
+  start_desktop(640, 480);
+  start_host();
+  pair();
+  host_->signal(SIGINT);
+  ASSERT_EQ(host_->wait(seconds(20)), 0);
+  const std::string status = run_host({"status"}).output;
+  std::smatch device;
+  ASSERT_TRUE(std::regex_search(status, device, std::regex("  \"(.*)\" \\(\\S{9}\\), added")));
+  holds(run_host({"devices", "remove", device[1]}), 0, "removed\n");
+  holds(run_host({"status"}), 5, "No paired devices\n");
 }
 
 TEST_F(HostProgramTest, WhatIsNoCommandIsRefusedInWords) {

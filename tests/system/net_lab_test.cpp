@@ -2,13 +2,13 @@
 // class, so that what the programs do behind it says something about real routers.
 #include "tests/support/linux/net_lab.h"
 
-#include <fcntl.h>
 #include <gtest/gtest.h>
-#include <sys/wait.h>
-#include <unistd.h>
+#include <signal.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <optional>
+#include <ostream>
 #include <set>
 
 #include "connection/netsock.h"
@@ -207,6 +207,12 @@ struct Punch {
   Nat first, second;
   bool succeeds;
 };
+std::string name_of(const Punch& punch) {
+  return std::string(nat_name(punch.first)) + " and " + nat_name(punch.second);
+}
+void PrintTo(const Punch& punch, std::ostream* out) {
+  *out << name_of(punch);
+}
 class PunchTest : public testing::TestWithParam<Punch> {
  protected:
   void SetUp() override {
@@ -252,8 +258,7 @@ INSTANTIATE_TEST_SUITE_P(All, PunchTest,
                                          Punch{Nat::PORT_RESTRICTED, Nat::SYMMETRIC, false},
                                          Punch{Nat::SYMMETRIC, Nat::SYMMETRIC, false}),
                          [](const auto& test) {
-                           std::string name = std::string(nat_name(test.param.first)) + " and " +
-                                              nat_name(test.param.second);
+                           std::string name = name_of(test.param);
                            std::replace(name.begin(), name.end(), ' ', '_');
                            return name;
                          });

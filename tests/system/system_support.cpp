@@ -83,11 +83,19 @@ void SystemTest::start_desktop(int width, int height) {
   painter_ = std::make_unique<RootPainter>(desktop_->display());
 }
 
+std::vector<std::string> SystemTest::at(const Place& place, const std::string& name,
+                                        const std::vector<std::string>& arguments) {
+  std::vector<std::string> all = place;
+  all.push_back(program(name));
+  all.insert(all.end(), arguments.begin(), arguments.end());
+  return all;
+}
+
 void SystemTest::start_host(const std::vector<std::string>& arguments,
                             ChildProcess::Streams streams) {
-  std::vector<std::string> all = {program("lunderhaze"), "--port", std::to_string(port_)};
+  std::vector<std::string> all = {"--port", std::to_string(port_)};
   all.insert(all.end(), arguments.begin(), arguments.end());
-  host_ = std::make_unique<ChildProcess>(all, environment_, streams);
+  host_ = std::make_unique<ChildProcess>(at(host_place_, "lunderhaze", all), environment_, streams);
   ASSERT_TRUE(host_->wait_for_output("Listening on UDP port", seconds(20))) << host_->output();
 }
 
@@ -104,9 +112,8 @@ std::string SystemTest::shown_pin() const {
 }
 
 RunResult SystemTest::client(std::vector<std::string> arguments, seconds deadline) {
-  arguments.insert(arguments.begin(),
-                   {program("lunderhaze-client"), "--store", (directory_ / "client").string()});
-  return run_program(arguments, environment_, deadline);
+  arguments.insert(arguments.begin(), {"--store", (directory_ / "client").string()});
+  return run_program(at(client_place_, "lunderhaze-client", arguments), environment_, deadline);
 }
 
 void SystemTest::pair() {
@@ -124,17 +131,19 @@ void SystemTest::stream(double stream_seconds, std::vector<std::string> more) {
   ASSERT_EQ(result.status, 0) << result.output;
 }
 
-ChildProcess& SystemTest::start_receiver(const std::vector<std::string>& more) {
-  std::vector<std::string> arguments = {program("lunderhaze-client"),
-                                        "--store",
-                                        (directory_ / "client").string(),
-                                        "connect",
-                                        "--host",
-                                        host_address(),
-                                        "--seconds",
-                                        "0"};
+ChildProcess& SystemTest::launch_receiver(const std::vector<std::string>& more) {
+  std::vector<std::string> arguments = {"--store",   (directory_ / "client").string(),
+                                        "--verbose", "connect",
+                                        "--host",    host_address(),
+                                        "--seconds", "0"};
   arguments.insert(arguments.end(), more.begin(), more.end());
-  receiver_ = std::make_unique<ChildProcess>(arguments, environment_);
+  receiver_ = std::make_unique<ChildProcess>(at(client_place_, "lunderhaze-client", arguments),
+                                             environment_);
+  return *receiver_;
+}
+
+ChildProcess& SystemTest::start_receiver(const std::vector<std::string>& more) {
+  launch_receiver(more);
   EXPECT_TRUE(receiver_->wait_for_output("fps", seconds(20))) << receiver_->output();
   return *receiver_;
 }

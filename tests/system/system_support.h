@@ -50,10 +50,13 @@ class SystemTest : public testing::Test {
   // Connects for so long; the result must be success.
   void stream(double stream_seconds, std::vector<std::string> more = {});
 
-  // A client that streams until it is stopped, and has reported its first second.
+  // A client that streams until it is stopped, and tells what it does.
+  ChildProcess& launch_receiver(const std::vector<std::string>& more = {});
+  // The same, once it has reported its first second.
   ChildProcess& start_receiver(const std::vector<std::string>& more = {});
 
-  std::string host_address() const { return "127.0.0.1:" + std::to_string(port_); }
+  // What the client calls the host by.
+  virtual std::string host_address() const { return "127.0.0.1:" + std::to_string(port_); }
   nlohmann::json report() const;
   RgbPicture last_frame() const { return read_png(out() / "last_frame.png"); }
   std::filesystem::path out() const { return directory_ / "out"; }
@@ -68,8 +71,15 @@ class SystemTest : public testing::Test {
     return std::string(LUND_BIN_DIR) + "/" + name;
   }
 
+  // Where a program runs: what its command line begins with. Nothing: beside the test.
+  using Place = std::vector<std::string>;
+  static std::vector<std::string> at(const Place& place, const std::string& name,
+                                     const std::vector<std::string>& arguments);
+
   std::filesystem::path directory_;
   Environment environment_;
+  Place host_place_;
+  Place client_place_;
   std::unique_ptr<Xvfb> desktop_;
   std::unique_ptr<RootPainter> painter_;
   std::unique_ptr<ChildProcess> host_;

@@ -20,12 +20,11 @@ class TwoWayPairingTest : public SystemTest {
   }
 
   void start_their_host() {
-    their_port_ = free_port();
     their_host_ = std::make_unique<ChildProcess>(
         std::vector<std::string>{program("lunderhaze"), "--port", std::to_string(their_port_),
                                  "--codec", "h264"},
         their_environment_);
-    ASSERT_TRUE(their_host_->wait_for_output("To pair a device", seconds(20)))
+    ASSERT_TRUE(their_host_->wait_for_output("Listening on UDP port", seconds(20)))
         << their_host_->output();
   }
   std::unique_ptr<ChildProcess> start_offer() {
@@ -44,9 +43,19 @@ class TwoWayPairingTest : public SystemTest {
     return run_program(arguments, environment_, seconds(60));
   }
 
+  void connect_to_them() {
+    const RunResult known = own_client({"hosts"});
+    EXPECT_NE(known.output.find(their_code()), std::string::npos) << known.output;
+    lund_rv_endpoint network;
+    if (lund_net_local_endpoints(&network, 1, 0) == 0)
+      GTEST_SKIP() << "a computer without a network address has none to offer";
+    const RunResult connected = own_client({"connect", "--host", their_code(), "--seconds", "1"});
+    EXPECT_EQ(connected.status, 0) << connected.output << their_host_->output();
+  }
+
   Environment their_environment_;
   std::unique_ptr<ChildProcess> their_host_;
-  int their_port_ = 0;
+  int their_port_ = free_port();
 };
 
 TEST_F(TwoWayPairingTest, AnAcceptedOfferLetsEachConnectToTheOther) {
@@ -55,14 +64,16 @@ TEST_F(TwoWayPairingTest, AnAcceptedOfferLetsEachConnectToTheOther) {
   const auto offer = start_offer();
   EXPECT_EQ(offer->wait(seconds(30)), 0) << offer->output();
   EXPECT_TRUE(host_->wait_for_output("can be reached from this computer now", seconds(10)));
-  const RunResult known = own_client({"hosts"});
-  EXPECT_NE(known.output.find(their_code()), std::string::npos) << known.output;
+  connect_to_them();
+}
 
-  lund_rv_endpoint network;
-  if (lund_net_local_endpoints(&network, 1, 0) == 0)
-    GTEST_SKIP() << "a computer without a network address has none to offer";
-  const RunResult connected = own_client({"connect", "--host", their_code(), "--seconds", "1"});
-  EXPECT_EQ(connected.status, 0) << connected.output << their_host_->output();
+TEST_F(TwoWayPairingTest, AnOfferMayComeBeforeItsHostIsStarted) {
+  start_host({"--codec", "h264", "--accept-pair-back"});
+  const auto offer = start_offer();
+  EXPECT_EQ(offer->wait(seconds(30)), 0) << offer->output();
+  EXPECT_NE(offer->output().find("may now connect to this computer"), std::string::npos);
+  start_their_host();
+  connect_to_them();
 }
 
 TEST_F(TwoWayPairingTest, ThePersonAtTheTerminalIsAskedAndYesIsAnswered) {

@@ -4,6 +4,7 @@
 
 #include <optional>
 #include <regex>
+#include <sstream>
 
 #include "tests/connection/documents/page.h"
 
@@ -41,17 +42,24 @@ std::optional<std::uint64_t> term(const std::string& file, const std::string& te
   return {};
 }
 
-// One operator of a kind at most between terms: enough for what the sources have.
+// Terms between operators, from left to right: enough for what the sources have.
 std::optional<std::uint64_t> evaluate(const std::string& file, const std::string& text) {
-  static const std::regex expression("^\\s*(\\S+)(?:\\s*(\\*|\\+|<<)\\s*(\\S+))?\\s*$");
-  std::smatch found;
-  if (!std::regex_match(text, found, expression)) return {};
-  const auto first = term(file, found[1]);
-  if (!first || !found[2].matched) return first;
-  const auto second = term(file, found[3]);
-  if (!second) return {};
-  if (found[2] == "*") return *first * *second;
-  return found[2] == "+" ? *first + *second : *first << *second;
+  std::istringstream in(text);
+  std::string word;
+  in >> word;
+  auto value = term(file, word);
+  for (std::string operation; value && in >> operation;) {
+    in >> word;
+    const auto next = term(file, word);
+    if (!next) return {};
+    if (operation == "*")
+      *value *= *next;
+    else if (operation == "<<")
+      *value <<= *next;
+    else
+      return {};
+  }
+  return value;
 }
 
 std::optional<std::uint64_t> lookup(const std::string& file, const std::string& name) {

@@ -6,8 +6,8 @@
 #include <string>
 #include <vector>
 
-// The values of "NAME = expression;" or "NAME{a, b};" in a file of the tree: products, sums and
-// shifts of integers, and of constants of the same file or of connection's headers. Empty, and a
+// The values of "NAME = expression;" or "NAME{a, b};" in a file of the tree: products and shifts of
+// integers, and of constants of the same file or of connection's headers. Empty, and a
 // failed test, when there is none or it can't be read.
 std::vector<std::uint64_t> source_constant(const std::string& file, const std::string& name);
 

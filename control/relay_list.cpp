@@ -1,6 +1,8 @@
-#include "apps/lunderhaze/relay_list.h"
+#include "control/relay_list.h"
 
 #include <cstdio>
+#include <future>
+#include <iostream>
 
 #include "connection/conn.h"
 #include "connection/resolver.h"
@@ -80,15 +82,50 @@ std::string relay_lines(const lund_relay_config& relays) {
   return lines.empty() ? "no relay servers\n" : lines;
 }
 
-std::string check_line(const std::string& name, int result, std::uint64_t rtt_us) {
+std::vector<std::string> read_links(std::istream& in) {
+  std::vector<std::string> links;
+  for (std::string line; std::getline(in, line);)
+    if (line.find_first_not_of(" \t\r") != std::string::npos) links.push_back(line);
+  return links;
+}
+
+std::vector<std::string> with_standard_input(const std::vector<std::string>& links) {
+  std::vector<std::string> all;
+  for (const std::string& link : links) {
+    if (link != "-") {
+      all.push_back(link);
+      continue;
+    }
+    for (std::string& line : read_links(std::cin)) all.push_back(std::move(line));
+  }
+  return all;
+}
+
+std::vector<RelayCheck> check_relays(const lund_relay_config& relays, int timeout_ms) {
+  std::vector<std::future<RelayCheck>> running;
+  running.reserve(LUND_RELAYS_MAX);
+  for (int i = 0; i < relays.count; ++i) {
+    running.push_back(std::async(std::launch::async, [server = &relays.servers[i], timeout_ms] {
+      RelayCheck check;
+      check.result = lund_relay_check(server, timeout_ms, &check.rtt_us);
+      return check;
+    }));
+  }
+  std::vector<RelayCheck> checks;
+  checks.reserve(running.size());
+  for (auto& check : running) checks.push_back(check.get());
+  return checks;
+}
+
+std::string check_line(const std::string& name, const RelayCheck& check) {
   char reachable[64];
   std::snprintf(reachable, sizeof reachable, "reachable (%.1f ms)",
-                static_cast<double>(rtt_us) / 1e3);
-  switch (result) {
+                static_cast<double>(check.rtt_us) / 1e3);
+  switch (check.result) {
     case LUND_RELAY_REACHABLE:
       return name + ": " + reachable;
     case LUND_RELAY_NO_ANSWER:
-      return name + ": no answer: offline, blocked, or another key";
+      return name + ": no answer: offline, blocked, or wrong secret";
     case LUND_RELAY_NO_NAME:
       return name + ": name not found";
     default:

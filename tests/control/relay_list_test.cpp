@@ -1,6 +1,8 @@
-#include "apps/lunderhaze/relay_list.h"
+#include "control/relay_list.h"
 
 #include <gtest/gtest.h>
+
+#include <sstream>
 
 #include "connection/resolver.h"
 
@@ -78,12 +80,22 @@ TEST_F(RelayListTest, AnEmptyListSaysSo) {
   EXPECT_EQ(relay_lines(relays.config), "no relay servers\n");
 }
 
+TEST(RelayLinks, AreReadALineEachWithoutBlankOnes) {
+  std::istringstream in("\n" + link("one.example") + "\r\n \t\n  " + link("[::1]:5"));
+  const std::vector<std::string> links = read_links(in);
+  ASSERT_EQ(links.size(), 2u);
+  RelayList relays;
+  std::string text;
+  EXPECT_EQ(add_relays(&relays.config, links, &text), ListChange::Done) << text;
+  EXPECT_EQ(relay_lines(relays.config), "1  one.example:9877\n2  [::1]:5\n");
+}
+
 TEST(RelayCheck, EachResultHasItsText) {
-  EXPECT_EQ(check_line("a:1", LUND_RELAY_REACHABLE, 12'340), "a:1: reachable (12.3 ms)");
-  EXPECT_EQ(check_line("a:1", LUND_RELAY_NO_ANSWER, 0),
-            "a:1: no answer: offline, blocked, or another key");
-  EXPECT_EQ(check_line("a:1", LUND_RELAY_NO_NAME, 0), "a:1: name not found");
-  EXPECT_EQ(check_line("a:1", LUND_RELAY_LOCAL_FAILURE, 0),
+  EXPECT_EQ(check_line("a:1", {LUND_RELAY_REACHABLE, 12'340}), "a:1: reachable (12.3 ms)");
+  EXPECT_EQ(check_line("a:1", {LUND_RELAY_NO_ANSWER, 0}),
+            "a:1: no answer: offline, blocked, or wrong secret");
+  EXPECT_EQ(check_line("a:1", {LUND_RELAY_NO_NAME, 0}), "a:1: name not found");
+  EXPECT_EQ(check_line("a:1", {LUND_RELAY_LOCAL_FAILURE, 0}),
             "a:1: could not be asked: a failure of this computer");
 }
 
