@@ -6,6 +6,7 @@
 #include <array>
 #include <cstdint>
 #include <list>
+#include <optional>
 #include <unordered_map>
 
 #include "apps/rendezvous/siphash.h"
@@ -36,8 +37,8 @@ struct Host {
   std::uint32_t number = 0;            // of this registration; never 0
   std::uint64_t registered_at_us = 0;  // the first time of an unbroken run
   std::uint64_t refreshed_at_us = 0;
-  std::uint32_t current_allocation = 0;  // of the last notification: the host binds this one alone
-  bool notified = false;                 // whether there has been one
+  // Of the last notification: the host binds this one alone.
+  std::optional<std::uint32_t> current_allocation;
   TokenBucket notifications;
   TokenBucket unproven_notifications;  // on behalf of addresses that may be spoofed
 };

@@ -50,9 +50,14 @@ void tell(const std::string& text) {
 
 class Socket {
  public:
-  // Both families through one socket where there is IPv6.
-  explicit Socket(std::uint16_t port) : socket_(lund_udp_open(6, nullptr, port)) {
-    if (socket_ == LUND_NO_SOCKET) socket_ = lund_udp_open(4, nullptr, port);
+  // At all addresses, both families go through one socket where there is IPv6.
+  explicit Socket(const lund_rv_endpoint& at) {
+    if (at.family != 0) {
+      socket_ = lund_udp_open(at.family, &at, at.port);
+      return;
+    }
+    socket_ = lund_udp_open(6, nullptr, at.port);
+    if (socket_ == LUND_NO_SOCKET) socket_ = lund_udp_open(4, nullptr, at.port);
   }
   ~Socket() { lund_udp_close(socket_); }
   Socket(const Socket&) = delete;
@@ -109,9 +114,10 @@ int run(const RendezvousOptions& options) {
   std::string error;
   if (!set_up(options, own_host(), &setup, &error)) return fail(EXIT_USAGE, error);
   if (lund_net_init() != 0) return fail(EXIT_LOCAL, "no network");
-  const Socket socket(setup.listen_port);
+  const Socket socket(setup.listen);
   if (socket.get() == LUND_NO_SOCKET)
-    return fail(EXIT_SOCKET, "cannot listen on UDP port " + std::to_string(setup.listen_port) +
+    return fail(EXIT_SOCKET, "cannot listen on UDP port " + std::to_string(setup.listen.port) +
+                                 (options.bind.empty() ? "" : " of " + options.bind) +
                                  ": it is in use, or not permitted");
   const std::uint16_t port = lund_udp_local_port(socket.get());
   if (!setup.from_link) setup.server.port = port;
@@ -138,6 +144,8 @@ int run_program(int argc, char** argv) {
   app.add_option("--port", options.port,
                  "UDP port to listen on; 0: any. Otherwise 9877, or the "
                  "link's");
+  app.add_option("--bind", options.bind,
+                 "Local address to listen on and answer from, where there are several");
   auto* key = app.add_option("--key", options.key,
                              "The shared key as in a link. Other users of this computer can see it "
                              "on the command line: prefer --key-file");

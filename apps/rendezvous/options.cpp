@@ -71,10 +71,15 @@ bool set_up(const RendezvousOptions& options, const std::string& own_host, Rende
             std::string* error) {
   if (!take_key(options, setup, error)) return false;
   lund_relay_server& server = setup->server;
-  const std::string named = setup->from_link ? server.host : own_host;
+  if (!options.bind.empty() && lund_addr_parse_ip(&setup->listen, options.bind) != 0) {
+    *error = "\"" + options.bind + "\" is no address of this computer";
+    return false;
+  }
+  setup->listen.port = options.port.value_or(server.port);
+  const std::string here = options.bind.empty() ? own_host : options.bind;
+  const std::string named = setup->from_link ? server.host : here;
   const std::string host = options.host.empty() ? named : options.host;
-  setup->listen_port = options.port.value_or(server.port);
-  const std::uint16_t port = setup->from_link ? server.port : setup->listen_port;
+  const std::uint16_t port = setup->from_link ? server.port : setup->listen.port;
   RendezvousSetup valid;
   if (lund_relay_server_set(&valid.server, host.c_str(), port, server.key, server.key_size) != 0) {
     *error = "\"" + host + "\" is no host name or address: say by --host how others reach this one";

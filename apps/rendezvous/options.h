@@ -16,6 +16,7 @@ struct RendezvousOptions {
   std::optional<std::string> key;                 // as in a link
   std::optional<std::filesystem::path> key_file;  // its first line: a key, or a whole link
   std::optional<std::string> link;
+  std::string bind;  // the local address to listen on and answer from; empty: all
   std::string host;  // by which clients reach this server; empty: the link's, or found out
   RendezvousLimits limits;
 };
@@ -28,11 +29,11 @@ struct RendezvousSetup {
   RendezvousSetup& operator=(const RendezvousSetup&) = delete;
 
   lund_relay_server server;  // as the link says
-  std::uint16_t listen_port = LUND_RELAY_PORT;
-  bool from_link = false;  // the port in the link stands, whatever is listened on here
+  lund_rv_endpoint listen;   // family 0 for all local addresses; its port counts in any case
+  bool from_link = false;    // the port in the link stands, whatever is listened on here
 };
 
-// `own_host` is taken where neither option nor link names a host. A random key is drawn where none
+// `own_host` is taken where neither options nor link name a host. A random key is drawn where none
 // is given. False with a text for a person.
 bool set_up(const RendezvousOptions& options, const std::string& own_host, RendezvousSetup* setup,
             std::string* error);

@@ -73,7 +73,7 @@ LanEndpoints tellable(const LanEndpoints& lan, const lund_rv_endpoint& observed)
 }
 
 Allocation* RendezvousServer::State::current_of(const Host& host) {
-  return host.notified ? allocations.find(host.current_allocation) : nullptr;
+  return host.current_allocation ? allocations.find(*host.current_allocation) : nullptr;
 }
 
 bool RendezvousServer::State::may_notify_unproven(Host& host, Account& account) {
@@ -138,7 +138,6 @@ void RendezvousServer::State::notify(Host& host, const Allocation& allocation,
   send_bytes(host.registration.address, bytes, size);
   ++counts.notifications;
   host.current_allocation = allocation.grant.allocation;
-  host.notified = true;
 }
 
 bool RendezvousServer::State::may_bind_from(const lund_rv_endpoint& from,

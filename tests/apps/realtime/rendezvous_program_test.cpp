@@ -127,6 +127,32 @@ TEST(RendezvousProgramTest, APortInUseIsNamed) {
   RendezvousProgram server;
   const std::string port = std::to_string(server.address().port);
   expect_refusal({"--port", port}, 2, "cannot listen on UDP port " + port);
+  expect_refusal({"--port", port, "--bind", "127.0.0.1"}, 2, " of 127.0.0.1");
+}
+
+TEST(RendezvousProgramTest, ItAnswersFromTheAddressThatItIsBoundTo) {
+  ChildProcess server({program(), "--port", "0", "--key", "k", "--bind", "127.3.2.1"});
+  ASSERT_TRUE(server.wait_for_output("Ctrl+C stops.\n", seconds(20))) << server.output();
+  constexpr std::string_view BEFORE = "lunderhaze-relay://";
+  lund_relay_server relay;
+  const std::string link = server.output().substr(server.output().find(BEFORE));
+  ASSERT_EQ(lund_relay_link_parse(&relay, link.substr(0, link.find('\n')).c_str()), 0) << link;
+  EXPECT_STREQ(relay.host, "127.3.2.1");
+
+  std::uint8_t net_key[LUND_KEY_SIZE];
+  lund_rv_net_key(net_key, relay.key, relay.key_size);
+  lund_rv_message message;
+  message.type = LUND_RV_REGISTER;
+  Bytes bytes(LUND_RV_MESSAGE_MAX);
+  bytes.resize(lund_rv_encode(bytes.data(), bytes.size(), net_key, &message));
+  const LoopbackSocket asking("127.0.0.1");
+  asking.send(relay.endpoint, bytes);
+  bytes.resize(2048);
+  lund_socket socket = asking.handle();
+  ASSERT_EQ(lund_udp_wait(&socket, 1, 10'000), 1);
+  lund_rv_endpoint from;
+  EXPECT_GT(lund_udp_recv(socket, bytes.data(), bytes.size(), &from), 0);
+  EXPECT_TRUE(lund_rv_endpoint_equal(from, relay.endpoint));
 }
 
 TEST(RendezvousProgramTest, ABadKeyOrLinkIsRefused) {
@@ -143,6 +169,7 @@ TEST(RendezvousProgramTest, ABadKeyOrLinkIsRefused) {
   expect_refusal({"--link", "lunderhaze-relay://here"}, 1, "--link: a relay link is");
   expect_refusal({"--key", "k", "--link", "lunderhaze-relay://here#k"}, 1, "--link");
   expect_refusal({"--key", "k", "--host", "10.0.0.256"}, 1, "no host name");
+  expect_refusal({"--key", "k", "--bind", "localhost"}, 1, "no address of this computer");
   expect_refusal({"--max-hosts", "0"}, 1, "--max-hosts");
   expect_refusal({"--fly"}, 1, "--fly");
 }
