@@ -99,7 +99,7 @@ int lund_udp_recv(lund_socket, void* buffer, std::size_t capacity, lund_rv_endpo
   const Network::Arrival arrival = network->arrivals.front();
   network->arrivals.erase(network->arrivals.begin());
   const std::size_t size = std::min(capacity, arrival.datagram.size());
-  std::memcpy(buffer, arrival.datagram.data(), size);
+  std::copy_n(arrival.datagram.begin(), size, static_cast<std::uint8_t*>(buffer));
   *from = arrival.from;
   return static_cast<int>(size);
 }
