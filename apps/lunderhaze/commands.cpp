@@ -1,5 +1,6 @@
 #include "apps/lunderhaze/commands.h"
 
+#include <algorithm>
 #include <cstdio>
 
 #include "apps/lunderhaze/console.h"

@@ -1,5 +1,7 @@
 // The rendezvous server among the hostile: floods, with the shared key and without, and forged
 // senders.
+#include <algorithm>
+
 #include "connection/byte_order.h"
 #include "tests/apps/rendezvous_rig.h"
 #include "tests/support/allocation_counter.h"

@@ -1,3 +1,5 @@
+#include <algorithm>
+
 #include "tests/apps/rendezvous_rig.h"
 
 namespace {

@@ -2,6 +2,7 @@
 // router of its own.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstring>
 #include <memory>
 #include <string>

@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+
 #include "tests/support/session_pair.h"
 #include "tests/support/vectors.h"
 #include "tests/support/wiped.h"

@@ -1,6 +1,7 @@
 // The host's sub-commands beside a running host and without one, and its keys on a terminal.
 #include <signal.h>
 
+#include <algorithm>
 #include <regex>
 
 #include "control/client_store.h"

@@ -2,6 +2,8 @@
 // has one that always does.
 #include <gtest/gtest.h>
 
+#include <algorithm>
+
 #include "connection/cpace.h"
 #include "connection/noise.h"
 #include "connection/resolver.h"
