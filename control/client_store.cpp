@@ -1,12 +1,12 @@
 #include "control/client_store.h"
 
 #include <algorithm>
-#include <cstring>
 #include <vector>
 
 #include "control/private_file.h"
 #include "control/store_platform.h"
 #include "control/sysinfo.h"
+#include "control/text.h"
 
 namespace {
 
@@ -69,12 +69,7 @@ std::string unreadable(const std::filesystem::path& directory) {
 }
 
 bool matches(const lund_host_entry& host, const std::string& selector) {
-  if (selector == host.name) return true;
-  std::uint8_t code[5];
-  std::uint8_t id[LUND_KEY_ID_SIZE];
-  lund_key_id(id, host.key);
-  if (lund_key_code_parse(code, selector.c_str()) == 0 && std::memcmp(code, id, sizeof code) == 0)
-    return true;
+  if (selector == host.name || is_code_of(selector, host.key)) return true;
   lund_rv_endpoint address;
   return lund_addr_parse(&address, selector.c_str(), HOST_PORT) == 0 &&
          (lund_rv_endpoint_equal(address, host.lan_endpoint) ||

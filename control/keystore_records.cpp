@@ -6,6 +6,7 @@
 #include "control/keystore.h"
 #include "control/keystore_internal.h"
 #include "control/log.h"
+#include "control/text.h"
 
 namespace keystore {
 
@@ -95,9 +96,7 @@ lund_keypair load_or_create_identity(bool* created) {
     return identity;
   }
   if (created != nullptr) *created = true;
-  char code[LUND_KEY_CODE_TEXT];
-  lund_key_code(code, identity.public_key);
-  hlog("identity: created a new key for this PC (%s)", code);
+  hlog("identity: created a new key for this PC (%s)", code_of(identity.public_key).c_str());
   return identity;
 }
 

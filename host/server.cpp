@@ -7,6 +7,7 @@
 #include "control/keystore.h"
 #include "control/log.h"
 #include "control/sysinfo.h"
+#include "control/text.h"
 #include "host/no_facility.h"
 #include "host/thread_priority.h"
 #include "media/cpu_codec.h"
@@ -104,9 +105,7 @@ bool HostServer::create_engine() {
   const lund_client_list clients = keystore::load_clients();
   std::string password_blob = keystore::load_password_blob();
 
-  char code[LUND_KEY_CODE_TEXT];
-  lund_key_code(code, config.identity.public_key);
-  key_code_ = code;
+  key_code_ = code_of(config.identity.public_key);
   std::copy_n(config.identity.public_key, LUND_KEY_SIZE, public_key_);
 
   host_ = lund_host_create(&config, &clients, password_blob.c_str());

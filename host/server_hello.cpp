@@ -4,6 +4,7 @@
 #include "connection/clock.h"
 #include "control/log.h"
 #include "host/server.h"
+#include "control/text.h"
 
 namespace {
 constexpr std::uint64_t BUSY_LOG_SPACING_US = 5'000'000;
@@ -19,9 +20,7 @@ void HostServer::handle_hello(const std::uint8_t* data, std::size_t size, const 
   job->session = rx.session_id;
   job->client.assign(info.client_key, info.client_key + LUND_KEY_SIZE);
   job->name = info.client_name;
-  char code[LUND_KEY_CODE_TEXT];
-  lund_key_code(code, info.client_key);
-  job->code = code;
+  job->code = code_of(info.client_key);
   job->path_label = std::string(lund_path_name(info.path)) + " " + addr_string(info.peer);
   job->path = info.path;
   job->hello.assign(data, data + size);

@@ -5,6 +5,7 @@
 #include "connection/clock.h"
 #include "control/keystore.h"
 #include "control/log.h"
+#include "control/text.h"
 #include "host/discover.h"
 #include "host/server.h"
 
@@ -79,9 +80,7 @@ bool HostServer::handle_paired(const lund_conn_event& event) {
     hlog("paired device persistence failed; authorization was not saved");
     return keystore::hostStoreScope() != keystore::Machine;
   }
-  char code[LUND_KEY_CODE_TEXT];
-  lund_key_code(code, event.key);
-  hlog("paired with \"%s\" (%s) using the %s; saved", event.name, code,
+  hlog("paired with \"%s\" (%s) using the %s; saved", event.name, code_of(event.key).c_str(),
        event.kind == LUND_KIND_PASSWORD ? "password" : "PIN");
   return true;
 }

@@ -1,5 +1,6 @@
 // Which relay servers a host has, and how it stands with each.
 #include "control/log.h"
+#include "control/text.h"
 #include "host/server.h"
 
 namespace {

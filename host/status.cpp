@@ -7,21 +7,10 @@
 #include "connection/clock.h"
 #include "control/keystore.h"
 #include "control/log.h"
+#include "control/text.h"
 #include "host/server.h"
 
-std::string addr_string(const lund_rv_endpoint& endpoint) {
-  char text[LUND_ADDR_TEXT];
-  lund_addr_format(text, sizeof text, endpoint);
-  return text;
-}
-
 namespace {
-
-std::string code_of(const std::uint8_t* key) {
-  char code[LUND_KEY_CODE_TEXT];
-  lund_key_code(code, key);
-  return code;
-}
 
 const std::uint8_t* key_bytes(const std::string& key) {
   return reinterpret_cast<const std::uint8_t*>(key.data());

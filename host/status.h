@@ -1,13 +1,9 @@
-// Read-only snapshots of a host, for whoever shows them, and how they show an address.
+// Read-only snapshots of a host, for whoever shows them.
 #pragma once
 
 #include <cstdint>
 #include <string>
 #include <vector>
-
-#include "connection/netsock.h"
-
-std::string addr_string(const lund_rv_endpoint& endpoint);  // as lund_addr_format has it
 
 struct ScreenStatus {
   int screen = 0;

@@ -23,16 +23,4 @@ void configure(const Arguments& args, const ClientStore& store, const lund_relay
   relays_to_use(given, store.relays(), &config->relays);
 }
 
-std::string address_text(const lund_rv_endpoint& address) {
-  char text[LUND_ADDR_TEXT];
-  lund_addr_format(text, sizeof text, address);
-  return text;
-}
-
-std::string code_text(const std::uint8_t key[LUND_KEY_SIZE]) {
-  char text[LUND_KEY_CODE_TEXT];
-  lund_key_code(text, key);
-  return text;
-}
-
 }  // namespace client_app

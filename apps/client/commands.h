@@ -72,7 +72,5 @@ void configure(const Arguments& args, const ClientStore& store, const lund_relay
 
 // Says on standard error what is wrong, and gives the status back.
 int fail(ExitStatus status, const std::string& text);
-std::string address_text(const lund_rv_endpoint& address);
-std::string code_text(const std::uint8_t key[LUND_KEY_SIZE]);
 
 }  // namespace client_app

@@ -5,6 +5,7 @@
 #include "apps/client/commands.h"
 #include "apps/client/known_hosts.h"
 #include "apps/client/pairing.h"
+#include "control/text.h"
 
 namespace client_app {
 
@@ -27,7 +28,7 @@ int run_discover(const Arguments& args) {
   if (!error.empty()) return fail(EXIT_LOCAL, error);
   for (const FoundHost& host : found)
     std::printf("%-24s %-22s %4ux%-4u%s\n", host.reply.name,
-                address_text(host.addresses.front()).c_str(), host.reply.width, host.reply.height,
+                addr_string(host.addresses.front()).c_str(), host.reply.width, host.reply.height,
                 host.reply.busy ? "  busy" : "");
   if (found.empty()) return fail(EXIT_NO_ANSWER, "no host answered");
 
@@ -35,8 +36,8 @@ int run_discover(const Arguments& args) {
   if (!store.open(args.store, &error)) return fail(EXIT_LOCAL, error);
   for (const lund_host_entry& host : updated_by(found, store.hosts())) {
     if (!store.put(host, &error)) return fail(EXIT_LOCAL, error);
-    std::printf("updated \"%s\" (%s): at %s\n", host.name, code_text(host.key).c_str(),
-                address_text(host.lan_endpoint).c_str());
+    std::printf("updated \"%s\" (%s): at %s\n", host.name, code_of(host.key).c_str(),
+                addr_string(host.lan_endpoint).c_str());
   }
   return EXIT_OK;
 }
@@ -54,8 +55,8 @@ int run_hosts(const Arguments& args) {
               "ADDED", "LAST USED");
   for (int i = 0; i < hosts.count; ++i) {
     const lund_host_entry& host = hosts.entries[i];
-    std::printf("%-24s %-9s  %-21s  %-21s  %-16s  %s\n", host.name, code_text(host.key).c_str(),
-                address_text(host.lan_endpoint).c_str(), address_text(host.wan_endpoint).c_str(),
+    std::printf("%-24s %-9s  %-21s  %-21s  %-16s  %s\n", host.name, code_of(host.key).c_str(),
+                addr_string(host.lan_endpoint).c_str(), addr_string(host.wan_endpoint).c_str(),
                 time_text(host.added_at).c_str(), time_text(host.last_used).c_str());
   }
   return EXIT_OK;
@@ -77,7 +78,7 @@ int run_forget(const Arguments& args) {
   const lund_host_entry host = *store.find(args.host);
   if (!store.forget(host, &error)) return fail(EXIT_LOCAL, error);
   std::printf("forgot \"%s\" (%s); it still knows this device\n", host.name,
-              code_text(host.key).c_str());
+              code_of(host.key).c_str());
   return EXIT_OK;
 }
 

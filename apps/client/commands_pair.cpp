@@ -10,6 +10,7 @@
 #include "control/host_commands.h"
 #include "control/keystore.h"
 #include "control/sysinfo.h"
+#include "control/text.h"
 
 namespace client_app {
 
@@ -119,7 +120,7 @@ int run_pair(const Arguments& args) {
   paired.lan_id = link.lan_search().lan_id_at(paired.lan_endpoint);
   const lund_host_entry host = merged(store, paired);
   if (!store.put(host, &error)) return fail(EXIT_LOCAL, error);
-  std::printf("paired with \"%s\" (%s)\n", host.name, code_text(host.key).c_str());
+  std::printf("paired with \"%s\" (%s)\n", host.name, code_of(host.key).c_str());
   std::fputs(remember_relays(given.config, &store).c_str(), stdout);
   return args.back ? pair_back(link, args, host, own_name) : EXIT_OK;
 }

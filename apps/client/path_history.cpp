@@ -3,15 +3,7 @@
 #include <cmath>
 #include <cstdio>
 
-namespace {
-
-std::string text_of(const lund_rv_endpoint& address) {
-  char text[LUND_ADDR_TEXT];
-  lund_addr_format(text, sizeof text, address);
-  return text;
-}
-
-}  // namespace
+#include "control/text.h"
 
 std::string PathHistory::begin(const lund_conn_event& event, double at_s,
                                const FrameCounts& so_far) {
@@ -19,12 +11,12 @@ std::string PathHistory::begin(const lund_conn_event& event, double at_s,
   periods_.push_back({at_s, event.path, event.addr, event.rtt_us, so_far});
   char line[128];
   std::snprintf(line, sizeof line, "path: %s %s (rtt %.1f ms)", lund_path_name(event.path),
-                text_of(event.addr).c_str(), event.rtt_us / 1000.0);
+                addr_string(event.addr).c_str(), event.rtt_us / 1000.0);
   return line;
 }
 
 std::string PathHistory::address() const {
-  return text_of(empty() ? lund_rv_endpoint{} : periods_.back().address);
+  return addr_string(empty() ? lund_rv_endpoint{} : periods_.back().address);
 }
 
 std::optional<lund_rv_endpoint> PathHistory::last_of(std::int32_t lowest,
@@ -48,7 +40,7 @@ nlohmann::json PathHistory::report(const FrameCounts& so_far) const {
     const FrameCounts& end = i + 1 < periods_.size() ? periods_[i + 1].before : so_far;
     json.push_back({{"at_s", std::round(period.at_s * 1000) / 1000},
                     {"class", lund_path_name(period.path_class)},
-                    {"address", text_of(period.address)},
+                    {"address", addr_string(period.address)},
                     {"rtt_ms", period.rtt_us / 1000.0},
                     {"frames", end.decoded - period.before.decoded},
                     {"frames_lost", end.lost - period.before.lost}});

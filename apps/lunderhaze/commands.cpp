@@ -9,6 +9,7 @@
 #include "control/host_commands.h"
 #include "control/keystore.h"
 #include "control/relay_list.h"
+#include "control/text.h"
 
 const char* const COMMANDS_USAGE =
     "       lunderhaze ... --accept-pair-back     takes every offer to be reached in return\n"
@@ -25,7 +26,6 @@ namespace {
 
 using Arguments = std::vector<std::string>;
 constexpr int CHECK_TIMEOUT_MS = 1'500;
-constexpr std::size_t KEY_CODE_BYTES = 5;
 
 ExitStatus say(const std::string& text) {
   std::fputs(text.c_str(), stdout);
@@ -108,14 +108,10 @@ ExitStatus relays_command(const Arguments& args) {
 // The paired device of this name or key code; says what is wrong when there isn't exactly one.
 const lund_client_entry* find_device(const lund_client_list& devices, const std::string& selector,
                                      std::string* error) {
-  std::uint8_t wanted[KEY_CODE_BYTES];
-  const bool by_code = lund_key_code_parse(wanted, selector.c_str()) == 0;
   const lund_client_entry* found = nullptr;
   for (int i = 0; i < devices.count; ++i) {
     const lund_client_entry& device = devices.entries[i];
-    std::uint8_t id[LUND_KEY_ID_SIZE];
-    lund_key_id(id, device.key);
-    if (selector != device.name && !(by_code && std::equal(wanted, std::end(wanted), id))) continue;
+    if (selector != device.name && !is_code_of(selector, device.key)) continue;
     if (found) {
       *error = "several devices answer to \"" + selector + "\": name one by its key code";
       return nullptr;
@@ -161,9 +157,7 @@ StoredHost stored_host() {
   StoredHost stored;
   lund_keypair identity;
   if (keystore::peek_identity(&identity)) {
-    char code[LUND_KEY_CODE_TEXT];
-    lund_key_code(code, identity.public_key);
-    stored.key_code = code;
+    stored.key_code = code_of(identity.public_key);
   }
   lund_secure_wipe(&identity, sizeof identity);
   std::string password = keystore::load_password_blob();
@@ -175,9 +169,7 @@ StoredHost stored_host() {
   const lund_client_list clients = keystore::load_clients();
   for (int i = 0; i < clients.count; ++i) {
     const lund_client_entry& client = clients.entries[i];
-    char code[LUND_KEY_CODE_TEXT];
-    lund_key_code(code, client.key);
-    stored.devices.push_back({client.name, code, {}, client.added_at, false});
+    stored.devices.push_back({client.name, code_of(client.key), {}, client.added_at, false});
   }
   return stored;
 }

@@ -5,6 +5,7 @@
 #include "connection/clock.h"
 #include "control/client_store.h"
 #include "control/pair_back.h"
+#include "control/text.h"
 
 namespace {
 
@@ -23,9 +24,7 @@ PairBackOffer read_offer(const lund_pair_back& back, const lund_session_info& se
   if (back.back_value == 0) return offer;  // no port: reachable through servers alone
   for (int i = 0; i < back.back_count; ++i) {
     const lund_rv_endpoint address = pair_back_address(back.back_values[i], back.back_value);
-    char text[LUND_ADDR_TEXT];
-    lund_addr_format(text, sizeof text, address);
-    offer.addresses += (i == 0 ? "" : ", ") + std::string(text);
+    offer.addresses += (i == 0 ? "" : ", ") + addr_string(address);
     if (i == 0) offer.lan = address;
   }
   return offer;
@@ -34,9 +33,7 @@ PairBackOffer read_offer(const lund_pair_back& back, const lund_session_info& se
 }  // namespace
 
 std::string PairBackOffer::code() const {
-  char text[LUND_KEY_CODE_TEXT];
-  lund_key_code(text, key.data());
-  return text;
+  return code_of(key.data());
 }
 
 bool PairBackOffer::same(const PairBackOffer& other) const {

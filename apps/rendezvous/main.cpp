@@ -13,6 +13,7 @@
 #include "connection/clock.h"
 #include "connection/netsock.h"
 #include "control/sysinfo.h"
+#include "control/text.h"
 
 namespace {
 
@@ -72,9 +73,8 @@ class Socket {
 std::string own_host() {
   lund_rv_endpoint local;
   if (lund_net_local_endpoints(&local, 1, 0) != 1) return computer_name_utf8();
-  char text[LUND_ADDR_TEXT];
-  lund_addr_format(text, sizeof text, local);
-  return std::string(text, std::string_view(text).rfind(':'));
+  const std::string text = addr_string(local);
+  return text.substr(0, text.rfind(':'));
 }
 
 int serve(lund_socket socket, RendezvousServer& server) {
