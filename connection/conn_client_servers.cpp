@@ -7,6 +7,7 @@
 #include <cstring>
 
 #include "connection/conn_client_internal.h"
+#include "connection/conn_punch.h"
 
 namespace client_engine {
 
@@ -19,7 +20,6 @@ constexpr std::uint64_t PUNCH_FOR_US = 2'500 * MS;  // as long as the host punch
 constexpr std::uint64_t PUNCH_EVERY_US = 50 * MS;
 constexpr std::uint64_t BIND_RETRY_US = 1'000 * MS;
 constexpr std::uint64_t BIND_KEEP_US = 15'000 * MS;  // below the life of a NAT's UDP mapping
-constexpr std::uint8_t SIDE_CLIENT = 1;
 
 // From the start. The new nonce leaves answers to what was asked before without effect: they name
 // an allocation that may be gone, or come from where the server was.
@@ -82,27 +82,6 @@ void send_lookup(lund_client& client, int index, std::uint64_t now) {
   server.next_lookup = now + LOOKUP_RETRY_US;
 }
 
-void send_punches(lund_client& client, const lund_client_server& server) {
-  lund_rv_message punch;
-  punch.type = LUND_RV_PUNCH;
-  punch.side = SIDE_CLIENT;
-  std::memcpy(punch.punch_token, server.punch_token, sizeof punch.punch_token);
-  for (int i = 0; i < server.candidate_count; ++i) {
-    punch.nonce = client.punch_seq++;
-    conn_send_rv(&client.base, server.candidates[i], punch, nullptr);
-  }
-}
-
-void send_bind(lund_client& client, int index) {
-  const lund_client_server& server = client.servers[index];
-  lund_rv_message bind;
-  bind.type = LUND_RV_BIND;
-  bind.side = SIDE_CLIENT;
-  bind.allocation = server.allocation;
-  std::memcpy(bind.token, server.token, sizeof bind.token);
-  conn_send_server(&client.base, index, bind);
-}
-
 bool may_ask_servers(const lund_client& client) {
   return client.mode != LUND_CLIENT_IDLE && client.path_mode != LUND_PATHS_NO_SERVERS &&
          (client.has_host_key || client.has_code);
@@ -118,14 +97,15 @@ void server_step(lund_client& client, int index, Tick& tick) {
 
   if (client.path_mode != LUND_PATHS_RELAY && tick.now < server.punch_until) {
     if (tick.now >= server.next_punch) {
-      send_punches(client, server);
+      conn_send_punches(&client.base, lund_rv_side::client, server.punch_token, server.candidates,
+                        server.candidate_count, &client.punch_seq);
       server.next_punch = tick.now + PUNCH_EVERY_US;
     }
     if (server.next_punch < server.punch_until) tick.due(server.next_punch);
   }
   if (client.path_mode == LUND_PATHS_DIRECT) return;
   if (tick.now >= server.next_bind) {
-    send_bind(client, index);
+    conn_send_bind(&client.base, lund_rv_side::client, index, server.allocation, server.token);
     server.next_bind = tick.now + (server.relay_added ? BIND_KEEP_US : BIND_RETRY_US);
   }
   tick.due(server.next_bind);
@@ -136,12 +116,8 @@ void take_punch(lund_client& client, const lund_rv_message& punch, const lund_rv
                 std::uint64_t now) {
   const int index = found_by_punch_token(client, punch.punch_token);
   if (index < 0 || client.path_mode == LUND_PATHS_RELAY) return;
-  if (punch.type == LUND_RV_PUNCH) {
-    lund_rv_message ack = punch;
-    ack.type = LUND_RV_PUNCH_ACK;
-    ack.side = SIDE_CLIENT;
-    conn_send_rv(&client.base, from, ack, nullptr);
-  }
+  if (punch.type == LUND_RV_PUNCH)
+    conn_send_punch_ack(&client.base, lund_rv_side::client, punch, from);
   const bool near = lund_addr_path_class(from) == LUND_PATH_LAN;
   add_and_kick(client, from, near ? LUND_PATH_LAN : LUND_PATH_P2P, index, now);
 }

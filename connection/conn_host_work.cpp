@@ -6,10 +6,10 @@
 #include <cstring>
 
 #include "connection/conn_host_internal.h"
+#include "connection/conn_punch.h"
 
 namespace {
 
-constexpr std::uint8_t SIDE_HOST = 0;
 constexpr std::uint8_t STATUS_OK = 0;
 
 constexpr std::uint64_t PUNCH_FOR_US = 2'500'000;
@@ -79,25 +79,14 @@ bool binds(const lund_host* host, const lund_host_work& work, std::uint64_t now)
 
 void punch(lund_host* host, lund_host_work* work, std::uint64_t now) {
   if (now >= work->punch_until || now < work->next_punch) return;
-  lund_rv_message message;
-  message.type = LUND_RV_PUNCH;
-  message.side = SIDE_HOST;
-  std::memcpy(message.punch_token, work->punch_token, sizeof message.punch_token);
-  for (int i = 0; i < work->candidate_count; ++i) {
-    message.nonce = host->punch_nonce++;
-    conn_send_rv(&host->base, work->candidates[i], message, nullptr);
-  }
+  conn_send_punches(&host->base, lund_rv_side::host, work->punch_token, work->candidates,
+                    work->candidate_count, &host->punch_nonce);
   work->next_punch = now + PUNCH_EVERY_US;
 }
 
 void bind_allocation(lund_host* host, lund_host_work* work, std::uint64_t now) {
   if (!binds(host, *work, now) || now < work->next_bind) return;
-  lund_rv_message message;
-  message.type = LUND_RV_BIND;
-  message.side = SIDE_HOST;
-  message.allocation = work->allocation;
-  std::memcpy(message.token, work->token, sizeof message.token);
-  conn_send_server(&host->base, work->server, message);
+  conn_send_bind(&host->base, lund_rv_side::host, work->server, work->allocation, work->token);
   work->next_bind = now + (work->bound != 0 ? BIND_KEEP_ALIVE_US : BIND_RETRY_US);
 }
 
@@ -151,12 +140,7 @@ void conn_host_take_punch(lund_host* host, const lund_rv_message& message,
     if (work.used == 0 ||
         std::memcmp(work.punch_token, message.punch_token, sizeof work.punch_token) != 0)
       continue;
-    lund_rv_message answer;
-    answer.type = LUND_RV_PUNCH_ACK;
-    answer.side = SIDE_HOST;
-    answer.nonce = message.nonce;
-    std::memcpy(answer.punch_token, message.punch_token, sizeof answer.punch_token);
-    conn_send_rv(&host->base, from, answer, nullptr);
+    conn_send_punch_ack(&host->base, lund_rv_side::host, message, from);
     return;
   }
 }

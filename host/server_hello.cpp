@@ -3,8 +3,8 @@
 
 #include "connection/clock.h"
 #include "control/log.h"
-#include "host/server.h"
 #include "control/text.h"
+#include "host/server.h"
 
 namespace {
 constexpr std::uint64_t BUSY_LOG_SPACING_US = 5'000'000;
