@@ -63,7 +63,9 @@ if(NOT WIN32)
   target_link_directories(ffmpeg INTERFACE ${FFMPEG_STATIC_LIBRARY_DIRS})
   target_link_libraries(ffmpeg INTERFACE ${FFMPEG_STATIC_LIBRARIES})
   pkg_check_modules(XCB REQUIRED IMPORTED_TARGET
-    xcb xcb-shm xcb-damage xcb-xfixes xcb-randr xcb-xtest)
+    xcb xcb-shm xcb-damage xcb-xfixes xcb-randr xcb-xtest xcb-xinput)
+  pkg_check_modules(PULSE REQUIRED IMPORTED_TARGET libpulse)
+  find_package(PNG REQUIRED)
 endif()
 
 # lund_library(NAME folder's direct dependencies...): the library of the calling folder. A source
