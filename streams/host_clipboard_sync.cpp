@@ -1,40 +1,24 @@
 #include "streams/host_clipboard_sync.h"
 
-#include <fstream>
-#include <string_view>
 #include <system_error>
 #include <utility>
 
+#include "control/keystore.h"
 #include "control/log.h"
-#include "control/private_file.h"
-#include "control/sysinfo.h"
+#include "control/switches.h"
 
 namespace {
-
-std::filesystem::path setting_path() {
-  return app_data_dir() / "clipboard_sync";
-}
 
 // Null when the system is out of what an event takes.
 std::shared_ptr<ClipboardSync> make_sync(const HostClipboardSync::MakeAccess& make_access) try {
   return std::make_shared<ClipboardSync>(
       make_access(), [](const std::string& line) { hlog("%s", line.c_str()); },
-      load_clipboard_setting());
+      load_clipboard_sync(keystore::hostStoreDirectory()));
 } catch (const std::system_error&) {
   return nullptr;
 }
 
 }  // namespace
-
-bool load_clipboard_setting() {
-  std::ifstream file(setting_path(), std::ios::binary);
-  return file.get() != '0';
-}
-
-bool save_clipboard_setting(bool enabled) {
-  const std::string_view text = enabled ? "1\n" : "0\n";
-  return write_private_file(setting_path(), text.data(), text.size());
-}
 
 HostClipboardSync::HostClipboardSync(MakeAccess make_access)
     : make_access_(std::move(make_access)) {}
@@ -91,7 +75,7 @@ void HostClipboardSync::receive(const std::uint8_t* data, std::uint64_t size) {
 }
 
 void HostClipboardSync::set_enabled(bool enabled) {
-  save_clipboard_setting(enabled);
+  save_clipboard_sync(keystore::hostStoreDirectory(), enabled);
   if (const Sync to = sync()) {
     to->set_enabled(enabled);
   } else {
@@ -101,5 +85,5 @@ void HostClipboardSync::set_enabled(bool enabled) {
 
 bool HostClipboardSync::enabled() {
   const Sync from = sync();
-  return from ? from->enabled() : load_clipboard_setting();
+  return from ? from->enabled() : load_clipboard_sync(keystore::hostStoreDirectory());
 }

@@ -35,7 +35,3 @@ class HostClipboardSync final : public HostClipboard {
   std::uint32_t session_ = 0;
   Send send_;
 };
-
-// The stored choice: on, unless the file says otherwise.
-bool load_clipboard_setting();
-bool save_clipboard_setting(bool enabled);

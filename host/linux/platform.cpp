@@ -1,6 +1,7 @@
 #include "host/platform.h"
 
 #include "capture/source.h"
+#include "streams/host_clipboard_sync.h"
 
 Platform native_platform() {
   Platform platform;
@@ -16,5 +17,6 @@ Platform native_platform() {
     return std::make_unique<CapturePipeline>(native_capture_platform());
   };
   platform.make_virtual_displays = make_virtual_displays;
+  platform.make_clipboard = [] { return std::make_unique<HostClipboardSync>(); };
   return platform;
 }
