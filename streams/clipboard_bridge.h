@@ -33,8 +33,8 @@ class ClipboardSync {
   void set_enabled(bool enabled);
   bool enabled() const;
 
-  // `payload`: the largest packet that the session's path carries, bytes. Again with another one
-  // when that changes, which drops what is in flight.
+  // After start. `payload`: the largest packet that the session's path carries, bytes. Again with
+  // another one when that changes, which drops what is in flight.
   void session_up(std::uint32_t session, std::uint64_t payload, Send send);
   // Nothing for another session than the present one; 0 means whichever it is.
   void session_down(std::uint32_t session);
