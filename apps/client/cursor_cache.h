@@ -9,6 +9,7 @@
 #include <cstdint>
 #include <vector>
 
+#include "apps/client/packet_order.h"
 #include "connection/protocol.h"
 #include "media/cursor_convert.h"
 
@@ -24,13 +25,6 @@ struct PointerPosition {
 struct PointerImage {
   std::uint32_t id = 0;
   CursorBitmap bitmap;
-};
-
-// Where a packet stands among those of its session: the counter of its sealed record, and the keys
-// under which it counts.
-struct PacketOrder {
-  std::uint32_t keys = 0;
-  std::uint64_t number = 0;
 };
 
 class CursorCache {
