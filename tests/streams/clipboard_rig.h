@@ -116,18 +116,15 @@ class End {
   int receive(const Bytes& packet) { return lund_clip_receive(clip, packet.data(), packet.size()); }
   std::vector<Bytes> take() { return std::exchange(sent, {}); }
 
-  // Steps for this long, whatever is due; the clock stands at its end.
+  // All steps that are due from now to the end of this time, where the clock then stands.
   void run_for_us(std::uint64_t us) {
     const std::uint64_t end = lund_now_us() + us;
     for (;;) {
-      const std::uint64_t left = end - lund_now_us();
       const auto wait = lund_clip_step(clip);
       if (wait && *wait == 0) continue;
-      if (!wait || *wait * std::uint64_t{1000} > left) {
-        virtual_time::advance_us(left);
-        return;
-      }
-      virtual_time::advance_us(*wait * std::uint64_t{1000});
+      const std::uint64_t left = end - lund_now_us();
+      if (left == 0) return;
+      virtual_time::advance_us(wait ? std::min(*wait * std::uint64_t{1000}, left) : left);
     }
   }
   void run_for_ms(std::uint64_t ms) { run_for_us(ms * 1000); }
