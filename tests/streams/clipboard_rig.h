@@ -89,6 +89,20 @@ inline Bytes ack_packet(std::uint32_t id, std::uint8_t status,
   return packet;
 }
 
+// When how many bytes were sent.
+using Sendings = std::vector<std::pair<std::uint64_t, std::size_t>>;
+
+// The most bytes that were sent in any span of this length, its ends included.
+inline std::size_t most_within(const Sendings& sent, std::uint64_t window_us) {
+  std::size_t most = 0, inside = 0;
+  for (std::size_t first = 0, last = 0; last < sent.size(); ++last) {
+    inside += sent[last].second;
+    while (sent[last].first - sent[first].first > window_us) inside -= sent[first++].second;
+    most = std::max(most, inside);
+  }
+  return most;
+}
+
 class End {
  public:
   struct Item {
