@@ -6,7 +6,7 @@
 #include <vector>
 
 #include "tests/support/allocation_counter.h"
-#include "tests/support/netsim.h"
+#include "tests/support/seeded_random.h"
 
 namespace {
 
