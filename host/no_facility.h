@@ -16,7 +16,7 @@ class NoInput final : public InputSink {
   SendResult move_by(std::int32_t, std::int32_t) override { return {}; }
   SendResult button(int, bool) override { return {}; }
   SendResult wheel(WheelAxis, std::int32_t) override { return {}; }
-  SendResult key(const InputKey&, KeyAction) override { return {}; }
+  SendResult key(const InputKey&, bool) override { return {}; }
 };
 
 class NoClipboard final : public HostClipboard {

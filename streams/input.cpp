@@ -194,16 +194,16 @@ bool InputInjector::take_chord_locked(std::uint16_t usage, bool down,
 // A repeat keeps the mapping of the first press, and so does the release.
 void InputInjector::press_locked(std::uint16_t usage) {
   if (const auto held = held_.find(usage); held != held_.end())
-    return send_key_locked(held->second, KeyAction::Repeat);
+    return send_key_locked(held->second, true);
   Held key{mac_keys_ ? ctrl_for_gui(usage) : usage, {}};
   if (!hid_to_win_key(key.usage, &key.win)) return;
   held_.emplace(usage, key);
-  send_key_locked(key, KeyAction::Press);
+  send_key_locked(key, true);
 }
 
 void InputInjector::lift_locked(std::uint16_t usage) {
   const auto held = held_.extract(usage);
-  if (!held.empty()) send_key_locked(held.mapped(), KeyAction::Release);
+  if (!held.empty()) send_key_locked(held.mapped(), false);
 }
 
 // ---- Letting go
@@ -216,7 +216,7 @@ void InputInjector::release_locked() {
         ++held;
         continue;
       }
-      send_key_locked(held->second, KeyAction::Release);
+      send_key_locked(held->second, false);
       held = held_.erase(held);
     }
   }
@@ -237,8 +237,8 @@ void InputInjector::release_all() {
 
 // ---- Sending
 
-void InputInjector::send_key_locked(const Held& key, KeyAction action) {
-  check_locked("key", sink_->key(key, action));
+void InputInjector::send_key_locked(const Held& key, bool down) {
+  check_locked("key", sink_->key(key, down));
 }
 
 // A failure changes nothing but the log: the books go on as if the event had been played.

@@ -64,7 +64,7 @@ class InputInjector {
   void lift_locked(std::uint16_t usage);
   void release_locked();
   void check_mouse_locked(const SendResult& result) { check_locked("mouse", result); }
-  void send_key_locked(const Held& key, KeyAction action);
+  void send_key_locked(const Held& key, bool down);
   void check_locked(const char* device, const SendResult& result);
 
   const std::unique_ptr<InputSink> sink_;

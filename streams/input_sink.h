@@ -15,8 +15,6 @@ struct SendResult {
   unsigned long error = 0;  // the system's number, of a failure
 };
 
-enum class KeyAction { Press, Repeat, Release };
-
 // A key as it is pressed, by both names that systems have for it.
 struct InputKey {
   std::uint16_t usage = 0;
@@ -52,7 +50,7 @@ class InputSink {
   virtual SendResult button(int button, bool down) = 0;
   // 120 is a notch; away from the user and to the right are positive. Never 0.
   virtual SendResult wheel(WheelAxis axis, std::int32_t delta) = 0;
-  virtual SendResult key(const InputKey& key, KeyAction action) = 0;
+  virtual SendResult key(const InputKey& key, bool down) = 0;
 };
 
 // A desktop's handle, closed with its owner.

@@ -48,10 +48,10 @@ Mouse wheel(WheelAxis axis, std::int32_t delta) {
   return {axis == WheelAxis::Vertical ? WHEEL : HWHEEL, 0, 0, static_cast<std::uint32_t>(delta)};
 }
 
-Key key(const WinKey& key, KeyAction action) {
+Key key(const WinKey& key, bool down) {
   std::uint32_t flags = key.extended != 0 ? EXTENDEDKEY : 0;
   if (key.vk == 0) flags |= SCANCODE;
-  if (action == KeyAction::Release) flags |= KEYUP;
+  if (!down) flags |= KEYUP;
   return {key.vk, key.scan, flags};
 }
 

@@ -47,6 +47,6 @@ Mouse move_to(DesktopPoint pixel, const VirtualScreen& screen);
 Mouse move_by(std::int32_t dx, std::int32_t dy);
 Mouse button(int button, bool down);  // 1 to 5
 Mouse wheel(WheelAxis axis, std::int32_t delta);
-Key key(const WinKey& key, KeyAction action);
+Key key(const WinKey& key, bool down);
 
 }  // namespace send_input

@@ -1,8 +1,10 @@
 #include "streams/linux/xtest_sink.h"
 
+#include <poll.h>
 #include <xcb/xtest.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdlib>
 #include <limits>
 
@@ -13,6 +15,7 @@
 namespace {
 
 constexpr std::uint64_t ATTEMPT_SPACING_US = 200'000;
+constexpr int PATIENCE_MS = 1'000;
 constexpr std::uint16_t KEYCODE_OF_EVDEV = 8;  // the first keycode of X
 constexpr std::uint8_t X_BUTTONS[] = {1, 3, 2, 8, 9};
 
@@ -29,17 +32,15 @@ std::int16_t coordinate(int value) {
   return static_cast<std::int16_t>(std::clamp<int>(value, Limits::min(), Limits::max()));
 }
 
-// Also keeps another program's grab of the server from holding input up: it may wait for just the
-// button that a person is about to let go.
+// Another program's grab of the server doesn't hold input up any more when this returns: that
+// program may wait for just the button that a person is about to let go.
 bool take_xtest(const x11::Connection& connection) {
   if (!connection.has_extension("XTEST")) return false;
+  xcb_test_grab_control(connection, 1);
   const auto version = x11::own(xcb_test_get_version_reply(
       connection, xcb_test_get_version(connection, XCB_TEST_MAJOR_VERSION, XCB_TEST_MINOR_VERSION),
       nullptr));
-  if (!version) return false;
-  xcb_test_grab_control(connection, 1);
-  xcb_flush(connection);
-  return true;
+  return version != nullptr;
 }
 
 }  // namespace
@@ -95,37 +96,52 @@ bool XTestSink::desktop_name(Desktop desktop, std::string* name) {
 
 SendResult XTestSink::move_to(DesktopPoint pixel) {
   constexpr std::uint8_t ABSOLUTE = 0;
-  fake(XCB_MOTION_NOTIFY, ABSOLUTE, root_, pixel.x, pixel.y);
-  return flush();
+  return send([&] { fake(XCB_MOTION_NOTIFY, ABSOLUTE, root_, pixel.x, pixel.y); });
 }
 
 SendResult XTestSink::move_by(std::int32_t dx, std::int32_t dy) {
   constexpr std::uint8_t RELATIVE = 1;
-  fake(XCB_MOTION_NOTIFY, RELATIVE, XCB_NONE, dx, dy);
-  return flush();
+  return send([&] { fake(XCB_MOTION_NOTIFY, RELATIVE, XCB_NONE, dx, dy); });
 }
 
 SendResult XTestSink::button(int button, bool down) {
-  fake_button(X_BUTTONS[button - 1], down);
-  return flush();
+  return send([&] { fake_button(X_BUTTONS[button - 1], down); });
 }
 
 SendResult XTestSink::wheel(WheelAxis axis, std::int32_t delta) {
   const bool vertical = axis == WheelAxis::Vertical;
   const WheelButtons& buttons = vertical ? VERTICAL : HORIZONTAL;
   const int notches = (vertical ? vertical_ : horizontal_).add(delta);
-  for (int turned = 0; turned < std::abs(notches); ++turned)
-    for (const bool down : {true, false})
-      fake_button(notches > 0 ? buttons.forward : buttons.backward, down);
-  return flush();
+  return send([&] {
+    for (int turned = 0; turned < std::abs(notches); ++turned)
+      for (const bool down : {true, false})
+        fake_button(notches > 0 ? buttons.forward : buttons.backward, down);
+  });
 }
 
-SendResult XTestSink::key(const InputKey& key, KeyAction action) {
-  if (action != KeyAction::Repeat) {
-    fake(action == KeyAction::Press ? XCB_KEY_PRESS : XCB_KEY_RELEASE,
-         static_cast<std::uint8_t>(hid_to_evdev(key.usage) + KEYCODE_OF_EVDEV));
-  }
-  return flush();
+SendResult XTestSink::key(const InputKey& key, bool down) {
+  const auto keycode = static_cast<std::uint8_t>(hid_to_evdev(key.usage) + KEYCODE_OF_EVDEV);
+  return send([&] { fake(down ? XCB_KEY_PRESS : XCB_KEY_RELEASE, keycode); });
+}
+
+// Whether a few requests can go out: the kernel calls a socket writable while three quarters of its
+// buffer are free. A server that hangs is waited for once: nobody else may hang with it, least of
+// all the thread that reads the network.
+bool XTestSink::has_room() {
+  pollfd socket{xcb_get_file_descriptor(*connection_), POLLOUT, 0};
+  hangs_ = poll(&socket, 1, hangs_ ? 0 : PATIENCE_MS) <= 0;
+  return !hangs_;
+}
+
+template <typename Requests>
+SendResult XTestSink::send(Requests requests) {
+  if (!connection_) return {false, XCB_CONN_ERROR};
+  if (!has_xtest_) return {false, XCB_CONN_CLOSED_EXT_NOTSUPPORTED};
+  if (!has_room()) return {false, EAGAIN};
+  requests();
+  xcb_flush(*connection_);
+  take_in();
+  return {connection_.has_value(), XCB_CONN_ERROR};
 }
 
 void XTestSink::fake_button(std::uint8_t button, bool down) {
@@ -133,16 +149,8 @@ void XTestSink::fake_button(std::uint8_t button, bool down) {
 }
 
 void XTestSink::fake(std::uint8_t type, std::uint8_t detail, xcb_window_t root, int x, int y) {
-  if (connection_ && has_xtest_)
-    xcb_test_fake_input(*connection_, type, detail, XCB_CURRENT_TIME, root, coordinate(x),
-                        coordinate(y), 0);
-}
-
-SendResult XTestSink::flush() {
-  if (connection_ && !has_xtest_) return {false, XCB_CONN_CLOSED_EXT_NOTSUPPORTED};
-  if (connection_) xcb_flush(*connection_);
-  take_in();
-  return {connection_.has_value(), XCB_CONN_ERROR};
+  xcb_test_fake_input(*connection_, type, detail, XCB_CURRENT_TIME, root, coordinate(x),
+                      coordinate(y), 0);
 }
 
 std::unique_ptr<InputSink> make_xtest_sink() {

@@ -5,7 +5,7 @@
 // opening the desktop connects anew, so a lost server comes back for an injector that tracks the
 // input desktop; sending to a lost one fails.
 //
-// A server repeats a key that is down by itself, so repeats from outside are not sent. Held by one
+// A server repeats a key that is down by itself, and ignores a second press of it. Held by one
 // injector, under its lock.
 #pragma once
 
@@ -22,7 +22,7 @@ class XTestSink final : public InputSink {
  public:
   XTestSink() { connect(); }
 
-  Words words() const override { return {"XTest", "the X server has gone or lacks XTEST"}; }
+  Words words() const override { return {"XTest", "the X server has gone, hangs or lacks XTEST"}; }
 
   Desktop open_input_desktop() override;
   bool desktop_name(Desktop desktop, std::string* name) override;
@@ -33,19 +33,22 @@ class XTestSink final : public InputSink {
   SendResult move_by(std::int32_t dx, std::int32_t dy) override;
   SendResult button(int button, bool down) override;
   SendResult wheel(WheelAxis axis, std::int32_t delta) override;
-  SendResult key(const InputKey& key, KeyAction action) override;
+  SendResult key(const InputKey& key, bool down) override;
 
  private:
   void connect();
   void take_in();
+  bool has_room();
+  template <typename Requests>
+  SendResult send(Requests requests);
   void fake(std::uint8_t type, std::uint8_t detail, xcb_window_t root = XCB_NONE, int x = 0,
             int y = 0);
   void fake_button(std::uint8_t button, bool down);
-  SendResult flush();
 
   std::string display_;
   std::optional<x11::Connection> connection_;  // none while the server can't be reached
   bool has_xtest_ = false;
+  bool hangs_ = false;  // took nothing when it was last asked
   xcb_window_t root_ = XCB_NONE;
   Desktop connections_ = NO_DESKTOP;  // so far; the number of the last one is its handle
   std::uint64_t next_attempt_us_ = 0;

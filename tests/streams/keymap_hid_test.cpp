@@ -80,12 +80,11 @@ TEST(HidToWinKey, MembershipAloneCanBeAsked) {
 
 TEST(HidToWinKey, GoesByScanCodeExactlyWithoutAVirtualKey) {
   for (const auto& [usage, key] : all_keys()) {
-    const send_input::Key press = send_input::key(key, KeyAction::Press);
+    const send_input::Key press = send_input::key(key, true);
     EXPECT_EQ(press.scan, key.scan);
     EXPECT_EQ(press.vk, key.vk);
     EXPECT_EQ(press.flags, (BY_VIRTUAL_KEY.contains(usage) ? 0u : 8u) + key.extended) << usage;
-    EXPECT_EQ(send_input::key(key, KeyAction::Repeat), press);
-    EXPECT_EQ(send_input::key(key, KeyAction::Release).flags, press.flags + 2);
+    EXPECT_EQ(send_input::key(key, false).flags, press.flags + 2);
   }
 }
 
