@@ -1,9 +1,15 @@
 #include "host/platform.h"
 
+#include <csignal>
+
 #include "capture/source.h"
 #include "streams/host_clipboard_sync.h"
+#include "streams/linux/xtest_sink.h"
 
 Platform native_platform() {
+  // An X server that ends while it is written to must not end this process: xcb writes without
+  // MSG_NOSIGNAL.
+  std::signal(SIGPIPE, SIG_IGN);
   Platform platform;
   platform.list_displays = list_displays;
   platform.display_obstacle = display_obstacle;
@@ -18,5 +24,6 @@ Platform native_platform() {
   };
   platform.make_virtual_displays = make_virtual_displays;
   platform.make_clipboard = [] { return std::make_unique<HostClipboardSync>(); };
+  platform.make_input = make_xtest_sink;
   return platform;
 }
