@@ -1,6 +1,5 @@
 #include "streams/clipboard_map.h"
 
-#include <algorithm>
 #include <bit>
 #include <cassert>
 
@@ -56,9 +55,8 @@ std::uint32_t ClipboardMap::next(std::uint32_t at, bool come) const {
   std::uint64_t ahead = FULL << (at % WORD_BITS);  // of the first word
   for (std::uint32_t word = at / WORD_BITS; word * WORD_BITS < size_; ++word) {
     const std::uint64_t found = (words_[word] ^ flip) & ahead;
-    if (found != 0)
-      return std::min(size_,
-                      word * WORD_BITS + static_cast<std::uint32_t>(std::countr_zero(found)));
+    // Never behind the item's end: the bits there are all unset.
+    if (found != 0) return word * WORD_BITS + static_cast<std::uint32_t>(std::countr_zero(found));
     ahead = FULL;
   }
   return size_;
