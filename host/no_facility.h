@@ -22,6 +22,8 @@ class NoClipboard final : public HostClipboard {
   void session_end(std::uint32_t) override {}
   void resize(std::uint32_t, int) override {}
   void receive(const std::uint8_t*, std::uint64_t) override {}
+  void set_enabled(bool) override {}
+  bool enabled() override { return false; }
 };
 
 class NoVirtualDisplays final : public VirtualDisplays {

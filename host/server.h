@@ -82,6 +82,9 @@ class HostServer {
   void pairing_close();
   void set_relays(const lund_relay_config& relays);    // storing them is the caller's affair
   void set_audio(const std::string& client, bool on);  // outlives the client's session
+  // On a computer without a clipboard it stays off.
+  void set_clipboard_enabled(bool on) { clipboard_->set_enabled(on); }
+  bool clipboard_enabled() { return clipboard_->enabled(); }
 
   // The one way a session ends. Whichever of several callers comes first ends it. `notify`: a BYE
   // goes out; `whole_client`: the end of screen 0 takes the client's other screens and setups

@@ -7,7 +7,9 @@
 // It owns one thread, which sends. Any thread may call. Two locks: the sending half's and the
 // receiving half's; the latter is held around the taking of the former, never the other way round.
 // `send` is called without a lock, but for acknowledgements, which go out under the receiving
-// half's; `on_data` is called without a lock on the thread that called lund_clip_receive.
+// half's; it may block. `on_data` is called without a lock on the thread that called
+// lund_clip_receive. `log` is called with a lock held. Neither `send` nor `log` may call the
+// engine.
 #pragma once
 
 #include <cstdint>
@@ -24,20 +26,21 @@ struct lund_clip_config {
   // A whole item; the callee owns `data` and releases it by lund_clip_free.
   void (*on_data)(void* user, std::uint32_t id, std::uint8_t kind, std::uint8_t* data,
                   std::uint64_t size) = nullptr;
-  void (*log)(void* user, const char* text) = nullptr;
+  void (*log)(void* user, const char* text) = nullptr;  // a line of at most 255 characters
   void* user = nullptr;
   std::uint32_t rate = 0;  // ceiling of what is sent, bytes a second; 0: 5,000,000
 };
 
-// Null without `send`, and when the thread or memory can't be had.
+// Null without `send`, and when the thread or memory can't be had. The record is copied.
 lund_clip* lund_clip_create(const lund_clip_config* config);
 void lund_clip_destroy(lund_clip* clip);  // joins; null is accepted
 
-// `mtu`: the largest packet that the session's path carries, bytes. Session 0: none. A change of
-// either drops what is in flight.
+// `session` is what the header of each packet must name. `mtu`: the largest packet that the
+// session's path carries, bytes. Session 0: none. A change of either drops what is in flight.
 void lund_clip_set_session(lund_clip* clip, std::uint32_t session, std::uint64_t mtu);
 
-// Copies the data. The item's id, or 0 when nothing was accepted.
+// Copies the data. The item's id, or 0 when nothing was accepted: no data, no session, an unknown
+// kind, above the kind's limit, short of memory.
 std::uint32_t lund_clip_offer(lund_clip* clip, std::uint8_t kind, const void* data,
                               std::uint64_t size);
 

@@ -359,3 +359,19 @@ TEST_F(HostStatusTest, AnotherClientsWishIsNotTaken) {
   stream();
   EXPECT_FALSE(platform.audios[0]->running);
 }
+
+// ---- The clipboard's switch
+
+TEST_F(HostStatusTest, TheClipboardIsSwitchedThroughTheHost) {
+  start_host();
+  EXPECT_TRUE(host().clipboard_enabled());
+  host().set_clipboard_enabled(false);
+  EXPECT_FALSE(platform.clipboard->enabled);
+  EXPECT_FALSE(host().clipboard_enabled());
+}
+
+TEST_F(HostStatusTest, WithoutAClipboardItsSwitchStaysOff) {
+  platform.has_clipboard = false;
+  host().set_clipboard_enabled(true);
+  EXPECT_FALSE(host().clipboard_enabled());
+}

@@ -98,6 +98,8 @@ class Clipboard final : public HostClipboard {
   void receive(const std::uint8_t*, std::uint64_t size) override {
     record_->calls.push_back(words("receive", size));
   }
+  void set_enabled(bool enabled) override { record_->enabled = enabled; }
+  bool enabled() override { return record_->enabled; }
 
  private:
   std::shared_ptr<FakeClipboard> record_;
@@ -186,7 +188,8 @@ Platform FakePlatform::record() {
     return std::make_unique<Capture>(captures.back());
   };
   platform.make_virtual_displays = [this] { return std::make_unique<Displays>(virtual_displays); };
-  platform.make_clipboard = [this] { return std::make_unique<Clipboard>(clipboard); };
+  if (has_clipboard)
+    platform.make_clipboard = [this] { return std::make_unique<Clipboard>(clipboard); };
   if (has_input) platform.make_input = [this] { return std::make_unique<Input>(input); };
   if (has_audio)
     platform.make_audio = [this] {

@@ -39,6 +39,7 @@ struct FakeClipboard {
   std::vector<std::string> calls;
   std::function<void()> on_start;  // before it is written down
   HostClipboard::Send send;
+  bool enabled = true;
 };
 
 struct FakeVirtualDisplays {
@@ -69,4 +70,5 @@ class FakePlatform {
   std::shared_ptr<FakeVirtualDisplays> virtual_displays;
   bool has_audio = true;
   bool has_input = true;
+  bool has_clipboard = true;
 };
