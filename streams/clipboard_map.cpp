@@ -63,12 +63,12 @@ std::uint32_t ClipboardMap::next(std::uint32_t at, bool come) const {
 }
 
 std::uint8_t ClipboardMap::gaps(std::span<lund_clipboard_range> room) const {
-  std::uint8_t count = 0;
+  std::size_t count = 0;
   for (std::uint32_t end = 0; count < room.size(); ++count) {
     const std::uint32_t start = next(end, false);
     if (start == size_) break;
     end = next(start, true);
     room[count] = {.offset = start, .length = end - start};
   }
-  return count;
+  return static_cast<std::uint8_t>(count);
 }
