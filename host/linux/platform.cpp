@@ -1,6 +1,7 @@
 #include "host/platform.h"
 
 #include "capture/source.h"
+#include "streams/audio_source.h"
 
 Platform native_platform() {
   Platform platform;
@@ -16,5 +17,6 @@ Platform native_platform() {
     return std::make_unique<CapturePipeline>(native_capture_platform());
   };
   platform.make_virtual_displays = make_virtual_displays;
+  platform.make_audio = [] { return std::make_unique<OpusAudioCapture>(make_native_audio_source); };
   return platform;
 }
