@@ -47,23 +47,35 @@ class RecordedSound {
     return more_.wait_for(lock, deadline, [&] { return packets_.size() >= count; });
   }
 
-  // Waits until a tone sounds in a stretch of 100 ms that begins at packet `from` or later; gives
-  // the first packet of that stretch, nothing at the deadline.
+  // Waits for a stretch of this many packets, from packet `from` on, that decodes to what is
+  // wanted; gives its first packet, nothing at the deadline.
+  std::optional<std::size_t> wait_for_stretch(
+      std::size_t packets, const std::function<bool(const SoundDecoder&)>& wanted,
+      std::size_t from = 0, std::chrono::milliseconds deadline = std::chrono::seconds(20)) {
+    const auto until = std::chrono::steady_clock::now() + deadline;
+    SoundDecoder decoder;
+    for (;; from += packets) {
+      const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
+          until - std::chrono::steady_clock::now());
+      if (!wait_for_count(from + packets, left)) return {};
+      decoder.left.clear();
+      decoder.right.clear();
+      for (const SoundPacket& packet : slice(from, from + packets)) decoder.decode(packet.bytes);
+      if (wanted(decoder)) return from;
+    }
+  }
+
+  // The same for 100 ms in which a tone is to be heard.
   std::optional<std::size_t> wait_for_tone(
       double hz, std::size_t from = 0,
       std::chrono::milliseconds deadline = std::chrono::seconds(20)) {
-    constexpr std::size_t STRETCH = 10;
     constexpr double AUDIBLE = 0.1;  // -20 dB
-    const auto until = std::chrono::steady_clock::now() + deadline;
-    SoundDecoder decoder;
-    for (std::size_t end = from + STRETCH;; end += STRETCH) {
-      const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
-          until - std::chrono::steady_clock::now());
-      if (!wait_for_count(end, left)) return {};
-      decoder.left.clear();
-      for (const SoundPacket& packet : slice(end - STRETCH, end)) decoder.decode(packet.bytes);
-      if (tone_amplitude(decoder.left, SoundDecoder::RATE, hz) > AUDIBLE) return end - STRETCH;
-    }
+    return wait_for_stretch(
+        10,
+        [hz](const SoundDecoder& heard) {
+          return tone_amplitude(heard.left, SoundDecoder::RATE, hz) > AUDIBLE;
+        },
+        from, deadline);
   }
 
  private:

@@ -36,39 +36,49 @@ class PulseSourceTest : public testing::Test {
   OpusAudioCapture capture_{make_native_audio_source};
 };
 
+bool is_sine(const std::vector<float>& samples, int hz, double amplitude) {
+  return std::abs(tone_amplitude(samples, SoundDecoder::RATE, hz) - amplitude) < 0.02 &&
+         loudest_hz(samples, SoundDecoder::RATE, 100, 1'000) == hz;
+}
+
+// A quarter of a second of it: where computers are busy, others may have gaps.
+std::optional<std::size_t> wait_for_sine(RecordedSound& sound, int hz, double amplitude) {
+  return sound.wait_for_stretch(25, [=](const SoundDecoder& heard) {
+    return is_sine(heard.left, hz, amplitude) && is_sine(heard.right, hz, amplitude);
+  });
+}
+
 TEST_F(PulseSourceTest, ATonePlayedToTheDefaultSinkComesOutOfThePackets) {
   const Tone tone(server_, 440.0);
   capture_.start();
-  const auto first = sound_.wait_for_tone(440.0);
-  ASSERT_TRUE(first);
-  ASSERT_TRUE(sound_.wait_for_count(*first + 70));
-  capture_.stop();
-  SoundDecoder decoder;
-  for (const SoundPacket& packet : sound_.packets(*first)) {
+  EXPECT_TRUE(wait_for_sine(sound_, 440, 0.5));
+  for (const SoundPacket& packet : sound_.packets()) {
     const OpusPacketFacts facts = opus_packet_facts(packet.bytes);
     EXPECT_TRUE(facts.stereo);
     EXPECT_EQ(facts.frames, 480);
-    decoder.decode(packet.bytes);
   }
-  const std::span<const float> left = std::span<const float>(decoder.left).last(48'000 / 2);
-  const std::span<const float> right = std::span<const float>(decoder.right).last(48'000 / 2);
-  EXPECT_EQ(loudest_hz(left, 48'000, 100, 1'000), 440);
-  EXPECT_EQ(loudest_hz(right, 48'000, 100, 1'000), 440);
-  EXPECT_NEAR(tone_amplitude(left, 48'000, 440), 0.5, 0.02);
   EXPECT_EQ(log_.count("audio: loopback capture of the default output (48000 Hz, 2 ch, engine "
                        "converts) -> Opus 48 kHz stereo 10 ms 128 kbps"),
             1);
 }
 
+// A sink that nobody plays to delivers zeros. Should they ever be late, silence is put in their
+// place and they come too: packets may be more, never fewer.
 TEST_F(PulseSourceTest, WhileNothingPlaysPacketsKeepTheirRate) {
   capture_.start();
   ASSERT_TRUE(sound_.wait_for_count(300));
   capture_.stop();
   const auto packets = sound_.packets(100);
-  const double intervals = static_cast<double>(packets.size()) - 1;
-  const std::uint64_t span_us = packets.back().capture_us - packets.front().capture_us;
-  EXPECT_NEAR(static_cast<double>(span_us) / intervals, 10'000, 200);
-  for (const SoundPacket& packet : packets) EXPECT_LE(packet.capture_us, packet.at_us);
+  std::vector<double> steps_us;
+  for (std::size_t i = 1; i < packets.size(); ++i) {
+    steps_us.push_back(static_cast<double>(packets[i].capture_us) -
+                       static_cast<double>(packets[i - 1].capture_us));
+  }
+  const double span_us =
+      static_cast<double>(packets.back().capture_us - packets.front().capture_us);
+  EXPECT_LE(span_us / static_cast<double>(steps_us.size()), 10'200);
+  std::ranges::sort(steps_us);
+  EXPECT_NEAR(steps_us[steps_us.size() / 2], 10'000, 200);
 }
 
 TEST_F(PulseSourceTest, ASuspendedSinkGivesSilenceWithStampsTenMillisecondsApart) {
@@ -237,14 +247,8 @@ TEST_F(PulseSourceTest, TheMixOfTheSinkItselfIsConvertedHere) {
   // Recorded before anything plays, the sink doesn't change over to the rate of the tone.
   ASSERT_TRUE(sound.wait_for_count(1));
   const Tone tone(server_, 440.0, "surround");
-  const auto first = sound.wait_for_tone(440.0);
-  ASSERT_TRUE(first);
-  ASSERT_TRUE(sound.wait_for_count(*first + 60));
-  capture.stop();
+  EXPECT_TRUE(wait_for_sine(sound, 440, 0.5));
   EXPECT_EQ(log_.count("(44100 Hz, 6 ch) -> Opus"), 1) << log_.text();
-  SoundDecoder decoder;
-  for (const SoundPacket& packet : sound.packets(*first)) decoder.decode(packet.bytes);
-  EXPECT_EQ(loudest_hz(std::span<const float>(decoder.left).last(24'000), 48'000, 100, 1'000), 440);
 }
 
 }  // namespace
