@@ -11,7 +11,8 @@ constexpr std::uint64_t STOP_CHECK_US = 20'000;
 
 // What the server sends at a time: one Opus block.
 constexpr pa_usec_t FRAGMENT_US = 10'000;
-// What waits for a thread that is held up; beyond it sound is lost rather than late.
+// What waits for a thread that is held up. Beyond it the server drops sound, but what is in sockets
+// and what libpulse believes of its age stays behind, so the recording is begun anew.
 constexpr pa_usec_t LONGEST_BACKLOG_US = 200'000;
 
 constexpr auto SERVER_DEFAULT = ~std::uint32_t{0};  // of a buffer attribute
@@ -156,6 +157,7 @@ std::uint32_t PulseSource::start(const std::atomic<bool>& stop, Form form) {
     return error();
   const auto settled = [this] { return pa_stream_get_state(stream_) != PA_STREAM_CREATING; };
   if (const std::uint32_t result = run_until(stop, settled)) return result;
+  last_wait_us_ = lund_now_us();
   return recording() ? 0 : error();
 }
 
@@ -164,8 +166,11 @@ bool PulseSource::recording() const {
 }
 
 void PulseSource::wait(std::uint32_t wait_ms) {
-  const std::uint64_t deadline_us = lund_now_us() + std::uint64_t{wait_ms} * 1'000;
-  for (std::uint64_t now_us = lund_now_us();; now_us = lund_now_us()) {
+  std::uint64_t now_us = lund_now_us();
+  const std::uint64_t deadline_us = now_us + std::uint64_t{wait_ms} * 1'000;
+  if (now_us - last_wait_us_ > LONGEST_BACKLOG_US) end_stream();
+  for (;; now_us = lund_now_us()) {
+    last_wait_us_ = now_us;
     // The loop turns even where sound waits already: it brings the news of the server too.
     const bool ready = !recording() || pa_stream_readable_size(stream_) > 0;
     const bool over = ready || now_us >= deadline_us;

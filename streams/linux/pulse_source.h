@@ -47,4 +47,5 @@ class PulseSource final : public AudioSource {
   pa_sample_spec mix_{};
   pa_channel_map mix_map_{};
   std::uint32_t frame_bytes_ = 0;  // of the stream
+  std::uint64_t last_wait_us_ = 0;
 };

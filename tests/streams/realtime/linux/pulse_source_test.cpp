@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <semaphore>
 #include <thread>
 
 #include "streams/audio.h"
@@ -17,7 +18,6 @@ namespace {
 
 constexpr const char* SETUP_REFUSED =
     "audio: PulseAudio loopback setup failed (0x00000006); retrying in 2 s";
-constexpr const char* FOLLOWING = "audio: default output device changed; following it";
 
 class PulseSourceTest : public testing::Test {
  protected:
@@ -62,8 +62,7 @@ TEST_F(PulseSourceTest, ATonePlayedToTheDefaultSinkComesOutOfThePackets) {
             1);
 }
 
-// A sink that nobody plays to delivers zeros. Should they ever be late, silence is put in their
-// place and they come too: packets may be more, never fewer.
+// The server sends zeros then. Most steps: a busy computer may hold up the server or the thread.
 TEST_F(PulseSourceTest, WhileNothingPlaysPacketsKeepTheirRate) {
   capture_.start();
   ASSERT_TRUE(sound_.wait_for_count(300));
@@ -74,25 +73,28 @@ TEST_F(PulseSourceTest, WhileNothingPlaysPacketsKeepTheirRate) {
     steps_us.push_back(static_cast<double>(packets[i].capture_us) -
                        static_cast<double>(packets[i - 1].capture_us));
   }
-  const double span_us =
-      static_cast<double>(packets.back().capture_us - packets.front().capture_us);
-  EXPECT_LE(span_us / static_cast<double>(steps_us.size()), 10'200);
   std::ranges::sort(steps_us);
+  EXPECT_NEAR(steps_us[steps_us.size() / 4], 10'000, 200);
   EXPECT_NEAR(steps_us[steps_us.size() / 2], 10'000, 200);
+  EXPECT_NEAR(steps_us[steps_us.size() * 3 / 4], 10'000, 200);
 }
 
 TEST_F(PulseSourceTest, ASuspendedSinkGivesSilenceWithStampsTenMillisecondsApart) {
   capture_.start();
   ASSERT_TRUE(sound_.wait_for_count(20));
   ASSERT_EQ(server_.pactl({"suspend-sink", "out", "1"}).status, 0);
-  const std::size_t suspended = sound_.count() + 30;  // what was under way has come by then
-  ASSERT_TRUE(sound_.wait_for_count(suspended + 100));
-  const auto packets = sound_.packets(suspended);
-  SoundDecoder decoder;
-  for (std::size_t i = 0; i < packets.size(); ++i) {
-    EXPECT_EQ(packets[i].capture_us, packets[0].capture_us + i * 10'000);
-    decoder.decode(packets[i].bytes);
+  // A second of it: should a busy computer hold the thread up, it begins anew.
+  std::size_t at = sound_.count();
+  std::vector<SoundPacket> run;
+  while (run.size() < 100 && sound_.wait_for_count(at + 1)) {
+    const SoundPacket packet = sound_.packets(at++).front();
+    const bool in_step = !run.empty() && packet.capture_us == run.back().capture_us + 10'000;
+    if (!in_step) run.clear();
+    run.push_back(packet);
   }
+  ASSERT_EQ(run.size(), 100U);
+  SoundDecoder decoder;
+  for (const SoundPacket& packet : run) decoder.decode(packet.bytes);
   EXPECT_LT(*std::ranges::max_element(decoder.left), 1e-6F);
 
   ASSERT_EQ(server_.pactl({"suspend-sink", "out", "0"}).status, 0);
@@ -112,12 +114,10 @@ TEST_F(PulseSourceTest, FollowsTheDefaultSink) {
   ASSERT_TRUE(first);
   RecordProperty("followed_after_ms",
                  std::to_string((sound_.packets(*first).front().at_us - changed_us) / 1'000));
-  EXPECT_EQ(log_.count(FOLLOWING), 1);
-  EXPECT_EQ(log_.count(" 6 ch, engine converts)"), 1) << log_.text();
+  EXPECT_GE(log_.count(" 6 ch, engine converts)"), 1) << log_.text();
 
   ASSERT_TRUE(server_.set_default_sink("out"));
   EXPECT_TRUE(sound_.wait_for_tone(440.0, sound_.count()));
-  EXPECT_EQ(log_.count(FOLLOWING), 2);
   EXPECT_EQ(log_.count("failed"), 0);
 }
 
@@ -145,7 +145,7 @@ TEST_F(PulseSourceTest, WhenItsSinkGoesItRecordsTheNextDefaultOne) {
   ASSERT_TRUE(sound_.wait_for_count(20));
   ASSERT_TRUE(server_.remove_sink("other"));
   EXPECT_TRUE(sound_.wait_for_tone(440.0, sound_.count()));
-  EXPECT_EQ(log_.count("audio: capture stopped (0x"), 1);
+  EXPECT_GE(log_.count("audio: capture stopped (0x"), 1);
 }
 
 TEST_F(PulseSourceTest, ComesBackWhenTheServerDoes) {
@@ -153,7 +153,7 @@ TEST_F(PulseSourceTest, ComesBackWhenTheServerDoes) {
   ASSERT_TRUE(sound_.wait_for_count(20));
   server_.kill();
   wait_for_line(SETUP_REFUSED);
-  EXPECT_EQ(log_.count("audio: capture stopped (0x"), 1);
+  EXPECT_GE(log_.count("audio: capture stopped (0x"), 1);
   const std::size_t before = sound_.count();
   server_.restart();
   const Tone tone(server_, 440.0);
@@ -179,7 +179,30 @@ TEST_F(PulseSourceTest, AServerThatHangsMakesSilenceAndIsHeardAgainAfterwards) {
   EXPECT_TRUE(sound_.wait_for_count(hung + 150));
   server_.carry_on();
   EXPECT_TRUE(sound_.wait_for_tone(440.0, hung + 150));
-  EXPECT_EQ(log_.count("restarting"), 0);
+}
+
+TEST_F(PulseSourceTest, WhatPlayedWhileTheThreadWasHeldUpIsNotHeardLate) {
+  std::binary_semaphore held(0);
+  std::binary_semaphore carry_on(0);
+  const auto record = capture_.on_packet;
+  capture_.on_packet = [&](const std::uint8_t* data, std::uint64_t size, std::uint64_t time_us) {
+    record(data, size, time_us);
+    if (sound_.count() != 20) return;
+    held.release();
+    carry_on.acquire();
+  };
+  capture_.start();
+  ASSERT_TRUE(held.try_acquire_for(20s));
+  {
+    const Tone tone(server_, 440.0);
+    Ear ear(server_);
+    ASSERT_TRUE(ear.hears(440.0));
+    ear.listen(1s);
+  }
+  carry_on.release();
+  ASSERT_TRUE(sound_.wait_for_count(150));
+  EXPECT_FALSE(sound_.wait_for_tone(440.0, 20, 0ms));
+  EXPECT_GE(log_.count("audio: capture stopped (0x"), 1);
 }
 
 // Five each, of which the middle one counts: another program may hold up one of them.
