@@ -41,6 +41,8 @@ class HostByHand {
  public:
   HostByHand(const RunOptions& options, const DisplayInfo& display)
       : options_(options), host_(options.host, display, native_platform()) {
+    // Input outlives a restart of the X server, or a change of the desktop that receives it.
+    host_.injector().set_input_desktop_tracking(true);
     host_.on_event = [this](const lund_conn_event& event) { on_event(event); };
     host_.on_pair_back = [this](const lund_pair_back& back, const lund_session_info& session) {
       return offers_.answer(back, session);
@@ -64,6 +66,7 @@ class HostByHand {
     }
     channel_.reset();
     host_.shutdown();
+    host_.injector().release_all();  // what came in while the last session ended
     tell("Stopped.");
     return EXIT_OK;
   }
