@@ -16,5 +16,6 @@ Platform native_platform() {
     return std::make_unique<CapturePipeline>(native_capture_platform());
   };
   platform.make_virtual_displays = make_virtual_displays;
+  platform.make_sound_endpoints = make_sound_endpoints;
   return platform;
 }
