@@ -4,11 +4,11 @@
 #include <system_error>
 
 #include "apps/client/commands.h"
+#include "apps/client/connect_run.h"
 #include "apps/client/host_choice.h"
 #include "apps/client/known_hosts.h"
 #include "apps/client/relay_links.h"
 #include "apps/client/report.h"
-#include "apps/client/stream_client.h"
 #include "control/sysinfo.h"
 
 namespace client_app {
@@ -27,40 +27,40 @@ lund_hello make_hello(const Arguments& args) {
   return hello;
 }
 
-ExitStatus exit_status(StreamEnd end) {
+ExitStatus exit_status(SessionEnd end) {
   switch (end) {
-    case StreamEnd::Done:
+    case SessionEnd::Done:
       return EXIT_OK;
-    case StreamEnd::NoAnswer:
+    case SessionEnd::NoAnswer:
       return EXIT_NO_ANSWER;
-    case StreamEnd::LocalFailure:
+    case SessionEnd::LocalFailure:
       return EXIT_LOCAL;
-    case StreamEnd::UnknownDevice:
-    case StreamEnd::Busy:
-    case StreamEnd::Refused:
-    case StreamEnd::HostEnded:
+    case SessionEnd::UnknownDevice:
+    case SessionEnd::Busy:
+    case SessionEnd::Refused:
+    case SessionEnd::HostEnded:
       break;
   }
   return EXIT_REFUSED;
 }
 
 // What a session has shown is worth keeping however the stream ended.
-bool remember(ClientStore& store, const lund_host_entry& host, const StreamClient& stream,
+bool remember(ClientStore& store, const lund_host_entry& host, const HostSession& session,
               const HostLink& link, const lund_relay_config& given, std::string* error) {
-  if (stream.paths().empty()) return true;
+  if (session.paths().empty()) return true;
   const std::uint64_t now_s = lund_wall_us() / 1'000'000;
   std::fputs(remember_relays(given, &store).c_str(), stdout);
   return store.update(
       host,
-      [&](lund_host_entry& entry) { learn(stream.paths(), link.lan_search(), now_s, &entry); },
+      [&](lund_host_entry& entry) { learn(session.paths(), link.lan_search(), now_s, &entry); },
       error);
 }
 
-int report_stream(const Arguments& args, StreamClient& stream, HostLink& link, ExitStatus status) {
+int report_stream(const Arguments& args, HostSession& session, HostLink& link, ExitStatus status) {
   std::string error;
-  if (!args.out.empty() && !write_results(args.out, stream, link, &error))
+  if (!args.out.empty() && !write_results(args.out, session, link, &error))
     status = static_cast<ExitStatus>(fail(EXIT_LOCAL, error));
-  std::fputs(summary(stream, link).c_str(), stdout);
+  std::fputs(summary(session, link).c_str(), stdout);
   return status;
 }
 
@@ -96,19 +96,18 @@ int run_connect(const Arguments& args) {
   link.look_for(wanted_for_connecting(host, args.path_mode));
   link.set_drop(args.drop_percent, args.seed);
 
-  StreamRequest request;
-  request.hello = make_hello(args);
-  request.seconds = args.seconds;
-  request.out = args.out;
+  SessionRequest request;
+  request.screens = {make_hello(args)};
+  request.recordings = {args.out};
   request.reconnect = args.reconnect;
-  request.stop = args.stop;
-  StreamClient stream(link, request);
+  ConnectRun run({args.seconds, args.stop});
+  HostSession session(link, request, run);
   std::string ended;
-  const StreamEnd end = stream.run(&ended);
+  const SessionEnd end = run.run(session, &ended);
   int status = exit_status(end);
-  if (stream.streamed()) status = report_stream(args, stream, link, exit_status(end));
-  if (!remember(store, host, stream, link, given.config, &error)) status = fail(EXIT_LOCAL, error);
-  return end == StreamEnd::Done ? status : fail(static_cast<ExitStatus>(status), ended);
+  if (session.main().ever_granted()) status = report_stream(args, session, link, exit_status(end));
+  if (!remember(store, host, session, link, given.config, &error)) status = fail(EXIT_LOCAL, error);
+  return end == SessionEnd::Done ? status : fail(static_cast<ExitStatus>(status), ended);
 }
 
 }  // namespace client_app

@@ -16,6 +16,9 @@ bool DecodeThread::start(bool hevc, const std::filesystem::path& recording, std:
       return false;
     }
   }
+  finishing_ = false;
+  wait_for_keyframe_ = true;
+  has_picture_ = false;
   thread_ = std::thread([this] { run(); });
   return true;
 }
@@ -108,6 +111,9 @@ void DecodeThread::handle(const QueuedFrame& frame) {
   stage(Stage::Queue) = between(frame.complete_us, begin_us);
   stage(Stage::Decode) = between(begin_us, end_us);
   stage(Stage::Total) = between(origin_us, end_us);
-  std::lock_guard lock(statistics_mutex_);
-  statistics_.frame_decoded(times, frame.size, frame.keyframe, frame.recovered);
+  {
+    std::lock_guard lock(statistics_mutex_);
+    statistics_.frame_decoded(times, frame.size, frame.keyframe, frame.recovered);
+  }
+  if (on_picture) on_picture(picture, times);
 }

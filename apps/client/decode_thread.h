@@ -8,6 +8,7 @@
 #include <condition_variable>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <mutex>
 #include <thread>
 #include <vector>
@@ -31,7 +32,10 @@ class DecodeThread {
   DecodeThread() = default;
   ~DecodeThread() { finish(); }
 
-  // `recording` empty: nothing is recorded.
+  // Called on the thread with each picture, valid until the return. Set before start.
+  std::function<void(const DecodedPicture& picture, const FrameTimes& times)> on_picture;
+
+  // `recording` empty: nothing is recorded. Again after finish: a stream of another codec.
   bool start(bool hevc, const std::filesystem::path& recording, std::string* error);
 
   // A free buffer to fill and hand back by submit; null while the decoder lags by the whole queue.

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "connection/byte_order.h"
 #include "connection/protocol.h"
 #include "control/log.h"
 
@@ -12,6 +13,11 @@ constexpr std::size_t DATAGRAM_BYTES = 2048;
 void send_callback(void* user, const lund_rv_endpoint* to, const std::uint8_t* bytes,
                    std::size_t size) {
   lund_udp_send(*static_cast<lund_socket*>(user), *to, bytes, size);
+}
+
+// Of a datagram that has been opened: a sealed record's header names keys and counter in clear.
+PacketOrder order_of(const std::uint8_t* record) {
+  return {load_le<std::uint32_t>(record + 4), load_le<std::uint64_t>(record + LUND_HEADER_SIZE)};
 }
 
 void log_callback(void*, const char* text) {
@@ -53,11 +59,11 @@ void HostLink::set_drop(double percent, std::uint32_t seed) {
   random_.seed(seed);
 }
 
-bool HostLink::send(const std::uint8_t* plain, std::size_t size) {
+bool HostLink::send(std::uint32_t session, const std::uint8_t* plain, std::size_t size) {
   std::uint8_t sealed[DATAGRAM_BYTES];
   lund_rv_endpoint peer;
   const std::size_t length =
-      lund_client_seal(engine_, 0, plain, size, sealed, sizeof sealed, &peer);
+      lund_client_seal(engine_, session, plain, size, sealed, sizeof sealed, &peer);
   return length != 0 && lund_udp_send(socket_, peer, sealed, length) == 0;
 }
 
@@ -77,7 +83,7 @@ void HostLink::receive_all(const PacketHandler& packet) {
     std::size_t opened_size = 0;
     const int result = lund_client_receive(engine_, datagram, static_cast<std::size_t>(size), from,
                                            opened, sizeof opened, &opened_size, nullptr);
-    if (result == LUND_RX_OPENED) packet(opened, opened_size);
+    if (result == LUND_RX_OPENED) packet(opened, opened_size, order_of(datagram));
     if (result != LUND_RX_PLAIN) continue;
     const lund_rv_endpoint* host = lan_search_.take(datagram, static_cast<std::size_t>(size), from);
     if (host) lund_client_add_candidate(engine_, host, 0);
@@ -105,9 +111,10 @@ void HostLink::run(std::uint64_t deadline_us, const PacketHandler& packet,
                    const EventHandler& event, const std::function<bool()>& stop) {
   while (lund_now_us() < deadline_us) {
     search_lan();
-    const std::uint64_t wait_us = std::min<std::uint64_t>(lund_client_tick(engine_), 50'000);
+    const std::uint64_t tick_us = lund_client_tick(engine_);
     drain_events(event);
     if (stop()) return;
+    const std::uint64_t wait_us = std::min(tick_us, ask_within_us_);
     // Rounded up, so that the next tick finds its time come.
     if (lund_udp_wait(&socket_, 1, static_cast<int>((wait_us + 999) / 1000)) > 0)
       receive_all(packet);

@@ -12,6 +12,7 @@
 #include <cstdint>
 #include <functional>
 #include <mutex>
+#include <optional>
 #include <vector>
 
 #include "connection/protocol.h"
@@ -39,8 +40,9 @@ class InputSender {
   void end();
   void acknowledged(const std::uint8_t* packet, std::size_t size);
   void rtt_measured(std::uint64_t us);
-  // Sends what is due; the time until the next is, microseconds.
+  // Sends what is due; gives the microseconds until something is again.
   std::uint64_t tick();
+  static constexpr std::uint64_t NOTHING_DUE = UINT64_MAX;
 
   struct Statistics {
     std::uint64_t events = 0;        // numbered ones
@@ -58,22 +60,53 @@ class InputSender {
   static constexpr std::size_t CAPACITY = 1024;
 
  private:
+  struct Place {
+    std::uint16_t x = 0, y = 0;
+    bool operator==(const Place&) const = default;
+  };
   struct Event {
     lund_input_event event;
-    std::uint64_t since_us;
+    std::uint64_t since_us = 0;
+    std::optional<Place> place;  // where the pointer was, for a button
   };
   static constexpr std::size_t LATENCIES = 4096;
 
   Event& at(std::size_t i) { return ring_[(head_ + i) % CAPACITY]; }
-  bool add(const lund_input_event& event, std::uint64_t now);
-  void send_batch(std::uint64_t now);
-  void send_position(std::uint64_t now);
+  bool add(const lund_input_event& event);
+  bool push(const lund_input_event& event, std::uint64_t now);
+  bool click_in_flight() const { return last_click_seq_ >= first_seq_; }
+  std::size_t sendable();
+  bool worth_sending(std::size_t count, std::uint64_t now);
   void flush(std::uint64_t now);
+  void send_batch(std::size_t count, std::uint64_t now);
+  void place_pointer(const Place& place, std::uint64_t now);
+  void move_to(const Place& place, std::uint64_t now);
+  void send_position(std::uint64_t now);
+  std::uint64_t batch_repeat_us() const;
+  std::uint64_t position_repeat_us() const;
+  std::uint64_t next_due_us(std::uint64_t now);
 
   const Send send_;
-  mutable std::mutex mutex_;
+  mutable std::mutex mutex_;  // guards all below
   bool streaming_ = false;
   std::size_t batch_max_ = LUND_INPUT_MAX;
-  std::array<Event, CAPACITY> ring_;
-  std::size_t head_ = 0, count_ = 0;  // unacknowledged
+  std::array<Event, CAPACITY> ring_;  // what isn't acknowledged
+  std::size_t head_ = 0, count_ = 0;
+  std::size_t sent_ = 0;              // of these, from the oldest on, at least once
+  std::uint32_t first_seq_ = 1;       // the oldest's number
+  std::uint32_t last_click_seq_ = 0;  // the newest button's; 0: none
+  bool release_owed_ = false;         // a press or release had no room
+  std::uint64_t last_batch_us_ = 0;
+  int batch_repeats_ = 0;  // in a row, without an acknowledgement
+
+  std::optional<Place> wanted_;  // the pointer's place; none once it has moved relatively
+  bool wanted_waits_ = false;    // to be sent
+  Place sent_place_;
+  std::uint32_t place_seq_ = 0;  // its number
+  int place_repeats_ = 0;        // still to come
+  std::uint64_t place_sent_us_ = 0;
+
+  double rtt_us_ = 0, rtt_deviation_us_ = 0;
+  Statistics counts_;  // without the latencies
+  std::array<std::uint32_t, LATENCIES> latency_us_{};
 };

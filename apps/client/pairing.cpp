@@ -87,7 +87,7 @@ PairEnd pair_with_host(HostLink& link, const PairRequest& request, lund_host_ent
   };
   const auto stopped = [&] { return request.stop && *request.stop; };
   link.run(
-      UINT64_MAX, [](const std::uint8_t*, std::size_t) {}, on_event,
+      UINT64_MAX, [](const std::uint8_t*, std::size_t, const PacketOrder&) {}, on_event,
       [&] { return decided || stopped(); });
   if (!decided) *text = "stopped";
   return decided ? end : PairEnd::Stopped;
@@ -101,7 +101,8 @@ BackEnd offer_way_back(HostLink& link, const std::string& own_name, std::uint16_
   bool accepted = false;
   std::uint64_t deadline = lund_now_us() + SESSION_TIMEOUT_US;
   std::uint64_t next_us = 0;
-  auto on_packet = [&](const std::uint8_t* received, std::size_t received_size) {
+  auto on_packet = [&](const std::uint8_t* received, std::size_t received_size,
+                       const PacketOrder&) {
     std::uint8_t answer = 0;
     if (received[2] == LUND_PKT_PAIR_BACK_ACK &&
         lund_decode_pair_back_ack(received, received_size, &answer) == 0 && answer == 1)
@@ -116,7 +117,7 @@ BackEnd offer_way_back(HostLink& link, const std::string& own_name, std::uint16_
     const std::uint64_t now = lund_now_us();
     if (session_up && now >= next_us) {
       next_us = now + OFFER_PERIOD_US;
-      link.send(packet, size);
+      link.send(0, packet, size);
     }
     return accepted || stop || now >= deadline;
   };

@@ -8,44 +8,44 @@
 
 namespace {
 
-nlohmann::json report(StreamClient& stream, HostLink& link) {
+nlohmann::json report(HostSession& session, HostLink& link) {
   nlohmann::json json;
   {
-    std::lock_guard lock(stream.decoder().statistics_mutex());
-    json = stream.decoder().statistics().report(stream.seconds());
+    std::lock_guard lock(session.main().decoder().statistics_mutex());
+    json = session.main().decoder().statistics().report(session.seconds());
   }
-  const lund_hello_ack& ack = stream.stream();
+  const lund_hello_ack& ack = session.main().granted();
   json["stream"] = {{"codec", ack.codec == 1 ? "HEVC" : "H.264"},
                     {"width", ack.width},
                     {"height", ack.height},
                     {"fps", ack.fps},
                     {"bitrate_kbps", ack.bitrate_kbps},
                     {"payload_bytes", ack.max_datagram}};
-  const PathHistory& paths = stream.paths();
+  const PathHistory& paths = session.paths();
   json["path"] = {{"class", lund_path_name(paths.path_class())}, {"host", paths.address()}};
-  json["paths"] = paths.report(stream.frame_counts());
+  json["paths"] = paths.report(session.main().frame_counts());
   json["reconnects"] = nlohmann::json::array();
-  for (const Reconnect& reconnect : stream.reconnects())
+  for (const Reconnect& reconnect : session.reconnects())
     json["reconnects"].push_back({{"at_s", std::round(reconnect.at_s * 1000) / 1000},
                                   {"gap_ms", std::round(reconnect.gap_ms)},
                                   {"reason", reconnect.reason}});
-  json["hello_to_first_frame_ms"] = stream.hello_to_first_frame_ms();
+  json["hello_to_first_frame_ms"] = session.hello_to_first_frame_ms();
   json["datagrams_dropped_on_purpose"] = link.dropped_on_purpose();
   return json;
 }
 
 }  // namespace
 
-bool write_results(const std::filesystem::path& out, StreamClient& stream, HostLink& link,
+bool write_results(const std::filesystem::path& out, HostSession& session, HostLink& link,
                    std::string* error) {
   std::ofstream file(out / "report.json", std::ios::trunc);
-  file << report(stream, link).dump(2) << '\n';
+  file << report(session, link).dump(2) << '\n';
   file.close();
   if (!file) {
     *error = "cannot write " + (out / "report.json").string();
     return false;
   }
-  const DecodedPicture* picture = stream.decoder().last_picture();
+  const DecodedPicture* picture = session.main().decoder().last_picture();
   if (picture && !write_png(out / "last_frame.png", to_rgb(*picture))) {
     *error = "cannot write " + (out / "last_frame.png").string();
     return false;
@@ -53,9 +53,9 @@ bool write_results(const std::filesystem::path& out, StreamClient& stream, HostL
   return true;
 }
 
-std::string summary(StreamClient& stream, HostLink& link) {
-  const nlohmann::json json = report(stream, link);
-  const lund_hello_ack& ack = stream.stream();
+std::string summary(HostSession& session, HostLink& link) {
+  const nlohmann::json json = report(session, link);
+  const lund_hello_ack& ack = session.main().granted();
   char line[320];
   std::snprintf(line, sizeof line,
                 "%s %dx%d via %s %s: %u frames in %.1f s (%.1f fps, %.2f Mbps), %u lost, "

@@ -5,10 +5,10 @@
 #include <string>
 
 #include "apps/client/host_link.h"
-#include "apps/client/stream_client.h"
+#include "apps/client/host_session.h"
 
 // Writes `out`/report.json and `out`/last_frame.png; false with `error` when the disk refuses.
-bool write_results(const std::filesystem::path& out, StreamClient& stream, HostLink& link,
+bool write_results(const std::filesystem::path& out, HostSession& session, HostLink& link,
                    std::string* error);
 
-std::string summary(StreamClient& stream, HostLink& link);
+std::string summary(HostSession& session, HostLink& link);

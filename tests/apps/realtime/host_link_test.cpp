@@ -32,7 +32,7 @@ class HostLinkTest : public testing::Test {
     bool up = false;
     lund_client_connect(link_.engine());
     link_.run(
-        lund_now_us() + us, [](const std::uint8_t*, std::size_t) {},
+        lund_now_us() + us, [](const std::uint8_t*, std::size_t, const PacketOrder&) {},
         [&](const lund_conn_event& event) { up |= event.type == LUND_EV_CLIENT_SESSION_UP; },
         [&] { return up && until_up; });
     return up;
