@@ -273,11 +273,13 @@ void PulseEndpoints::send_unwatched(const std::string& id, bool muted) {
   drop(pa_context_set_sink_mute_by_name(context_, id.c_str(), muted, nullptr, nullptr));
 }
 
-// The change is told by an event: each look that follows one may be the last.
-bool PulseEndpoints::confirm(const std::string& id, bool muted, const Deadline& deadline) {
+// Until what is awaited has been seen. The change is told by an event; by the time that this thread
+// has the lock again more may have been seen than its own look's answer.
+bool PulseEndpoints::confirm(const std::string& id, const Deadline& deadline) {
+  const Sink& sink = sinks_[id];
   Answer answer;
   while (look(id, &answer, deadline)) {
-    if (answer.muted == muted) return true;
+    if (!sink.awaited) return true;
     if (deadline.passed()) return false;
     pa_threaded_mainloop_wait(mainloop_);
   }
@@ -311,8 +313,8 @@ int PulseEndpoints::is_muted(const std::string& id) {
     const Deadline deadline(*this, CALL_US);
     Answer answer;
     if (look(id, &answer, deadline)) {
-      const bool settling = sink.awaited && confirm(id, *sink.awaited, deadline);
-      return settling ? int{sink.seen.value_or(answer.muted)} : int{answer.muted};
+      if (sink.awaited) confirm(id, deadline);
+      return sink.seen.value_or(answer.muted) ? 1 : 0;
     }
   }
   owe_unmute(&sink);
@@ -331,7 +333,7 @@ bool PulseEndpoints::set_mute(const std::string& id, bool muted) {
   Answer answer;
   if (muted && !(look(id, &answer, deadline) && answer.audible_monitor)) return false;
   sink.mute_again = sink.unmute_then = false;
-  if (send(id, muted, deadline) && confirm(id, muted, deadline)) {
+  if (send(id, muted, deadline) && confirm(id, deadline)) {
     sink.ours = muted;
     return true;
   }

@@ -59,7 +59,7 @@ class PulseEndpoints final : public SoundEndpoints {
   bool look(const std::string& id, Answer* answer, const Deadline& deadline);
   bool send(const std::string& id, bool muted, const Deadline& deadline);
   void send_unwatched(const std::string& id, bool muted);
-  bool confirm(const std::string& id, bool muted, const Deadline& deadline);
+  bool confirm(const std::string& id, const Deadline& deadline);
   void owe_unmute(Sink* sink);
   void observe(const pa_sink_info& info);
   void observe(const pa_server_info& info);
