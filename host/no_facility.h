@@ -3,17 +3,20 @@
 
 #include "capture/vdd.h"
 #include "streams/host_clipboard.h"
-#include "streams/input.h"
+#include "streams/input_sink.h"
 
-class NoInput final : public InputInjector {
+class NoInput final : public InputSink {
  public:
-  void set_mac_keys(bool) override {}
-  void mouse_rel(const InputTarget&, int, int) override {}
-  void mouse_abs(const InputTarget&, std::uint16_t, std::uint16_t) override {}
-  void mouse_button(int, bool) override {}
-  void mouse_wheel(int, int) override {}
-  void key(std::uint16_t, bool) override {}
-  void release_all() override {}
+  Words words() const override { return {"input", "this computer plays none"}; }
+  Desktop open_input_desktop() override { return NO_DESKTOP; }
+  bool desktop_name(Desktop, std::string*) override { return false; }
+  bool attach_this_thread(Desktop) override { return false; }
+  void close_desktop(Desktop) override {}
+  SendResult move_to(DesktopPoint) override { return {}; }
+  SendResult move_by(std::int32_t, std::int32_t) override { return {}; }
+  SendResult button(int, bool) override { return {}; }
+  SendResult wheel(WheelAxis, std::int32_t) override { return {}; }
+  SendResult key(const InputKey&, bool) override { return {}; }
 };
 
 class NoClipboard final : public HostClipboard {

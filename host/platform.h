@@ -13,7 +13,7 @@
 #include "capture/video.h"
 #include "streams/audio.h"
 #include "streams/host_clipboard.h"
-#include "streams/input.h"
+#include "streams/input_sink.h"
 #include "streams/sound_endpoints.h"
 
 struct Platform {
@@ -24,7 +24,7 @@ struct Platform {
   std::function<bool(const std::string& device, DesktopRect* bounds)> display_bounds;
   std::function<std::unique_ptr<VideoCapture>()> make_capture;
   std::function<std::unique_ptr<VirtualDisplays>()> make_virtual_displays;
-  std::function<std::unique_ptr<InputInjector>()> make_input;
+  std::function<std::unique_ptr<InputSink>()> make_input;
   std::function<std::unique_ptr<AudioCapture>()> make_audio;
   std::function<std::unique_ptr<HostClipboard>()> make_clipboard;
   // For whoever runs the host: the host itself doesn't touch the speakers.

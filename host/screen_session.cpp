@@ -16,11 +16,8 @@ constexpr std::size_t SHAPE_HEADER_BYTES = 28;
 constexpr std::size_t SHAPE_CACHE = 64;
 constexpr std::uint8_t FRAME_KEYFRAME = 1;
 
-InputTarget initial_target(const SessionSetup& setup) {
-  const DisplayInfo& display = setup.display;
-  return {{display.left, display.top, display.right, display.bottom},
-          setup.stream.width,
-          setup.stream.height};
+DesktopRect rect_of(const DisplayInfo& display) {
+  return {display.left, display.top, display.right, display.bottom};
 }
 
 }  // namespace
@@ -33,7 +30,7 @@ ScreenSession::ScreenSession(HostServer& server, SessionSetup the_setup,
       last_heard_us(lund_now_us()),
       server_(server),
       start_us_(last_heard_us),
-      target_(initial_target(setup)),
+      target_(target_on(rect_of(setup.display))),
       packetizer_(lund_packetizer_create(static_cast<std::uint64_t>(setup.stream.payload),
                                          setup.stream.fec_percent, MIN_PARITY_SHARDS)),
       target_payload_(setup.stream.payload),
@@ -119,6 +116,11 @@ std::string ScreenSession::summary() const {
   const double seconds = static_cast<double>(lund_now_us() - start_us_) / 1e6;
   std::scoped_lock lock(stats_mutex_);
   return session_summary(totals_, seconds);
+}
+
+InputTarget ScreenSession::target_on(const DesktopRect& monitor) const {
+  return {monitor.left,   monitor.top,        monitor.right,
+          monitor.bottom, setup.stream.width, setup.stream.height};
 }
 
 InputTarget ScreenSession::input_target() const {

@@ -119,6 +119,7 @@ class ScreenSession : public std::enable_shared_from_this<ScreenSession> {
   void send_shape(std::uint32_t shape_id, const CursorBitmap& cursor);
   void send_pos_locked(std::uint64_t now_us);  // cursor_mutex_ held
   lund_packet_header header() const { return {0, 0, setup.session}; }
+  InputTarget target_on(const DesktopRect& monitor) const;
   InputTarget input_target() const;
 
   HostServer& server_;

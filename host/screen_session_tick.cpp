@@ -25,12 +25,13 @@ void ScreenSession::follow_display(std::uint64_t now_us) {
   last_bounds_us_ = now_us;
   DesktopRect bounds;
   if (!server_.display_bounds(setup.display.device, &bounds) || bounds.right == bounds.left) return;
-  if (bounds == input_target().monitor) return;
+  const InputTarget moved = target_on(bounds);
+  if (moved == input_target()) return;
   hlog("%smonitor %s moved to (%d,%d) %dx%d; input follows", tag().c_str(),
        setup.display.device.c_str(), bounds.left, bounds.top, bounds.right - bounds.left,
        bounds.bottom - bounds.top);
   std::scoped_lock lock(target_mutex_);
-  target_.monitor = bounds;
+  target_ = moved;
 }
 
 // CURSOR_POS travels unreliably, and a pointer at rest sends none.

@@ -58,7 +58,7 @@ HostServer::HostServer(const HostOptions& options, const DisplayInfo& display, P
   virtual_displays_->enabled = virtual_display_mode(options_.virtual_display);
   host_id_ = load_or_create_host_id();
   computer_name_ = computer_name_utf8();
-  injector_->set_mac_keys(options_.mac_keys);
+  injector_.set_mac_keys(options_.mac_keys);
   if (!options_.display.empty())
     wanted_display_ = display.device.empty() ? options_.display : display.device;
 }

@@ -38,6 +38,7 @@
 #include "host/screen_session.h"
 #include "host/status.h"
 #include "host/udp.h"
+#include "streams/input.h"
 
 class HostServer {
  public:
@@ -97,7 +98,7 @@ class HostServer {
   // time spent sealing to `seal_ns`, which may be null.
   bool send_sealed(std::uint32_t session, const std::uint8_t* data, std::size_t size,
                    std::uint64_t* seal_ns);
-  InputInjector& injector() { return *injector_; }
+  InputInjector& injector() { return injector_; }
   HostClipboard& clipboard() { return *clipboard_; }
   bool display_bounds(const std::string& device, DesktopRect* bounds) const;
   void status_changed() const;
@@ -195,7 +196,7 @@ class HostServer {
   std::uint32_t host_id_ = 0;
   std::string computer_name_;
   UdpSocket socket_;
-  std::unique_ptr<InputInjector> injector_;
+  InputInjector injector_;
   std::unique_ptr<HostClipboard> clipboard_;
   std::unique_ptr<VirtualDisplays> virtual_displays_;
 

@@ -254,7 +254,7 @@ void HostServer::end_session(const SessionPtr& session, const char* reason, bool
   }
   tear_down(*ended.front(), reason, notify, close_link);
   for (std::size_t i = 1; i < ended.size(); ++i) tear_down(*ended[i], "screen 0 ended", true, true);
-  injector_->release_all();
+  injector_.release_all();
   if (clear_qos) socket_.qos_clear();
   status_changed();
 }

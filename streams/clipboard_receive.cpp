@@ -11,6 +11,9 @@ namespace {
 
 constexpr std::size_t ACK_HEADER = 14;
 constexpr std::size_t RANGE_BYTES = 8;
+// Larger ones don't decode.
+static_assert(LUND_CLIP_IMAGE_MAX == LUND_CLIPBOARD_MAX);
+
 constexpr std::size_t ACK_MAX = ACK_HEADER + RANGE_BYTES * LUND_RANGES_MAX;
 
 std::size_t range_room(std::uint64_t mtu) {

@@ -22,6 +22,20 @@ enum ExitStatus : int {
   EXIT_LOCAL = 5,
 };
 
+inline constexpr int SCREENS_MAX = 4;  // that a host has for one client
+
+struct ViewArguments {
+  int screens = 1;
+  std::string release_key = "right-ctrl";
+  bool relative = false;
+  bool full_screen = false;
+  bool grab = true;
+  bool sound = true;
+  bool clipboard = true;
+  double seconds = 0;
+  std::filesystem::path snapshot, report;
+};
+
 struct Arguments {
   std::filesystem::path store;
   bool verbose = false;
@@ -45,6 +59,7 @@ struct Arguments {
   std::uint32_t seed = 1;
   unsigned screen = 0, width = 0, height = 0, fps = 0, bitrate_kbps = 0, fec = 0;
   std::string codec;
+  ViewArguments view;
 
   const std::atomic<bool>* stop = nullptr;  // Ctrl+C
 };
@@ -58,6 +73,7 @@ int run_relay_remove(const Arguments& args);
 int run_relay_check(const Arguments& args);
 int run_pair(const Arguments& args);
 int run_connect(const Arguments& args);
+int run_view(const Arguments& args);
 
 // A configuration that is wiped with its scope, for the identity and the relays' keys in it.
 struct ClientConfig : lund_client_config {

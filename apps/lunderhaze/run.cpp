@@ -48,6 +48,8 @@ class HostByHand {
         mute_(platform.make_sound_endpoints(), keystore::hostStoreDirectory()),
         host_(options.host, display, platform) {
     host_.on_status_change = [this] { follow_streams(); };
+    // Input outlives a restart of the X server, or a change of the desktop that receives it.
+    host_.injector().set_input_desktop_tracking(true);
     host_.on_event = [this](const lund_conn_event& event) { on_event(event); };
     host_.on_pair_back = [this](const lund_pair_back& back, const lund_session_info& session) {
       return offers_.answer(back, session);
@@ -71,6 +73,7 @@ class HostByHand {
     }
     channel_.reset();
     host_.shutdown();
+    host_.injector().release_all();  // what came in while the last session ended
     mute_.shutdown();
     tell("Stopped.");
     return EXIT_OK;

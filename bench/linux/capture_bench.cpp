@@ -4,12 +4,12 @@
 #include <benchmark/benchmark.h>
 #include <xcb/xcb.h>
 
-#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
 #include <vector>
 
+#include "bench/linux/x_server.h"
 #include "capture/encoder.h"
 #include "capture/linux/x11_source.h"
 
@@ -113,53 +113,39 @@ void encode(benchmark::State& state, Pixels (*make)(int), int step) {
       static_cast<double>(bytes) / static_cast<double>(state.iterations());
 }
 
-// An X server that ends with its last client, and a hand that draws on it.
-class Server {
+// A hand that draws on a server.
+class Canvas {
  public:
-  Server() {
-    pipe_ = popen(
-        "exec Xvfb -displayfd 1 -terminate -nolisten tcp -screen 0 1280x720x24 2>/dev/null", "r");
-    char line[16] = {};
-    if (!pipe_ || !std::fgets(line, sizeof line, pipe_)) return;
-    setenv("DISPLAY", (":" + std::string(line, std::strcspn(line, "\n"))).c_str(), 1);
-    connection_ = xcb_connect(nullptr, nullptr);
-    root_ = xcb_setup_roots_iterator(xcb_get_setup(connection_)).data->root;
-    gc_ = xcb_generate_id(connection_);
-    xcb_create_gc(connection_, gc_, root_, 0, nullptr);
+  Canvas() {
+    if (!ok()) return;
+    gc_ = xcb_generate_id(server_.connection());
+    xcb_create_gc(server_.connection(), gc_, server_.root(), 0, nullptr);
   }
-  ~Server() {
-    if (connection_) xcb_disconnect(connection_);
-    if (pipe_) pclose(pipe_);
-  }
-  Server(const Server&) = delete;
-  Server& operator=(const Server&) = delete;
 
-  bool ok() const { return connection_ && !xcb_connection_has_error(connection_); }
+  bool ok() const { return server_.ok(); }
   void draw(std::uint32_t colour) {
-    xcb_change_gc(connection_, gc_, XCB_GC_FOREGROUND, &colour);
+    xcb_change_gc(server_.connection(), gc_, XCB_GC_FOREGROUND, &colour);
     const xcb_rectangle_t dot{0, 0, 8, 8};
-    xcb_poly_fill_rectangle(connection_, root_, gc_, 1, &dot);
-    std::free(xcb_get_input_focus_reply(connection_, xcb_get_input_focus(connection_), nullptr));
+    xcb_poly_fill_rectangle(server_.connection(), server_.root(), gc_, 1, &dot);
+    server_.wait();
   }
   bool get_image() {
-    auto* reply = xcb_get_image_reply(
-        connection_,
-        xcb_get_image(connection_, XCB_IMAGE_FORMAT_Z_PIXMAP, root_, 0, 0, WIDTH, HEIGHT, ~0u),
-        nullptr);
+    auto* reply = xcb_get_image_reply(server_.connection(),
+                                      xcb_get_image(server_.connection(), XCB_IMAGE_FORMAT_Z_PIXMAP,
+                                                    server_.root(), 0, 0, WIDTH, HEIGHT, ~0u),
+                                      nullptr);
     std::free(reply);
     return reply != nullptr;
   }
 
  private:
-  std::FILE* pipe_ = nullptr;
-  xcb_connection_t* connection_ = nullptr;
-  xcb_window_t root_ = XCB_NONE;
+  Server server_;
   xcb_gcontext_t gc_ = XCB_NONE;
 };
 
 // From a change on the screen, through its notification, to its pixels in our memory.
 void fetch_shared(benchmark::State& state) {
-  Server server;
+  Canvas server;
   const auto displays = server.ok() ? list_displays() : std::vector<DisplayInfo>{};
   if (displays.empty()) return state.SkipWithError("no Xvfb");
   const auto source = make_x11_source();
@@ -183,7 +169,7 @@ void fetch_shared(benchmark::State& state) {
 }
 
 void fetch_socket(benchmark::State& state) {
-  Server server;
+  Canvas server;
   if (!server.ok()) return state.SkipWithError("no Xvfb");
   std::uint32_t colour = 0;
   for (auto _ : state) {

@@ -1,8 +1,14 @@
 #include "host/platform.h"
 
+#include <csignal>
+
 #include "capture/source.h"
+#include "streams/linux/xtest_sink.h"
 
 Platform native_platform() {
+  // An X server that ends while it is written to must not end this process: xcb writes without
+  // MSG_NOSIGNAL.
+  std::signal(SIGPIPE, SIG_IGN);
   Platform platform;
   platform.list_displays = list_displays;
   platform.display_obstacle = display_obstacle;
@@ -16,6 +22,7 @@ Platform native_platform() {
     return std::make_unique<CapturePipeline>(native_capture_platform());
   };
   platform.make_virtual_displays = make_virtual_displays;
+  platform.make_input = make_xtest_sink;
   platform.make_sound_endpoints = make_sound_endpoints;
   return platform;
 }

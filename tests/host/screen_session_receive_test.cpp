@@ -37,18 +37,10 @@ class SessionClientTest : public HostWorld {
     return seq;
   }
   // What has been played since the last call.
-  std::vector<std::string> played() {
-    std::vector<std::string> calls(platform.input->begin() + static_cast<std::ptrdiff_t>(seen_),
-                                   platform.input->end());
-    seen_ = platform.input->size();
-    return calls;
-  }
+  std::vector<std::string> played() { return platform.input->take(); }
   void audio_control(TestLink& link, bool on) {
     link.send(peer::packet(LUND_PKT_AUDIO_CONTROL, 0, {std::uint8_t{on}}));
   }
-
- private:
-  std::size_t seen_ = 0;
 };
 
 lund_hello with_audio() {
@@ -188,7 +180,7 @@ TEST_F(SessionClientTest, ABitrateRequestIsBroughtIntoRange) {
 
 TEST_F(SessionClientTest, PacketsThatDoNotDecodeAreDropped) {
   TestLink laptop = stream();
-  platform.input->clear();
+  platform.input->calls.clear();
   log();
   for (const std::uint8_t type :
        {LUND_PKT_PING, LUND_PKT_CLIENT_STATS, LUND_PKT_BITRATE_REQUEST, LUND_PKT_AUDIO_CONTROL,
@@ -196,7 +188,7 @@ TEST_F(SessionClientTest, PacketsThatDoNotDecodeAreDropped) {
     laptop.send(peer::packet(type));
   EXPECT_THAT(laptop.receive(), IsEmpty());
   EXPECT_THAT(log(), IsEmpty());
-  EXPECT_THAT(*platform.input, IsEmpty());
+  EXPECT_THAT(platform.input->calls, IsEmpty());
 }
 
 TEST_F(SessionClientTest, ClipboardPacketsReachTheClipboard) {
@@ -214,14 +206,39 @@ TEST_F(SessionClientTest, EachKindOfInputIsPlayed) {
   laptop.input(1, {motion(-3, 4),
                    button(2, true),
                    {LUND_INPUT_WHEEL, 0, 0, 120, -240},
-                   key(0xE0, true),
-                   key(0xE0, false),
+                   key(0x05, true),
+                   key(0x05, false),
+                   key(0x06, true),
                    {LUND_INPUT_RELEASE_ALL, 0, 0, 0, 0},
                    {200, 1, 1, 1, 1},  // of no kind; uses up its number
-                   button(2, false)});
-  EXPECT_THAT(played(), ElementsAre("rel -3 4 on 0,0 1920x1080", "button 2 1", "wheel 120 -240",
-                                    "key 224 1", "key 224 0", "release", "button 2 0"));
-  EXPECT_EQ(acknowledged(laptop), 8u);
+                   button(3, true),
+                   button(3, false)});
+  EXPECT_THAT(played(), ElementsAre("rel -3 4", "button 2 down", "wheel -240", "hwheel 120",
+                                    "key 5 down", "key 5 up", "key 6 down", "key 6 up",
+                                    "button 2 up", "button 3 down", "button 3 up"));
+  EXPECT_EQ(acknowledged(laptop), 10u);
+}
+
+TEST_F(SessionClientTest, ControlIsTheGuiKeyAsTheOptionSays) {
+  for (const bool mac_keys : {true, false}) {
+    drop_host();
+    options.mac_keys = mac_keys;
+    TestLink laptop = stream();
+    laptop.input(1, {key(0xE0, true)});
+    EXPECT_THAT(played(), ElementsAre(mac_keys ? "key 227 down" : "key 224 down"));
+    laptop.bye();
+    played();
+  }
+}
+
+TEST_F(SessionClientTest, AClientThatFallsSilentLeavesNothingPressed) {
+  TestLink laptop = stream();
+  laptop.input(1, {key(0xE1, true), key(4, true), button(1, true)});
+  played();
+  run_ms(3'000);
+  EXPECT_THAT(played(), IsEmpty());
+  run_ms(100);
+  EXPECT_THAT(played(), ElementsAre("key 4 up", "key 225 up", "button 1 up"));
 }
 
 TEST_F(SessionClientTest, ABatchPlaysOnlyWhatIsNewAndNothingBehindAGap) {
@@ -234,7 +251,7 @@ TEST_F(SessionClientTest, ABatchPlaysOnlyWhatIsNewAndNothingBehindAGap) {
   EXPECT_THAT(played(), IsEmpty());
   laptop.input(5, {key(5, true), key(6, true), key(7, true), key(8, true)});
   EXPECT_EQ(acknowledged(laptop), 8u);
-  EXPECT_THAT(played(), ElementsAre("key 7 1", "key 8 1"));
+  EXPECT_THAT(played(), ElementsAre("key 7 down", "key 8 down"));
 }
 
 TEST_F(SessionClientTest, ABatchThatDoesNotDecodeIsAcknowledgedWithTheOldSequence) {
@@ -258,17 +275,15 @@ TEST_F(SessionClientTest, InputSequencesDoNotWrap) {
 TEST_F(SessionClientTest, AnOldMousePositionIsDropped) {
   TestLink laptop = stream();
   played();
-  const auto mouse = [&](std::uint32_t seq, std::uint16_t x) {
-    const lund_packet_header header;
-    peer::bytes packet(16);
-    lund_encode_mouse_abs(packet.data(), packet.size(), &header, seq, x, 7);
-    laptop.send(packet);
+  const auto mouse = [&](std::uint32_t seq, int x) {
+    laptop.mouse_abs(seq, static_cast<std::uint16_t>(x), 7);
   };
-  mouse(5, 50);
-  mouse(4, 40);
-  mouse(5, 51);
-  mouse(6, 60);
-  EXPECT_THAT(played(), ElementsAre("abs 50 7 on 0,0 1920x1080", "abs 60 7 on 0,0 1920x1080"));
+  constexpr int PIXEL = 65'535 / 1'919;  // of the screen's 1920 across
+  mouse(5, 50 * PIXEL);
+  mouse(4, 40 * PIXEL);
+  mouse(5, 51 * PIXEL);
+  mouse(6, 60 * PIXEL);
+  EXPECT_THAT(played(), ElementsAre("move 50,0", "move 60,0"));
   EXPECT_THAT(laptop.receive(), IsEmpty());
 }
 
@@ -294,8 +309,9 @@ TEST_F(SessionClientTest, InputFollowsAMonitorThatMoves) {
   EXPECT_THAT(log(), IsEmpty());
   run_ms(100);
   EXPECT_THAT(log(), Contains("monitor DP-1 moved to (-1280,0) 1280x720; input follows"));
-  laptop.input(1, {motion(1, 2)});
-  EXPECT_THAT(played(), ElementsAre("rel 1 2 on -1280,0 960x540"));
+  laptop.input(1, {motion(6, 3)});  // each of the stream's pixels is 4/3 of the monitor's now
+  laptop.mouse_abs(1, 0, 0xFFFF);
+  EXPECT_THAT(played(), ElementsAre("rel 8 4", "move -1280,719"));
   platform.displays[0].right = -1280;  // a width of nothing is no place
   log();
   laptop.ping();

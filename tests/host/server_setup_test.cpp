@@ -364,6 +364,7 @@ TEST_F(SessionSetupTest, ACancelledSetupWhoseCaptureFailsTellsTheClientNothing) 
 
 TEST_F(SessionSetupTest, TheEndLineSumsTheSessionUp) {
   TestLink laptop = stream();
+  laptop.input(1, {{LUND_INPUT_KEY, 1, 4, 0, 0}});
   platform.captures[0]->frame(true, 1'500'000 / 2);
   platform.captures[0]->frame(false, 1'500'000 / 2);
   fake_udp().sends_fail = true;
@@ -374,7 +375,7 @@ TEST_F(SessionSetupTest, TheEndLineSumsTheSessionUp) {
   laptop.bye();
   EXPECT_TRUE(logged("session " + id_text(laptop) + " ended (BYE from client): \"Laptop\" (" +
                      laptop.code() + "), 1.5 s, 3 frames, 1.5 MB, 1 keyframes, 3 send errors"));
-  EXPECT_EQ(platform.input->back(), "release");
+  EXPECT_EQ(platform.input->calls.back(), "key 4 up");
 }
 
 TEST_F(SessionSetupTest, TheClientsByeIsNotAnswered) {

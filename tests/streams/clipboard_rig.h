@@ -89,6 +89,20 @@ inline Bytes ack_packet(std::uint32_t id, std::uint8_t status,
   return packet;
 }
 
+// When how many bytes were sent.
+using Sendings = std::vector<std::pair<std::uint64_t, std::size_t>>;
+
+// The most bytes that were sent in any span of this length, its ends included.
+inline std::size_t most_within(const Sendings& sent, std::uint64_t window_us) {
+  std::size_t most = 0, inside = 0;
+  for (std::size_t first = 0, last = 0; last < sent.size(); ++last) {
+    inside += sent[last].second;
+    while (sent[last].first - sent[first].first > window_us) inside -= sent[first++].second;
+    most = std::max(most, inside);
+  }
+  return most;
+}
+
 class End {
  public:
   struct Item {
@@ -116,18 +130,15 @@ class End {
   int receive(const Bytes& packet) { return lund_clip_receive(clip, packet.data(), packet.size()); }
   std::vector<Bytes> take() { return std::exchange(sent, {}); }
 
-  // Steps for this long, whatever is due; the clock stands at its end.
+  // All steps that are due from now to the end of this time, where the clock then stands.
   void run_for_us(std::uint64_t us) {
     const std::uint64_t end = lund_now_us() + us;
     for (;;) {
-      const std::uint64_t left = end - lund_now_us();
       const auto wait = lund_clip_step(clip);
       if (wait && *wait == 0) continue;
-      if (!wait || *wait * std::uint64_t{1000} > left) {
-        virtual_time::advance_us(left);
-        return;
-      }
-      virtual_time::advance_us(*wait * std::uint64_t{1000});
+      const std::uint64_t left = end - lund_now_us();
+      if (left == 0) return;
+      virtual_time::advance_us(wait ? std::min(*wait * std::uint64_t{1000}, left) : left);
     }
   }
   void run_for_ms(std::uint64_t ms) { run_for_us(ms * 1000); }

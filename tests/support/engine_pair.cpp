@@ -41,6 +41,13 @@ EnginePair::Packet packet_of(const std::uint8_t* bytes, std::size_t size,
   lund_decode_header(bytes, size, &header);
   return {header.type, header.session_id, info, NetSim::Bytes(bytes, bytes + size)};
 }
+
+NetSim::Bytes number_packet(std::uint8_t type, std::uint32_t number) {
+  const lund_packet_header header{.type = type};
+  NetSim::Bytes plain(12);
+  lund_encode_u32_packet(plain.data(), plain.size(), &header, number);
+  return plain;
+}
 }  // namespace
 
 EnginePair::EnginePair(const Options& options)
@@ -187,30 +194,30 @@ bool EnginePair::client_logged(const std::string& part) const {
   });
 }
 
-bool EnginePair::client_says(std::uint32_t number, std::uint32_t session_id) {
-  lund_packet_header header;
-  header.type = LUND_PKT_CURSOR_REQUEST;
-  std::uint8_t plain[12];
-  std::uint8_t sealed[36];
+bool EnginePair::client_sends(const NetSim::Bytes& plain, std::uint32_t session_id) {
+  NetSim::Bytes sealed(plain.size() + std::size_t{LUND_SEAL_OVERHEAD});
   lund_rv_endpoint peer;
-  lund_encode_u32_packet(plain, sizeof plain, &header, number);
-  const std::size_t size =
-      lund_client_seal(client, session_id, plain, sizeof plain, sealed, sizeof sealed, &peer);
-  if (size > 0) net.send(client_node_, peer, sealed, size);
+  const std::size_t size = lund_client_seal(client, session_id, plain.data(), plain.size(),
+                                            sealed.data(), sealed.size(), &peer);
+  if (size > 0) net.send(client_node_, peer, sealed.data(), size);
   return size > 0;
 }
 
-bool EnginePair::host_says(std::uint32_t number, std::uint32_t session_id) {
-  lund_packet_header header;
-  header.type = LUND_PKT_INPUT_ACK;
-  std::uint8_t plain[12];
-  std::uint8_t sealed[36];
+bool EnginePair::host_sends(const NetSim::Bytes& plain, std::uint32_t session_id) {
+  NetSim::Bytes sealed(plain.size() + std::size_t{LUND_SEAL_OVERHEAD});
   lund_rv_endpoint peer;
-  lund_encode_u32_packet(plain, sizeof plain, &header, number);
-  const std::size_t size =
-      lund_host_seal(host, session_id, plain, sizeof plain, sealed, sizeof sealed, &peer);
-  if (size > 0) net.send(host_node_, peer, sealed, size);
+  const std::size_t size = lund_host_seal(host, session_id, plain.data(), plain.size(),
+                                          sealed.data(), sealed.size(), &peer);
+  if (size > 0) net.send(host_node_, peer, sealed.data(), size);
   return size > 0;
+}
+
+bool EnginePair::client_says(std::uint32_t number, std::uint32_t session_id) {
+  return client_sends(number_packet(LUND_PKT_CURSOR_REQUEST, number), session_id);
+}
+
+bool EnginePair::host_says(std::uint32_t number, std::uint32_t session_id) {
+  return host_sends(number_packet(LUND_PKT_INPUT_ACK, number), session_id);
 }
 
 void EnginePair::start_traffic(std::uint64_t interval_us) {

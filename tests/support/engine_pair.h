@@ -66,6 +66,9 @@ class EnginePair {
   std::vector<lund_conn_event> host_events(std::uint32_t type);
   bool client_logged(const std::string& part) const;
 
+  // A packet of the application, sealed and sent.
+  bool client_sends(const NetSim::Bytes& plain, std::uint32_t session_id);
+  bool host_sends(const NetSim::Bytes& plain, std::uint32_t session_id);
   // One small packet of the application with a number in it, sealed and sent.
   bool client_says(std::uint32_t number, std::uint32_t session_id = 0);
   bool host_says(std::uint32_t number, std::uint32_t session_id);

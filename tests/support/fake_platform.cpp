@@ -11,11 +11,6 @@ std::string words(const char* verb, const Parts&... parts) {
   return text;
 }
 
-std::string at(const InputTarget& target) {
-  return " on " + std::to_string(target.monitor.left) + "," + std::to_string(target.monitor.top) +
-         " " + std::to_string(target.width) + "x" + std::to_string(target.height);
-}
-
 class Capture final : public VideoCapture {
  public:
   explicit Capture(std::shared_ptr<FakeCapture> record) : record_(std::move(record)) {
@@ -58,29 +53,6 @@ class Audio final : public AudioCapture {
 
  private:
   std::shared_ptr<FakeAudio> record_;
-};
-
-class Input final : public InputInjector {
- public:
-  explicit Input(std::shared_ptr<std::vector<std::string>> calls) : calls_(std::move(calls)) {}
-  void set_mac_keys(bool on) override { calls_->push_back(words("mac_keys", int{on})); }
-  void mouse_rel(const InputTarget& target, int dx, int dy) override {
-    calls_->push_back(words("rel", dx, dy) + at(target));
-  }
-  void mouse_abs(const InputTarget& target, std::uint16_t x, std::uint16_t y) override {
-    calls_->push_back(words("abs", x, y) + at(target));
-  }
-  void mouse_button(int button, bool down) override {
-    calls_->push_back(words("button", button, int{down}));
-  }
-  void mouse_wheel(int dx, int dy) override { calls_->push_back(words("wheel", dx, dy)); }
-  void key(std::uint16_t usage, bool down) override {
-    calls_->push_back(words("key", usage, int{down}));
-  }
-  void release_all() override { calls_->push_back("release"); }
-
- private:
-  std::shared_ptr<std::vector<std::string>> calls_;
 };
 
 class Clipboard final : public HostClipboard {
@@ -147,7 +119,7 @@ void FakeCapture::frame(bool keyframe, std::uint64_t size, std::uint64_t capture
 }
 
 FakePlatform::FakePlatform()
-    : input(std::make_shared<std::vector<std::string>>()),
+    : input(std::make_shared<InputRecord>()),
       clipboard(std::make_shared<FakeClipboard>()),
       virtual_displays(std::make_shared<FakeVirtualDisplays>()) {}
 
@@ -190,7 +162,7 @@ Platform FakePlatform::record() {
   platform.make_virtual_displays = [this] { return std::make_unique<Displays>(virtual_displays); };
   if (has_clipboard)
     platform.make_clipboard = [this] { return std::make_unique<Clipboard>(clipboard); };
-  if (has_input) platform.make_input = [this] { return std::make_unique<Input>(input); };
+  if (has_input) platform.make_input = [this] { return std::make_unique<FakeInputSink>(input); };
   if (has_audio)
     platform.make_audio = [this] {
       audios.push_back(std::make_shared<FakeAudio>());

@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "host/platform.h"
+#include "tests/support/fake_input_sink.h"
 
 struct FakeCapture {
   VideoSettings settings;
@@ -65,7 +66,7 @@ class FakePlatform {
   std::function<void(FakeCapture&)> prepare_capture;  // sees each before the host has it
   std::vector<std::shared_ptr<FakeCapture>> captures;
   std::vector<std::shared_ptr<FakeAudio>> audios;
-  std::shared_ptr<std::vector<std::string>> input;
+  std::shared_ptr<InputRecord> input;
   std::shared_ptr<FakeClipboard> clipboard;
   std::shared_ptr<FakeVirtualDisplays> virtual_displays;
   bool has_audio = true;

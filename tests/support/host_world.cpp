@@ -69,6 +69,13 @@ void TestLink::input(std::uint32_t seq, const std::vector<lund_input_event>& eve
   send(packet);
 }
 
+void TestLink::mouse_abs(std::uint32_t seq, std::uint16_t x, std::uint16_t y) {
+  const lund_packet_header header;
+  peer::bytes packet(16);
+  lund_encode_mouse_abs(packet.data(), packet.size(), &header, seq, x, y);
+  send(packet);
+}
+
 std::string TestLink::code() const {
   char code[LUND_KEY_CODE_TEXT];
   lund_key_code(code, peer_.keys.public_key);

@@ -32,6 +32,7 @@ class TestLink {
   void bye() { send(peer::packet(LUND_PKT_BYE)); }
   void u32(std::uint8_t type, std::uint32_t value);
   void input(std::uint32_t seq, const std::vector<lund_input_event>& events);
+  void mouse_abs(std::uint32_t seq, std::uint16_t x, std::uint16_t y);
   void rekey();
 
   // Everything that came on this session since the last call, opened, in order.

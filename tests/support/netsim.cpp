@@ -1,24 +1,10 @@
 #include "tests/support/netsim.h"
 
+#include <algorithm>
 #include <utility>
 
 #include "connection/clock.h"
 #include "tests/support/virtual_time.h"
-
-std::uint64_t SeededRandom::next() {
-  std::uint64_t z = state_ += 0x9e3779b97f4a7c15;
-  z = (z ^ (z >> 30)) * 0xbf58476d1ce4e5b9;
-  z = (z ^ (z >> 27)) * 0x94d049bb133111eb;
-  return z ^ (z >> 31);
-}
-
-std::uint64_t SeededRandom::below(std::uint64_t limit) {
-  return limit == 0 ? 0 : next() % limit;
-}
-
-bool SeededRandom::chance(double probability) {
-  return static_cast<double>(next() >> 11) * 0x1.0p-53 < probability;
-}
 
 int NetSim::add_network(const Link& link) {
   networks_.push_back(link);
@@ -57,18 +43,29 @@ void NetSim::send(int node, const lund_rv_endpoint& to, const std::uint8_t* byte
   Datagram datagram{own->second, to, Bytes(bytes, bytes + size)};
   if (tap_) tap_(datagram);
   if (rewrite_ && !rewrite_(datagram)) return;
-  transmit(link(network), datagram);
+  transmit(node, network, datagram);
+}
+
+// In nanoseconds, so that what a datagram takes isn't rounded.
+std::uint64_t NetSim::queued_us(int node, int network, std::size_t size) {
+  const std::uint64_t rate = link(network).bytes_per_second;
+  if (rate == 0) return 0;
+  const std::uint64_t now_ns = lund_now_us() * 1000;
+  std::uint64_t& free_at = free_at_ns_[{node, network}];
+  free_at = std::max(free_at, now_ns) + size * 1'000'000'000 / rate;
+  return (free_at - now_ns + 999) / 1000;
 }
 
 // The dice are thrown in the same number whatever the link is like, so that a change of one link
 // leaves what happens on the others alone.
-void NetSim::transmit(const Link& link, const Datagram& datagram) {
+void NetSim::transmit(int node, int network, const Datagram& datagram) {
+  const Link& link = this->link(network);
   const bool lost = random_.chance(link.loss);
   const bool twice = random_.chance(link.duplicate);
   const std::uint64_t first = link.delay_us + random_.below(link.jitter_us + 1);
   const std::uint64_t second = link.delay_us + random_.below(link.jitter_us + 1);
   if (link.down) return;
-  const std::uint64_t now = lund_now_us();
+  const std::uint64_t now = lund_now_us() + queued_us(node, network, datagram.bytes.size());
   if (!lost) in_flight_.push({now + first, order_++, datagram});
   if (twice) in_flight_.push({now + second, order_++, datagram});
 }

@@ -1,28 +1,18 @@
 // A network in virtual time for tests of the engines: nodes with an address on each of their
-// networks, links that delay, reorder, lose and duplicate, all from one seed. Datagrams arrive and
-// nodes tick in the order of time, and the virtual clock moves from one to the next, so a run of
-// minutes takes no time and the same seed gives the same run.
+// networks, links that delay, reorder, lose, duplicate and queue, all from one seed. Datagrams
+// arrive and nodes tick in the order of time, and the virtual clock moves from one to the next, so
+// a run of minutes takes no time and the same seed gives the same run.
 #pragma once
 
 #include <cstdint>
 #include <functional>
 #include <map>
 #include <queue>
+#include <utility>
 #include <vector>
 
 #include "connection/netsock.h"
-
-// Small, fast, and the same everywhere, unlike the standard library's distributions (SplitMix64).
-class SeededRandom {
- public:
-  explicit SeededRandom(std::uint64_t seed) : state_(seed) {}
-  std::uint64_t next();
-  std::uint64_t below(std::uint64_t limit);  // 0 for limit 0
-  bool chance(double probability);
-
- private:
-  std::uint64_t state_;
-};
+#include "tests/support/seeded_random.h"
 
 class NetSim {
  public:
@@ -34,6 +24,9 @@ class NetSim {
     double loss = 0;
     double duplicate = 0;
     bool down = false;
+    // Of each sender's way, which has a queue without end before it; what is lost is lost behind
+    // it. 0: no limit.
+    std::uint64_t bytes_per_second = 0;
   };
 
   struct Datagram {
@@ -57,6 +50,8 @@ class NetSim {
   void set_rewrite(Rewrite rewrite) { rewrite_ = std::move(rewrite); }
   // The same as it arrives, before it is known for whom: a NAT's other direction.
   void set_arrival(Rewrite arrival) { arrival_ = std::move(arrival); }
+  // The node's next tick is now, not when its last one said.
+  void wake(int node) { nodes_[static_cast<std::size_t>(node)].next_tick = 0; }
   // The way to every address that no node has, as by a default route.
   void set_default_network(int network) { default_network_ = network; }
   void set_tap(Receive tap) { tap_ = std::move(tap); }  // sees what is sent, before any loss
@@ -95,13 +90,15 @@ class NetSim {
   bool step(std::uint64_t limit);  // the next arrival or tick up to `limit`; false: there is none
   int network_of(const lund_rv_endpoint& address) const;
   Node* node_at(const lund_rv_endpoint& address);
-  void transmit(const Link& link, const Datagram& datagram);
+  void transmit(int node, int network, const Datagram& datagram);
+  std::uint64_t queued_us(int node, int network, std::size_t size);  // until it is on its way
   void deliver(Datagram datagram);
   void trace(std::uint64_t value);
 
   SeededRandom random_;
   std::vector<Link> networks_;
   std::vector<Node> nodes_;
+  std::map<std::pair<int, int>, std::uint64_t> free_at_ns_;  // of each node's way into a network
   Rewrite rewrite_, arrival_;
   int default_network_ = -1;
   Receive tap_;

@@ -13,7 +13,7 @@ class Xvfb {
  public:
   // Returns when the server accepts connections. DISPLAY of this process names it until the end,
   // WAYLAND_DISPLAY is unset.
-  Xvfb(int width, int height, int depth = 24);
+  Xvfb(int width, int height, int depth = 24, std::vector<std::string> options = {});
   ~Xvfb();
   Xvfb(const Xvfb&) = delete;
   Xvfb& operator=(const Xvfb&) = delete;
@@ -22,6 +22,8 @@ class Xvfb {
   const std::string& display() const { return display_; }  // ":7"
   void kill();                                             // at once, as a crash would
   void restart();                                          // after kill, on the same display
+  void pause();                                            // hangs until it is resumed
+  void resume();
   double processor_seconds() const { return server_->processor_seconds(); }
 
   // `xrandr` with these arguments; true on success.
@@ -32,6 +34,7 @@ class Xvfb {
   void start();
 
   std::string screen_;
+  std::vector<std::string> options_;
   std::unique_ptr<ChildProcess> server_;
   std::string display_;
   std::string former_display_;

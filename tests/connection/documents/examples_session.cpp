@@ -141,21 +141,22 @@ void add_input(Examples& examples) {
       .u16("y", 65'535);
 }
 
+// A text of 1359 bytes at a packet size of 1376: a whole chunk, which is lost, and a tail of 4.
 void add_clipboard(Examples& examples) {
   const Bytes text = bytes_of("text");
-  const lund_clipboard_chunk chunk{.id = 3, .kind = 1, .total = 2'000, .offset = 1'451};
+  const lund_clipboard_chunk chunk{.id = 3, .kind = 1, .total = 1'359, .offset = 1'355};
   PacketExample(examples, "CLIPBOARD",
                 encoded(lund_encode_clipboard, IN_SESSION, &chunk, text.data(), text.size()))
       .header(12, 0, SESSION_ID)
       .u32("id", 3)
       .u8("kind", 1)
-      .u32("total", 2'000)
-      .u32("offset", 1'451)
+      .u32("total", 1'359)
+      .u32("offset", 1'355)
       .variable("chunk", text);
 
-  const lund_clipboard_ack ack{
-      .id = 3, .status = 1, .range_count = 1, .ranges = {{.offset = 1'455, .length = 545}}};
-  const Bytes packet = encoded(lund_encode_clipboard_ack, IN_SESSION, &ack);
+  const lund_clipboard_ack missing{
+      .id = 3, .status = 1, .range_count = 1, .ranges = {{.offset = 0, .length = 1'355}}};
+  const Bytes packet = encoded(lund_encode_clipboard_ack, IN_SESSION, &missing);
   PacketExample(examples, "CLIPBOARD_ACK", packet)
       .header(13, 0, SESSION_ID)
       .u32("id", 3)
@@ -163,8 +164,16 @@ void add_clipboard(Examples& examples) {
       .u8("range_count", 1)
       .variable("ranges", {packet.begin() + 14, packet.end()});
   PacketExample(examples, "clipboard range", {packet.begin() + 14, packet.end()})
-      .u32("offset", 1'455)
-      .u32("length", 545);
+      .u32("offset", 0)
+      .u32("length", 1'355);
+
+  const lund_clipboard_ack complete{.id = 3, .status = 0};
+  PacketExample(examples, "CLIPBOARD_ACK, all has come",
+                encoded(lund_encode_clipboard_ack, IN_SESSION, &complete))
+      .header(13, 0, SESSION_ID)
+      .u32("id", 3)
+      .u8("status", 0)
+      .u8("range_count", 0);
 }
 
 void add_pair_back(Examples& examples) {

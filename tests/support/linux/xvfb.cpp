@@ -35,8 +35,9 @@ int own_display_number() {
 
 }  // namespace
 
-Xvfb::Xvfb(int width, int height, int depth)
+Xvfb::Xvfb(int width, int height, int depth, std::vector<std::string> options)
     : screen_(std::to_string(width) + "x" + std::to_string(height) + "x" + std::to_string(depth)),
+      options_(std::move(options)),
       display_(":" + std::to_string(own_display_number())) {
   start();
   if (const char* former = std::getenv("DISPLAY")) former_display_ = former;
@@ -45,9 +46,10 @@ Xvfb::Xvfb(int width, int height, int depth)
 }
 
 void Xvfb::start() {
-  server_ = std::make_unique<ChildProcess>(
-      std::vector<std::string>{"Xvfb", display_, "-displayfd", "1", "-noreset", "-nolisten", "tcp",
-                               "-screen", "0", screen_});
+  std::vector<std::string> command{"Xvfb",      display_, "-displayfd", "1", "-noreset",
+                                   "-nolisten", "tcp",    "-screen",    "0", screen_};
+  command.insert(command.end(), options_.begin(), options_.end());
+  server_ = std::make_unique<ChildProcess>(std::move(command));
   const auto until = std::chrono::steady_clock::now() + START_DEADLINE;
   // The server writes its number once it accepts connections.
   while (display_number(server_->output()).empty() && std::chrono::steady_clock::now() < until) {
@@ -57,6 +59,14 @@ void Xvfb::start() {
   const bool started = !display_number(server_->output()).empty();
   EXPECT_TRUE(started) << "Xvfb did not start; it said:\n" << server_->output();
   if (!started) display_.clear();
+}
+
+void Xvfb::pause() {
+  server_->signal(SIGSTOP);
+}
+
+void Xvfb::resume() {
+  server_->signal(SIGCONT);
 }
 
 void Xvfb::restart() {
