@@ -27,5 +27,6 @@ Platform native_platform() {
   platform.make_audio = [] { return std::make_unique<OpusAudioCapture>(make_native_audio_source); };
   platform.make_clipboard = [] { return std::make_unique<HostClipboardSync>(); };
   platform.make_input = make_xtest_sink;
+  platform.make_sound_endpoints = make_sound_endpoints;
   return platform;
 }
