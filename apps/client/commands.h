@@ -23,6 +23,20 @@ enum ExitStatus : int {
   EXIT_LOCAL = 5,
 };
 
+inline constexpr int SCREENS_MAX = 4;  // that a host has for one client
+
+struct ViewArguments {
+  int screens = 1;
+  std::string release_key = "right-ctrl";
+  bool relative = false;
+  bool full_screen = false;
+  bool grab = true;
+  bool sound = true;
+  bool clipboard = true;
+  double seconds = 0;
+  std::filesystem::path snapshot, report;
+};
+
 struct Arguments {
   std::filesystem::path store;
   bool verbose = false;
@@ -49,6 +63,7 @@ struct Arguments {
   unsigned screens = 0;  // this many, from 0 on; 0: only `screen`
   std::filesystem::path audio_out, clipboard_set, clipboard_get;
   std::vector<InputAction> actions;  // of --type and --click, in order
+  ViewArguments view;
 
   const std::atomic<bool>* stop = nullptr;  // Ctrl+C
 };
@@ -62,6 +77,7 @@ int run_relay_remove(const Arguments& args);
 int run_relay_check(const Arguments& args);
 int run_pair(const Arguments& args);
 int run_connect(const Arguments& args);
+int run_view(const Arguments& args);
 
 // A configuration that is wiped with its scope, for the identity and the relays' keys in it.
 struct ClientConfig : lund_client_config {

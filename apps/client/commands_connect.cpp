@@ -1,4 +1,5 @@
-// connect: receives a host's screen, records and measures it.
+// connect: receives a host's screens, records and measures them; types, clicks, and shares sound
+// and clipboard for scripts.
 #include <algorithm>
 #include <cstdio>
 #include <optional>
@@ -6,58 +7,12 @@
 
 #include "apps/client/commands.h"
 #include "apps/client/connect_run.h"
-#include "apps/client/host_choice.h"
-#include "apps/client/known_hosts.h"
-#include "apps/client/relay_links.h"
+#include "apps/client/host_access.h"
 #include "apps/client/report.h"
-#include "control/sysinfo.h"
 
 namespace client_app {
 
 namespace {
-
-lund_hello make_hello(const Arguments& args, unsigned screen) {
-  lund_hello hello;
-  hello.width = static_cast<std::uint16_t>(args.width);
-  hello.height = static_cast<std::uint16_t>(args.height);
-  hello.fps = static_cast<std::uint16_t>(args.fps);
-  hello.bitrate_kbps = args.bitrate_kbps;
-  hello.codec = args.codec == "hevc" ? 1 : args.codec == "h264" ? 2 : 0;
-  hello.fec_percent = static_cast<std::uint8_t>(args.fec);
-  hello.screen = static_cast<std::uint8_t>(screen);
-  hello.audio = screen == 0 && !args.audio_out.empty();
-  return hello;
-}
-
-ExitStatus exit_status(SessionEnd end) {
-  switch (end) {
-    case SessionEnd::Done:
-      return EXIT_OK;
-    case SessionEnd::NoAnswer:
-      return EXIT_NO_ANSWER;
-    case SessionEnd::LocalFailure:
-      return EXIT_LOCAL;
-    case SessionEnd::UnknownDevice:
-    case SessionEnd::Busy:
-    case SessionEnd::Refused:
-    case SessionEnd::HostEnded:
-      break;
-  }
-  return EXIT_REFUSED;
-}
-
-// What a session has shown is worth keeping however the stream ended.
-bool remember(ClientStore& store, const lund_host_entry& host, const HostSession& session,
-              const HostLink& link, const lund_relay_config& given, std::FILE* talk,
-              std::string* error) {
-  if (session.paths().empty()) return true;
-  const std::uint64_t now_s = lund_wall_us() / 1'000'000;
-  std::fputs(remember_relays(given, &store).c_str(), talk);
-  return store.update(
-      host,
-      [&](lund_host_entry& entry) { learn(session.paths(), link.lan_search(), now_s, &entry); },
-      error);
-}
 
 int report_stream(const Arguments& args, HostSession& session, HostLink& link,
                   const ConnectRun& run, std::FILE* talk, ExitStatus status) {
@@ -90,12 +45,19 @@ int check_sharing(const Arguments& args, const ConnectRun& run) {
   return status;
 }
 
+lund_hello wish(const Arguments& args, unsigned screen) {
+  lund_hello hello = make_hello(args);
+  hello.screen = static_cast<std::uint8_t>(screen);
+  hello.audio = screen == 0 && !args.audio_out.empty();
+  return hello;
+}
+
 SessionRequest make_request(const Arguments& args) {
   SessionRequest request;
   request.reconnect = args.reconnect;
   const unsigned first = args.screens == 0 ? args.screen : 0;
   for (unsigned i = 0; i < std::max(args.screens, 1U); ++i) {
-    request.screens.push_back(make_hello(args, first + i));
+    request.screens.push_back(wish(args, first + i));
     request.recordings.push_back(screen_directory(args.out, i));
   }
   return request;
@@ -137,32 +99,15 @@ struct Sharing {
 }  // namespace
 
 int run_connect(const Arguments& args) {
-  ClientStore store;
   std::string error;
-  if (!store.open(args.store, &error)) return fail(EXIT_LOCAL, error);
-  const lund_host_entry* known = store.find(args.host);
-  if (!known)
-    return fail(EXIT_REFUSED,
-                "no paired host answers to \"" + args.host + "\": pair first, or name one");
-  const lund_host_entry host = *known;
-  RelayList given;
-  if (!given_relays(args.relays, args.relay_file, &given.config, &error))
-    return fail(EXIT_USAGE, error);
+  HostAccess access;
+  if (const ExitStatus status = access.open(args, &error); status != EXIT_OK)
+    return fail(status, error);
   SessionRequest request = make_request(args);
   if (!make_directories(request, &error)) return fail(EXIT_LOCAL, error);
   Sharing sharing;
-  if (const ExitStatus refused = sharing.open(args, &error)) return fail(refused, error);
-
-  const std::string own_name = computer_name_utf8();
-  ClientConfig config;
-  configure(args, store, given.config, own_name, &config);
-  config.has_host_key = 1;
-  std::copy(std::begin(host.key), std::end(host.key), config.host_key);
-  HostLink link;
-  if (!link.open(config, &error)) return fail(EXIT_LOCAL, error);
-  add_candidates(link, parse_host(args.host), &host);
-  link.look_for(wanted_for_connecting(host, args.path_mode));
-  link.set_drop(args.drop_percent, args.seed);
+  if (const ExitStatus status = sharing.open(args, &error); status != EXIT_OK)
+    return fail(status, error);
 
   ConnectRun::Plan plan;
   plan.seconds = args.seconds;
@@ -172,14 +117,14 @@ int run_connect(const Arguments& args) {
   if (sharing.clipboard) request.clipboard = plan.clipboard = &*sharing.clipboard;
   if (args.clipboard_get == "-") plan.talk = stderr;
   ConnectRun run(plan);
+  HostLink& link = access.link();
   HostSession session(link, request, run);
   std::string ended;
   const SessionEnd end = run.run(session, &ended);
   int status = exit_status(end);
   if (session.main().ever_granted())
     status = report_stream(args, session, link, run, plan.talk, exit_status(end));
-  if (!remember(store, host, session, link, given.config, plan.talk, &error))
-    status = fail(EXIT_LOCAL, error);
+  if (!access.remember(session, &error, plan.talk)) status = fail(EXIT_LOCAL, error);
   if (end != SessionEnd::Done) return fail(static_cast<ExitStatus>(status), ended);
   const int shared = check_sharing(args, run);
   return status == EXIT_OK ? shared : status;

@@ -1,10 +1,12 @@
-// lunderhaze-client: discovers hosts, pairs with them, and streams from them without a window.
+// lunderhaze-client: discovers hosts, pairs with them, shows their screens in windows, and streams
+// from them without one.
 #include <CLI/CLI.hpp>
 
 #include <csignal>
 #include <cstdio>
 
 #include "apps/client/commands.h"
+#include "apps/client/view/keys.h"
 #include "apps/version.h"
 #include "control/keystore.h"
 #include "control/log.h"
@@ -109,6 +111,17 @@ void add_sharing(CLI::App& connect, Arguments& args) {
       ->type_name("X,Y");
 }
 
+// What connect and view wish of a stream.
+void add_wishes(CLI::App& command, Arguments& args) {
+  command.add_option("--width", args.width, "Widest picture wanted")->check(CLI::Range(0, 65535));
+  command.add_option("--height", args.height, "Highest picture wanted")
+      ->check(CLI::Range(0, 65535));
+  command.add_option("--fps", args.fps, "Pictures a second wanted")->check(CLI::Range(0, 240));
+  command.add_option("--bitrate-kbps", args.bitrate_kbps, "Bit rate wanted");
+  command.add_option("--fec", args.fec, "Parity wanted, percent")->check(CLI::Range(0, 200));
+  command.add_option("--codec", args.codec, "hevc or h264")->check(CLI::IsMember({"hevc", "h264"}));
+}
+
 void add_connect(CLI::App& connect, Arguments& args) {
   add_reaching(connect, args);
   connect.add_option("--seconds", args.seconds, "How long; 0: until Ctrl+C")->capture_default_str();
@@ -119,16 +132,34 @@ void add_connect(CLI::App& connect, Arguments& args) {
   connect.add_option("--seed", args.seed, "Seed of that loss")->capture_default_str();
   auto* screen = connect.add_option("--screen", args.screen, "0 to 3")->check(CLI::Range(0, 3));
   connect.add_option("--screens", args.screens, "So many at once, from 0 on")
-      ->check(CLI::Range(1, 4))
+      ->check(CLI::Range(1, SCREENS_MAX))
       ->excludes(screen);
-  connect.add_option("--width", args.width, "Widest picture wanted")->check(CLI::Range(0, 65535));
-  connect.add_option("--height", args.height, "Highest picture wanted")
-      ->check(CLI::Range(0, 65535));
-  connect.add_option("--fps", args.fps, "Pictures a second wanted")->check(CLI::Range(0, 240));
-  connect.add_option("--bitrate-kbps", args.bitrate_kbps, "Bit rate wanted");
-  connect.add_option("--fec", args.fec, "Parity wanted, percent")->check(CLI::Range(0, 200));
-  connect.add_option("--codec", args.codec, "hevc or h264")->check(CLI::IsMember({"hevc", "h264"}));
+  add_wishes(connect, args);
   add_sharing(connect, args);
+}
+
+void add_view(CLI::App& view, Arguments& args) {
+  add_reaching(view, args);
+  ViewArguments& wanted = args.view;
+  view.add_option("--screens", wanted.screens, "How many of the host's, a window each")
+      ->check(CLI::Range(1, SCREENS_MAX))
+      ->capture_default_str();
+  view.add_flag("--full-screen", wanted.full_screen, "Start in full screen");
+  view.add_flag("--relative", wanted.relative, "Start with the mouse captured, for games and 3D");
+  view.add_flag("!--no-grab", wanted.grab, "Leave Alt+Tab and the like to this desktop");
+  view.add_flag("!--no-sound", wanted.sound, "Without the host's sound");
+  view.add_flag("!--no-clipboard", wanted.clipboard, "Share no clipboard");
+  view.add_option("--release-key", wanted.release_key,
+                  "The key that is the viewer's own: " + release_key_names())
+      ->check([](const std::string& name) {
+        return release_key_by_name(name) ? "" : "not one of " + release_key_names();
+      })
+      ->capture_default_str();
+  add_wishes(view, args);
+  view.add_option("--seconds", wanted.seconds, "How long; 0: until it is closed")
+      ->capture_default_str();
+  view.add_option("--snapshot", wanted.snapshot, "PNG of what the window shows at the end");
+  view.add_option("--report", wanted.report, "JSON of what was measured");
 }
 
 void add_relay(CLI::App& relay, Arguments& args, std::vector<Subcommand>& commands) {
@@ -169,6 +200,10 @@ int run_program(int argc, char** argv) {
   CLI::App* pair = app.add_subcommand("pair", "Become a device that the host knows");
   add_pair(*pair, args);
   commands.push_back({pair, run_pair});
+  CLI::App* view =
+      app.add_subcommand("view", "A host's screens in windows, with mouse, keyboard and sound");
+  add_view(*view, args);
+  commands.push_back({view, run_view});
   CLI::App* connect = app.add_subcommand("connect", "Receive a screen, record and measure it");
   add_connect(*connect, args);
   commands.push_back({connect, run_connect});

@@ -83,17 +83,22 @@ StreamStatistics::Second StreamStatistics::finish_second(double seconds) {
     return counts.stage_sum_us[static_cast<std::size_t>(stage)] / frames / 1000.0;
   };
   const double total = static_cast<double>(counts.frames + counts.lost);
+  const double mbps = static_cast<double>(counts.bytes) * 8 / seconds / 1e6;
   const double loss_percent = total > 0 ? 100.0 * counts.lost / total : 0.0;
   char line[256];
   std::snprintf(line, sizeof line,
                 "%5.1f fps %6.2f Mbps rtt %5.2f ms loss %4.1f%% recovered %u | "
                 "total %5.2f ms = paint %.2f encode %.2f transport %.2f queue %.2f decode %.2f",
-                counts.frames / seconds, static_cast<double>(counts.bytes) * 8 / seconds / 1e6,
-                rtt_us_ / 1000, loss_percent, counts.recovered_frames, average_ms(Stage::Total),
-                average_ms(Stage::Paint), average_ms(Stage::Encode), average_ms(Stage::Transport),
-                average_ms(Stage::Queue), average_ms(Stage::Decode));
-  return {line, counts.frames, counts.lost, counts.recovered_frames,
-          static_cast<std::uint32_t>(average_ms(Stage::Decode) * 1000)};
+                counts.frames / seconds, mbps, rtt_us_ / 1000, loss_percent,
+                counts.recovered_frames, average_ms(Stage::Total), average_ms(Stage::Paint),
+                average_ms(Stage::Encode), average_ms(Stage::Transport), average_ms(Stage::Queue),
+                average_ms(Stage::Decode));
+  return {line,
+          counts.frames,
+          counts.lost,
+          counts.recovered_frames,
+          static_cast<std::uint32_t>(average_ms(Stage::Decode) * 1000),
+          mbps};
 }
 
 nlohmann::json StreamStatistics::report(double seconds) const {

@@ -45,6 +45,7 @@ class StreamStatistics {
     std::uint32_t lost = 0;
     std::uint32_t recovered_frames = 0;
     std::uint32_t decode_us = 0;
+    double mbps = 0;
   };
   Second finish_second(double seconds);
 

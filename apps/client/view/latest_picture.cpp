@@ -1,0 +1,63 @@
+#include "apps/client/view/latest_picture.h"
+
+extern "C" {
+#include <libavutil/pixfmt.h>
+#include <libswscale/swscale.h>
+}
+
+#include <utility>
+
+LatestPicture::~LatestPicture() {
+  sws_freeContext(scaler_);
+}
+
+bool LatestPicture::convert(const DecodedPicture& from, ShownPicture* to) {
+  if (!scaler_ || scaler_width_ != from.width || scaler_height_ != from.height) {
+    sws_freeContext(scaler_);
+    scaler_ = sws_getContext(from.width, from.height, AV_PIX_FMT_YUV420P, from.width, from.height,
+                             AV_PIX_FMT_BGRA, SWS_BILINEAR, nullptr, nullptr, nullptr);
+    if (!scaler_) return false;
+    const int* coefficients = sws_getCoefficients(SWS_CS_ITU709);
+    constexpr int FULL_RANGE = 1;
+    constexpr int ONE = 1 << 16;  // contrast and saturation
+    sws_setColorspaceDetails(scaler_, coefficients, FULL_RANGE, coefficients, FULL_RANGE, 0, ONE,
+                             ONE);
+    scaler_width_ = from.width;
+    scaler_height_ = from.height;
+  }
+  to->width = from.width;
+  to->height = from.height;
+  to->pixels.resize(static_cast<std::size_t>(from.width) * static_cast<std::size_t>(from.height) *
+                    4);
+  std::uint8_t* planes[] = {to->pixels.data()};
+  const int strides[] = {from.width * 4};
+  return sws_scale(scaler_, from.planes, from.strides, 0, from.height, planes, strides) ==
+         from.height;
+}
+
+bool LatestPicture::offer(const DecodedPicture& picture, const FrameTimes& times,
+                          std::uint64_t now_us) {
+  ShownPicture& target = buffers_[filling_];
+  if (!convert(picture, &target)) return false;
+  target.times = times;
+  target.decoded_us = now_us;
+  target.serial = ++serial_;
+  std::lock_guard lock(mutex_);
+  replaced_ += fresh_;
+  std::swap(filling_, waiting_);
+  fresh_ = true;
+  return true;
+}
+
+const ShownPicture* LatestPicture::take() {
+  std::lock_guard lock(mutex_);
+  if (!fresh_) return nullptr;
+  std::swap(showing_, waiting_);
+  fresh_ = false;
+  return &buffers_[showing_];
+}
+
+std::uint64_t LatestPicture::replaced() const {
+  std::lock_guard lock(mutex_);
+  return replaced_;
+}

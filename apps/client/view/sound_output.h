@@ -1,0 +1,47 @@
+// The sound device: what arrives is played, with at most SOUND_MOST_MS waiting, the device's own
+// buffer included. The network thread pushes, the device's thread pulls; one lock over the buffer
+// between them, held for a copy.
+#pragma once
+
+#include <SDL.h>
+
+#include <mutex>
+#include <string>
+
+#include "apps/client/sound_receiver.h"
+#include "apps/client/view/playout.h"
+
+inline constexpr std::size_t SOUND_MOST_MS = 60;
+
+class SoundOutput {
+ public:
+  SoundOutput();
+  ~SoundOutput() { close(); }
+  SoundOutput(const SoundOutput&) = delete;
+  SoundOutput& operator=(const SoundOutput&) = delete;
+
+  bool open(std::string* error);  // false: this computer has no sound device
+  void close();
+  bool is_open() const { return device_ != 0; }
+
+  void play(const SoundBlock& block);  // network thread
+  void set_on(bool on);                // off: what waits is forgotten
+
+  struct Figures {
+    PlayoutFigures playout;
+    double buffered_ms = 0;     // now, the device's buffer included
+    double most_ms = 0;         // of the run, likewise
+    double most_lately_ms = 0;  // since the last call of take_figures
+  };
+  Figures take_figures();
+
+ private:
+  static void SDLCALL pull(void* self, Uint8* stream, int bytes);
+
+  SDL_AudioDeviceID device_ = 0;
+  std::size_t device_frames_ = 0;  // in the device's own buffer, at most
+  std::mutex mutex_;
+  bool on_ = true;
+  PlayoutBuffer buffer_;
+  std::size_t most_lately_ = 0;
+};
