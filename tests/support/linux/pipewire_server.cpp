@@ -39,6 +39,10 @@ context.objects = [
   { factory = adapter
     args = { factory.name = support.null-audio-sink node.name = out media.class = Audio/Sink
              audio.rate = 48000 audio.position = "FL,FR" } }
+  # Gives time to sinks that have none of their own: those that play into pipes.
+  { factory = spa-node-factory
+    args = { factory.name = support.node.driver node.name = Dummy-Driver
+             node.group = pipewire.dummy priority.driver = 20000 } }
 ]
 )";
 
@@ -89,6 +93,12 @@ script("create-item.lua", {})
 script("policy-node.lua", { move = true, follow = true })
 )";
 
+// A mute of a sink that nothing has played to or recorded yet takes effect at its first use
+// (PipeWire 1.4.2). Others are muted at once, also those that idle.
+void use_once(const PipewireServer& server, const std::string& sink) {
+  Ear(server, sink).listen(std::chrono::milliseconds(10));
+}
+
 }  // namespace
 
 // ---- PipewireServer
@@ -105,7 +115,9 @@ PipewireServer::PipewireServer() : AnySoundServer(DEAF_MONITOR) {
   while (!std::filesystem::exists(socket) && std::chrono::steady_clock::now() < until)
     std::this_thread::sleep_for(std::chrono::milliseconds(2));
   session_manager_ = start(session_manager());
-  if (wait_for_default_sink()) restart_protocol_server();
+  if (!wait_for_default_sink()) return;
+  restart_protocol_server();
+  if (running()) use_once(*this, "out");
 }
 
 std::unique_ptr<ChildProcess> PipewireServer::start(std::vector<std::string> command) const {
@@ -162,6 +174,12 @@ void PipewireServer::kill_protocol_server() {
 void PipewireServer::restart_protocol_server() {
   protocol_server_ = start({"pipewire", "-c", directory_ / "protocol.conf"});
   wait_for_clients(*protocol_server_);
+}
+
+bool PipewireServer::add_sink(const std::string& name, int rate, int channels) const {
+  if (!AnySoundServer::add_sink(name, rate, channels)) return false;
+  use_once(*this, name);
+  return true;
 }
 
 bool PipewireServer::add_sink_with_obedient_monitor(const std::string& name) const {

@@ -20,6 +20,8 @@ class PipewireServer final : public AnySoundServer {
   // the sink's volume, as those of sound cards don't.
   PipewireServer();
 
+  bool add_sink(const std::string& name, int rate = 48'000, int channels = 2) const override;
+
   // The server of the PulseAudio protocol alone, which comes back at the same address. The sinks
   // live on in the daemon, but for those that were added.
   void kill_protocol_server();

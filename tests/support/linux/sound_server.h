@@ -29,7 +29,7 @@ class AnySoundServer {
   // For a program that is to find this server, and no other, whatever its own environment.
   std::map<std::string, std::string> environment() const;
 
-  bool add_sink(const std::string& name, int rate = 48'000, int channels = 2) const;
+  virtual bool add_sink(const std::string& name, int rate = 48'000, int channels = 2) const;
   bool remove_sink(const std::string& name) const;  // what played there moves to the default one
   bool set_default_sink(const std::string& name) const;
   bool set_mute(const std::string& sink, bool muted) const;

@@ -26,8 +26,8 @@ class PipewireTest : public EndpointsTest<PipewireServer> {
 TEST_F(PipewireTest, AMuteSilencesTheSpeakersAndNotTheCapture) {
   server_.add_speakers("speakers");
   server_.set_default_sink("speakers");
-  const Tone tone(server_, 440, "speakers");
   Speakers speakers(server_, "speakers");
+  const Tone tone(server_, 440, "speakers");
   const auto level = [&] { return tone_amplitude(speakers.listen(100ms), Speakers::RATE, 440); };
   RecordedSound sound;
   OpusAudioCapture capture(make_native_audio_source);
@@ -64,6 +64,20 @@ TEST_F(PipewireTest, ASinkWhoseMonitorObeysItsVolumeIsNotMuted) {
   server_.set_mute("virtual", true);
   EXPECT_TRUE(
       wait_until([&] { return tone_amplitude(ear.listen(100ms), Ear::RATE, 440) < SILENT; }));
+}
+
+// It may take a mute only once it is used (1.4.2), which a stream with sound sees to.
+TEST_F(PipewireTest, ASinkThatNothingHasPlayedToYetIsMutedAsTheCaptureBegins) {
+  server_.add_speakers("fresh");
+  server_.set_default_sink("fresh");
+  std::string error;
+  ASSERT_TRUE(endpoints_.open(&notes_, &error)) << error;
+  OpusAudioCapture capture(make_native_audio_source);
+  RecordedSound sound;
+  sound.record(capture);
+  capture.start();
+  EXPECT_TRUE(endpoints_.set_mute("fresh", true));
+  EXPECT_TRUE(server_.muted("fresh"));
 }
 
 // The sinks live in the daemon, not in what serves the protocol.
