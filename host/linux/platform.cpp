@@ -25,5 +25,6 @@ Platform native_platform() {
   platform.make_virtual_displays = make_virtual_displays;
   platform.make_clipboard = [] { return std::make_unique<HostClipboardSync>(); };
   platform.make_input = make_xtest_sink;
+  platform.make_sound_endpoints = make_sound_endpoints;
   return platform;
 }
