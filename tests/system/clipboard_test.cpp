@@ -266,13 +266,11 @@ TEST_F(ClipboardTest, APictureOver16MBIsScaledToFitAndTheVideoFlowsMeanwhile) {
   prepare(1280, 720);
   const ChildProcess screen({program("lunderhaze-testscreen")}, environment_);
   join({"--out", out().string()});
-  ASSERT_TRUE(client_says(" fps"));
-  const std::size_t before = receiver_->output().size();
   const auto begin = std::chrono::steady_clock::now();
   desk_->copy(png, PNG_TARGET);
   EXPECT_TRUE(client_says("bytes of PNG", seconds(40)));
   const std::chrono::duration<double> took = std::chrono::steady_clock::now() - begin;
-  const std::string during = receiver_->output().substr(before);
+  const std::string during = receiver_->output();
   EXPECT_EQ(leave(), 0);
   std::smatch size;
   const std::regex scaled(
@@ -290,7 +288,8 @@ TEST_F(ClipboardTest, APictureOver16MBIsScaledToFitAndTheVideoFlowsMeanwhile) {
   ASSERT_TRUE(scale_image(picture, fitted.width, fitted.height, &expected));
   EXPECT_EQ(std::to_string(fitted.width), size[1]);
   EXPECT_TRUE(fitted.pixels == expected.pixels);
-  // No second without a picture, and none of them lost.
+  // No second without a picture, and none of them lost. The way alone takes 2.7 s by its pace.
+  EXPECT_GE(count_of(during, " fps"), 2U) << during;
   EXPECT_EQ(during.find(" 0.0 fps"), std::string::npos) << during;
   EXPECT_EQ(report()["frames_lost"], 0) << report().dump();
   EXPECT_EQ(report()["frames_undecodable"], 0) << report().dump();
