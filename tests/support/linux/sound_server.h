@@ -5,6 +5,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <filesystem>
 #include <map>
 #include <memory>
 #include <string>
@@ -40,6 +41,7 @@ class AnySoundServer {
 
  protected:
   explicit AnySoundServer(std::string sink_options);
+  static bool accepts_clients(const std::filesystem::path& socket_path);
   // Fails the test when the server never accepts clients.
   void wait_for_clients(ChildProcess& server);
 
