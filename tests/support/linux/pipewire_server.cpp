@@ -37,6 +37,9 @@ context.modules = [
   { name = libpipewire-module-session-manager }
 ]
 context.objects = [
+  # Where the default sink stands. The daemon's own, since of one that the session manager lends it
+  # 0.3.65 hides a change from all clients while another client comes to it.
+  { factory = metadata args = { metadata.name = default } }
   { factory = adapter
     args = { factory.name = support.null-audio-sink node.name = out media.class = Audio/Sink
              audio.rate = 48000 audio.position = "FL,FR" } }
@@ -84,7 +87,6 @@ end
 local function script(name, arguments)
   components[name] = { name, type = "script/lua", args = arguments }
 end
-module("metadata")
 script("access/access-default.lua", { rules = {} })
 module("default-nodes", { ["use-persistent-storage"] = false })
 for _, name in ipairs { "si-node", "si-audio-adapter", "si-standard-link", "si-audio-endpoint",
