@@ -3,7 +3,9 @@
 #include <SDL_ttf.h>
 
 #include <cstdio>
+#include <cstdlib>
 #include <fstream>
+#include <string_view>
 
 #include "apps/client/commands.h"
 #include "apps/client/host_access.h"
@@ -14,6 +16,11 @@
 namespace client_app {
 
 namespace {
+
+// What SDL falls back to when nothing else is there.
+bool draws_for_nobody(std::string_view driver) {
+  return driver == "offscreen" || driver == "dummy" || driver == "evdev";
+}
 
 // SDL with what a window on another computer needs of it, for as long as it lives.
 class Sdl {
@@ -27,6 +34,10 @@ class Sdl {
     SDL_SetHint(SDL_HINT_VIDEO_X11_NET_WM_BYPASS_COMPOSITOR, "0");
     if (SDL_Init(SDL_INIT_VIDEO) != 0 || TTF_Init() != 0) {
       *error = SDL_GetError();
+      return false;
+    }
+    if (!std::getenv("SDL_VIDEODRIVER") && draws_for_nobody(SDL_GetCurrentVideoDriver())) {
+      *error = "no desktop answers";
       return false;
     }
     SDL_StopTextInput();  // keys go out as keys: no input method may keep any

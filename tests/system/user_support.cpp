@@ -43,8 +43,10 @@ void User::move(int x, int y) {
   fake(XCB_MOTION_NOTIFY, 0, x, y);
 }
 
+// Equal motions of one millisecond count as one with some toolkits.
 void User::move_by(int dx, int dy) {
   fake(XCB_MOTION_NOTIFY, 1, dx, dy);
+  short_pause();
 }
 
 void User::button(int number, bool down) {
@@ -74,9 +76,13 @@ void User::key(std::uint32_t keysym, bool down) {
   fake(down ? XCB_KEY_PRESS : XCB_KEY_RELEASE, keycode(keysym), 0, 0);
 }
 
+// A key that goes down again within 2 ms of its release counts as held and repeating with some
+// toolkits, so no person types that fast.
 void User::tap(std::uint32_t keysym) {
   key(keysym, true);
+  short_pause();
   key(keysym, false);
+  short_pause();
 }
 
 void User::type(const std::string& text) {
@@ -241,11 +247,33 @@ void User::ask_to_close(const SeenWindow& window) {
   settle();
 }
 
+void User::watch_requests() {
+  const std::uint32_t events = XCB_EVENT_MASK_SUBSTRUCTURE_NOTIFY;
+  xcb_change_window_attributes(connection_, screen_->root, XCB_CW_EVENT_MASK, &events);
+  settle();
+}
+
+// Extended Window Manager Hints: a client message to the root; 1 adds the state, 0 removes it.
+bool User::is_asked(const std::string& state, bool on) {
+  const xcb_atom_t type = atom("_NET_WM_STATE");
+  const xcb_atom_t wanted = atom(state);
+  return comes_true([&] {
+    while (const auto event = own(xcb_poll_for_event(connection_))) {
+      if ((event->response_type & 0x7F) != XCB_CLIENT_MESSAGE) continue;
+      const auto& message = reinterpret_cast<const xcb_client_message_event_t&>(*event);
+      if (message.type == type && message.data.data32[0] == (on ? 1U : 0U) &&
+          message.data.data32[1] == wanted)
+        return true;
+    }
+    return false;
+  });
+}
+
 Recorder::Recorder(const std::string& display, int x, int y, int width, int height)
     : connection_(xcb_connect(display.c_str(), nullptr)) {
   screen_ = xcb_setup_roots_iterator(xcb_get_setup(connection_)).data;
   window_ = xcb_generate_id(connection_);
-  const std::uint32_t values[] = {0x305070, 1,
+  const std::uint32_t values[] = {0x406080, 1,
                                   XCB_EVENT_MASK_BUTTON_PRESS | XCB_EVENT_MASK_BUTTON_RELEASE |
                                       XCB_EVENT_MASK_POINTER_MOTION | XCB_EVENT_MASK_KEY_PRESS |
                                       XCB_EVENT_MASK_KEY_RELEASE | XCB_EVENT_MASK_EXPOSURE};

@@ -70,6 +70,8 @@ class User {
   void place(const SeenWindow& window, int x, int y, int width, int height);
   void focus(xcb_window_t window);
   void ask_to_close(const SeenWindow& window);
+  void watch_requests();
+  bool is_asked(const std::string& state, bool on);  // since watch_requests; waits for it
 
   xcb_connection_t* connection() { return connection_; }
   xcb_screen_t* x_screen() { return screen_; }

@@ -32,6 +32,12 @@ bool SoundOutput::open(std::string* error) {
     *error = SDL_GetError();
     return false;
   }
+  // Where there is none, opening the default one makes some drivers tell their woes at length.
+  if (SDL_GetNumAudioDevices(0) == 0) {
+    *error = "none is there";
+    SDL_QuitSubSystem(SDL_INIT_AUDIO);
+    return false;
+  }
   SDL_AudioSpec wanted{};
   wanted.freq = SOUND_RATE;
   wanted.format = AUDIO_F32SYS;
