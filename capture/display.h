@@ -17,6 +17,7 @@ struct DesktopRect {
 struct DesktopPoint {
   std::int32_t x = 0;
   std::int32_t y = 0;
+  bool operator==(const DesktopPoint&) const = default;
 };
 
 // Strings are UTF-8.

@@ -14,6 +14,7 @@
 
 #include "capture/display.h"
 #include "capture/encoder.h"
+#include "capture/pointer_source.h"
 #include "control/wake_event.h"
 
 struct SourceTraits {
@@ -85,6 +86,9 @@ class CaptureSource {
   virtual bool hold() { return true; }
   virtual void release() {}
   virtual bool has_picture() const = 0;
+
+  // Null for a source that knows nothing of the pointer.
+  virtual PointerSource* pointer() { return nullptr; }
 
   // False while held pictures can't be brought into the encoder's form; nothing is encoded then.
   virtual bool converter_ready() const { return true; }

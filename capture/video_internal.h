@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "capture/pointer.h"
 #include "capture/source.h"
 #include "capture/video.h"
 
@@ -31,21 +32,6 @@ struct ActiveCapture {
   bool is_hevc = false;
 };
 
-// Where the tracking of the pointer enters the loop.
-class PointerTracker {
- public:
-  virtual ~PointerTracker() = default;
-
-  virtual void desktop_changed() = 0;
-  virtual void drop_held_image() = 0;                   // the capture is being torn down
-  virtual void deliver_held_image() = 0;                // at the start of a pass
-  virtual void on_acquired(CaptureSource& source) = 0;  // after Picture and PointerOnly
-  virtual void poll() = 0;                              // once a pass of a polled source
-  virtual void end_pass(std::uint64_t now_us) = 0;      // sends what is due
-  virtual bool dirty() const = 0;
-  virtual std::uint64_t last_send_us() const = 0;
-};
-
 class CaptureLoop {
  public:
   // `owner` for its sinks. All but the platform outlive the loop.
@@ -60,7 +46,6 @@ class CaptureLoop {
   void end();   // releases all that is held, the desktop too
 
   bool fatal() const { return fatal_; }
-  void set_pointer(std::unique_ptr<PointerTracker> pointer) { pointer_ = std::move(pointer); }
 
  private:
   // video_setup.cpp
@@ -87,6 +72,7 @@ class CaptureLoop {
   Step take(AcquireResult result, const AcquiredPicture& acquired);
   bool on_picture(const AcquiredPicture& acquired);
   void encode_when_due();
+  void report_pointer();
   void forget_picture();
   void pause_ms(std::uint32_t ms);
   std::int64_t frame_us() const;       // T
@@ -111,7 +97,7 @@ class CaptureLoop {
   std::unique_ptr<InputDesktop> desktop_;
   std::unique_ptr<CaptureSource> source_;  // null while torn down
   std::unique_ptr<PictureEncoder> encoder_;
-  std::unique_ptr<PointerTracker> pointer_;  // null: the pointer is not tracked
+  PointerTracker pointer_;
 
   bool ready_ = false;         // capture and encoder are up
   bool started_ = false;       // from now on only the settled encoder and size are acceptable

@@ -18,7 +18,6 @@ constexpr std::uint32_t ACQUIRE_FAILED_PAUSE_MS = 100;
 constexpr std::int32_t SUBSCRIBE_FAILURES_KEPT = 14;  // beyond it the whole capture is rebuilt
 
 constexpr std::int64_t LONGEST_WAIT_US = 50'000;
-constexpr std::int64_t POINTER_INTERVAL_US = 8'000;  // least time between two pointer reports
 // A picture acquired no longer ago counts as submitted when it was acquired.
 constexpr std::uint64_t FRESH_US = 501;
 
@@ -68,7 +67,7 @@ bool CaptureLoop::pass() {
     return !over();
   }
   if (desktop_->name() != former) forget_picture();
-  if (pointer_) pointer_->deliver_held_image();
+  pointer_.deliver_held_image();
   if (!ready_ && !init_all()) {
     teardown();
     if (!fatal_) pause_ms(INIT_FAILED_PAUSE_MS);
@@ -96,10 +95,8 @@ void CaptureLoop::polled_pass() {
   source_->release();
   encode(begin_us, begin_us);
   if (!ready_) return;
-  if (pointer_) {
-    pointer_->poll();
-    pointer_->end_pass(lund_now_us());
-  }
+  if (PointerSource* pointer = source_->pointer()) pointer_.gdi_pointer(*pointer);
+  report_pointer();
   const std::int64_t left_us = frame_us() + until(begin_us, lund_now_us());
   if (left_us > 0) pause_ms(whole_ms(left_us));
 }
@@ -116,7 +113,7 @@ void CaptureLoop::notified_pass() {
   const AcquireResult result = source_->acquire(acquire_wait_ms(), requests_.wake, &acquired);
   if (take(result, acquired) == Step::NextPass) return;
   encode_when_due();
-  if (pointer_) pointer_->end_pass(lund_now_us());
+  report_pointer();
   if (source_ && !source_->alive()) {
     teardown();
     forget_picture();
@@ -143,9 +140,7 @@ std::uint32_t CaptureLoop::acquire_wait_ms() const {
   } else if (requests_.keyframe && have_picture_) {
     wait_us = std::min(wait_us, until(last_picture_us_, now_us) + repeat_us());
   }
-  if (pointer_ && pointer_->dirty()) {
-    wait_us = std::min(wait_us, until(pointer_->last_send_us(), now_us) + POINTER_INTERVAL_US);
-  }
+  if (const auto due_us = pointer_.due_us()) wait_us = std::min(wait_us, until(*due_us, now_us));
   return whole_ms(wait_us);
 }
 
@@ -176,7 +171,10 @@ CaptureLoop::Step CaptureLoop::take(AcquireResult result, const AcquiredPicture&
     case AcquireResult::PointerOnly:
       break;
   }
-  if (pointer_) pointer_->on_acquired(*source_);
+  if (PointerSource* pointer = source_->pointer()) {
+    pointer_.on_pointer(*pointer);
+    pointer_.deliver_held_image();
+  }
   source_->release();
   return fatal_ ? Step::NextPass : Step::Continue;
 }
@@ -205,6 +203,13 @@ void CaptureLoop::encode_when_due() {
   if (until(now_us, last_picture_us_) < repeat_us()) return;
   encode(now_us, now_us);
   last_picture_us_ = last_encode_us_ = now_us;
+}
+
+void CaptureLoop::report_pointer() {
+  const std::uint64_t now_us = lund_now_us();
+  if (PointerSource* pointer = source_ ? source_->pointer() : nullptr)
+    pointer_.route_cursor(*pointer, now_us);
+  pointer_.flush_pointer(now_us);
 }
 
 }  // namespace capture_internal

@@ -22,12 +22,14 @@ CaptureLoop::CaptureLoop(CapturePlatform platform, VideoCapture& owner, CaptureR
       requests_(requests),
       active_(active),
       desktop_(platform_.make_desktop()),
-      encoder_(platform_.make_encoder()) {}
+      encoder_(platform_.make_encoder()),
+      pointer_(settings_, owner_) {}
 
 CaptureLoop::~CaptureLoop() = default;
 
 void CaptureLoop::reset(const VideoSettings& settings) {
   settings_ = settings;
+  pointer_.reset();
   fatal_ = false;
   fixed_width_ = 0;
   fixed_height_ = 0;
@@ -46,7 +48,7 @@ void CaptureLoop::fail(const char* reason) {
 }
 
 void CaptureLoop::teardown() {
-  if (pointer_) pointer_->drop_held_image();
+  pointer_.drop_held_image();
   // The encoder's surfaces belong to the source's device, so it goes first.
   if (source_) source_->forget_surfaces();
   encoder_->close();
@@ -71,7 +73,7 @@ bool CaptureLoop::follow_input_desktop() {
   }
   teardown();
   if (!desktop_->enter()) return false;
-  if (pointer_) pointer_->desktop_changed();
+  pointer_.desktop_changed();
   return true;
 }
 
@@ -169,7 +171,8 @@ bool CaptureLoop::first_picture() {
   const AcquireResult result = source_->acquire(FIRST_PICTURE_WAIT_MS, requests_.wake, &acquired);
   if (result != AcquireResult::Picture && result != AcquireResult::PointerOnly) return false;
   const bool held = result == AcquireResult::Picture && on_picture(acquired);
-  if (pointer_ && source_ && source_->converter_ready()) pointer_->on_acquired(*source_);
+  PointerSource* pointer = source_->traits().notifying ? source_->pointer() : nullptr;
+  if (pointer && source_->converter_ready()) pointer_.on_pointer(*pointer);
   source_->release();
   return held;
 }

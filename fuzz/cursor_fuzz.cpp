@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdint>
+#include <vector>
 
 #include "connection/byte_order.h"
 #include "fuzz/require.h"
@@ -23,6 +24,22 @@ void check(const CursorBitmap& cursor) {
   require(cursor_hash(cursor) != 0, "an image has a hash");
 }
 
+void check_unpremultiply(const std::uint8_t* data, std::size_t count) {
+  std::vector<std::uint32_t> pixels(count);
+  for (std::size_t i = 0; i < count; ++i) pixels[i] = load_le<std::uint32_t>(data + 4 * i);
+  std::vector<std::uint8_t> straight(count * 4);
+  cursor_unpremultiply(pixels.data(), count, straight.data());
+  for (std::size_t i = 0; i < count; ++i) {
+    require(straight[4 * i + 3] == pixels[i] >> 24, "alpha stays");
+    for (unsigned channel = 0; channel < 3; ++channel) {
+      const std::uint32_t premultiplied = pixels[i] >> 8 * channel & 0xFF;
+      const std::uint32_t colour = straight[4 * i + channel];
+      require(straight[4 * i + 3] == 0 ? colour == 0 : colour >= premultiplied,
+              "a colour grows, or goes with its alpha");
+    }
+  }
+}
+
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
@@ -30,6 +47,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   const auto field = [data](std::size_t i) {
     return static_cast<int>(static_cast<std::int16_t>(load_le<std::uint16_t>(data + 2 * i)));
   };
+  check_unpremultiply(data + PARAMETERS, (size - PARAMETERS) / 4);
   CursorBitmap cursor;
   if (!cursor_convert(field(0), data + PARAMETERS, size - PARAMETERS, field(1), field(2), field(3),
                       field(4), field(5), &cursor))

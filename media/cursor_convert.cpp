@@ -75,6 +75,7 @@ bool beside_inverting(const conversion& c, int x, int y) {
 
 // Black with a white outline stays visible on any background.
 void draw_inverting_pixels(conversion& c) {
+  if (std::find(c.invert.begin(), c.invert.end(), true) == c.invert.end()) return;
   for (int y = 0; y < c.height; ++y) {
     for (int x = 0; x < c.width; ++x) {
       if (c.invert[at(x, y, c.width)])
@@ -177,14 +178,34 @@ between around(int i, double ratio, int size) {
 
 premultiplied bilinear(const float_image& image, const between& bx, const between& by) {
   const auto mix = [](float a, float b, float fraction) { return a + (b - a) * fraction; };
+  const premultiplied& top_left = image.pixel(bx.low, by.low);
+  const premultiplied& top_right = image.pixel(bx.high, by.low);
+  const premultiplied& bottom_left = image.pixel(bx.low, by.high);
+  const premultiplied& bottom_right = image.pixel(bx.high, by.high);
   premultiplied value{};
   for (std::size_t channel = 0; channel < value.size(); ++channel) {
-    const auto in_row = [&](int y) {
-      return mix(image.pixel(bx.low, y)[channel], image.pixel(bx.high, y)[channel], bx.fraction);
-    };
-    value[channel] = mix(in_row(by.low), in_row(by.high), by.fraction);
+    value[channel] =
+        mix(mix(top_left[channel], top_right[channel], bx.fraction),
+            mix(bottom_left[channel], bottom_right[channel], bx.fraction), by.fraction);
   }
   return value;
+}
+
+// `place(i, ratio, size)` says what of an axis belongs to output pixel i, `resample` makes a pixel
+// of both axes' answers.
+template <typename Place, typename Resample>
+void resample_into(CursorBitmap& out, const float_image& image, Place place, Resample resample) {
+  const double ratio_x = static_cast<double>(image.width) / out.width;
+  const double ratio_y = static_cast<double>(image.height) / out.height;
+  std::vector<decltype(place(0, 1.0, 1))> columns;
+  for (int x = 0; x < out.width; ++x) columns.push_back(place(x, ratio_x, image.width));
+  for (int y = 0; y < out.height; ++y) {
+    const auto row = place(y, ratio_y, image.height);
+    for (int x = 0; x < out.width; ++x) {
+      store_straight(resample(image, columns[static_cast<std::size_t>(x)], row),
+                     &out.pixels[at(x, y, out.width) * PIXEL_BYTES]);
+    }
+  }
 }
 
 int scaled(int length, double factor) {
@@ -201,18 +222,19 @@ bool cursor_convert(int type, const std::uint8_t* data, std::uint64_t size, int 
 
   conversion c{data, width, type == CURSOR_MONOCHROME ? height / 2 : height, pitch, {}, {}};
   c.pixels.resize(at(0, c.height, width) * PIXEL_BYTES);
-  c.invert.resize(at(0, c.height, width));
-  for (int y = 0; y < c.height; ++y) {
-    for (int x = 0; x < width; ++x) {
-      if (type == CURSOR_COLOUR)
-        c.set(x, y, c.colour(x, y));
-      else if (type == CURSOR_MASKED_COLOUR)
-        convert_masked_colour(c, x, y);
-      else
-        convert_monochrome(c, x, y);
+  if (type == CURSOR_COLOUR) {
+    for (int y = 0; y < c.height; ++y)
+      std::copy_n(c.row(y), at(0, 1, width) * PIXEL_BYTES,
+                  &c.pixels[at(0, y, width) * PIXEL_BYTES]);
+  } else {
+    c.invert.resize(at(0, c.height, width));
+    for (int y = 0; y < c.height; ++y) {
+      for (int x = 0; x < width; ++x) {
+        type == CURSOR_MONOCHROME ? convert_monochrome(c, x, y) : convert_masked_colour(c, x, y);
+      }
     }
+    draw_inverting_pixels(c);
   }
-  draw_inverting_pixels(c);
   *out = {.width = width,
           .height = c.height,
           .hot_x = std::clamp(hot_x, 0, width - 1),
@@ -235,17 +257,10 @@ CursorBitmap cursor_scale(const CursorBitmap& source, double factor) {
   out.pixels.resize(at(0, out.height, out.width) * PIXEL_BYTES);
 
   const float_image image = premultiply(source);
-  const double ratio_x = static_cast<double>(source.width) / out.width;
-  const double ratio_y = static_cast<double>(source.height) / out.height;
-  for (int y = 0; y < out.height; ++y) {
-    for (int x = 0; x < out.width; ++x) {
-      const premultiplied value = factor < 1
-                                      ? area_average(image, covered(x, ratio_x, source.width),
-                                                     covered(y, ratio_y, source.height))
-                                      : bilinear(image, around(x, ratio_x, source.width),
-                                                 around(y, ratio_y, source.height));
-      store_straight(value, &out.pixels[at(x, y, out.width) * PIXEL_BYTES]);
-    }
+  if (factor < 1) {
+    resample_into(out, image, covered, area_average);
+  } else {
+    resample_into(out, image, around, bilinear);
   }
   return out;
 }
@@ -265,4 +280,18 @@ std::uint32_t cursor_hash(const CursorBitmap& cursor) {
   const auto high = static_cast<std::uint32_t>(hash >> 32);
   // 0 means no image.
   return low == high ? 1 : low ^ high;
+}
+
+void cursor_unpremultiply(const std::uint32_t* pixels, std::size_t count, std::uint8_t* out) {
+  for (std::size_t i = 0; i < count; ++i) {
+    const std::uint32_t value = pixels[i];
+    const std::uint32_t alpha = value >> 24;
+    const auto straight = [&](unsigned shift) {
+      const std::uint32_t colour = value >> shift & 0xFF;
+      return std::min<std::uint32_t>((colour * 255 + alpha / 2) / alpha, 255) << shift;
+    };
+    const std::uint32_t result =
+        alpha == 0 ? 0 : alpha << 24 | straight(16) | straight(8) | straight(0);
+    store_le(out + i * PIXEL_BYTES, result);
+  }
 }

@@ -2,6 +2,7 @@
 // picture, with a short identity. Pure computation on bytes.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <vector>
 
@@ -23,3 +24,7 @@ bool cursor_convert(int type, const std::uint8_t* data, std::uint64_t size, int 
                     int pitch, int hot_x, int hot_y, CursorBitmap* out);
 CursorBitmap cursor_scale(const CursorBitmap& source, double factor);
 std::uint32_t cursor_hash(const CursorBitmap& cursor);
+
+// Pixels with premultiplied alpha in 32-bit values, alpha topmost, as CURSOR_COLOUR's bytes. A
+// colour above its alpha, which no premultiplied pixel has, becomes the brightest.
+void cursor_unpremultiply(const std::uint32_t* pixels, std::size_t count, std::uint8_t* out);

@@ -14,6 +14,7 @@
 #include <algorithm>
 
 #include "capture/linux/x11.h"
+#include "capture/linux/x11_pointer.h"
 #include "connection/clock.h"
 #include "control/linux/deadline.h"
 #include "control/log.h"
@@ -95,6 +96,7 @@ class X11Source final : public CaptureSource {
   bool hold() override { return held_ = true; }
   bool has_picture() const override { return held_; }
   bool picture(MemoryPicture* out) override;
+  PointerSource* pointer() override { return &pointer_; }
 
  private:
   bool query_extensions();
@@ -107,6 +109,7 @@ class X11Source final : public CaptureSource {
   void wait(std::uint64_t deadline_us, const WakeEvent& wake) const;
 
   x11::Connection connection_;
+  X11Pointer pointer_;
   SharedPicture shared_;
   x11::Monitor monitor_;
   std::uint8_t damage_event_ = 0;
@@ -177,6 +180,7 @@ bool X11Source::open(const CaptureTarget& target) {
          monitor_.height);
     return false;
   }
+  if (!pointer_.open(monitor_)) return false;
   hlog("video: X11 CPU capture %dx%d at (%ld,%ld)", monitor_.width, monitor_.height,
        static_cast<long>(monitor_.x), static_cast<long>(monitor_.y));
   return true;
@@ -235,7 +239,7 @@ AcquireResult X11Source::acquire(std::uint32_t wait_ms, WakeEvent& wake, Acquire
   const std::uint64_t deadline_us = lund_now_us() + std::uint64_t{wait_ms} * 1000;
   for (bool waited = false;; waited = true) {
     read_events();
-    if (!connection_.ok()) {
+    if (!connection_.ok() || !pointer_.ok()) {
       hlog("video: the X server is gone");
       return AcquireResult::Gone;
     }
@@ -248,11 +252,13 @@ AcquireResult X11Source::acquire(std::uint32_t wait_ms, WakeEvent& wake, Acquire
       hlog("video: X11 picture of %s failed", monitor_.name.c_str());
       return AcquireResult::Busy;
     }
+    const bool pointer_news = pointer_.collect();
     if (stale_ && !reported_) {
       reported_ = true;
       *out = {lund_now_us(), monitor_.width, monitor_.height};
       return AcquireResult::Picture;
     }
+    if (pointer_news) return AcquireResult::PointerOnly;
     // A wake-up that is set ends the wait as time does.
     if (waited && (lund_now_us() >= deadline_us || wake.wait(0))) return AcquireResult::TimeOut;
     if (wait_ms == 0) return AcquireResult::TimeOut;
@@ -260,13 +266,16 @@ AcquireResult X11Source::acquire(std::uint32_t wait_ms, WakeEvent& wake, Acquire
   }
 }
 
-// While a change waits to be fetched, further ones need not wake the thread.
+// While a change waits to be fetched, further ones need not wake the thread; nor motion while the
+// pointer is about to be looked at.
 void X11Source::wait(std::uint64_t deadline_us, const WakeEvent& wake) const {
   xcb_flush(connection_);
-  const short events = stale_ ? 0 : POLLIN;
-  pollfd polled[] = {{xcb_get_file_descriptor(connection_), events, 0},
+  const auto look_us = pointer_.next_look_us();
+  const auto unless = [](bool known) { return static_cast<short>(known ? 0 : POLLIN); };
+  pollfd polled[] = {{xcb_get_file_descriptor(connection_), unless(stale_), 0},
+                     {pointer_.descriptor(), unless(look_us.has_value()), 0},
                      {static_cast<int>(wake.native_handle()), POLLIN, 0}};
-  const timespec left = time_left(deadline_us);
+  const timespec left = time_left(std::min(deadline_us, look_us.value_or(deadline_us)));
   ppoll(polled, std::size(polled), &left, nullptr);
 }
 

@@ -24,6 +24,13 @@ class Sinks final : public VideoCapture {
   std::string capture_backend() const override { return {}; }
 };
 
+struct SeenPosition {
+  std::uint16_t x = 0;
+  std::uint16_t y = 0;
+  std::uint8_t visible = 0;
+  std::uint64_t at_us = 0;
+};
+
 struct SeenFrame {
   bool keyframe = false;
   std::uint64_t at_us = 0;
@@ -42,6 +49,10 @@ class CaptureLoopTest : public testing::Test {
       frames_.push_back({frame.keyframe, lund_now_us(), frame.capture_time_us, frame.encode_time_us,
                          frame.submit_to_packet_us});
     };
+    sinks_.pointer_sink = [this](std::uint16_t x, std::uint16_t y, std::uint8_t visible) {
+      positions_.push_back({x, y, visible, lund_now_us()});
+    };
+    sinks_.cursor_sink = [this](const CursorBitmap& image) { images_.push_back(image); };
     sinks_.fatal_sink = [this](const char* reason) { fatal_.push_back(reason); };
   }
 
@@ -70,6 +81,8 @@ class CaptureLoopTest : public testing::Test {
   }
   void forget_seen() {
     frames_.clear();
+    positions_.clear();
+    images_.clear();
     world_.forced.clear();
     world_.encode_times_us.clear();
     world_.waits_ms.clear();
@@ -109,5 +122,7 @@ class CaptureLoopTest : public testing::Test {
   capture_internal::ActiveCapture active_;
   std::unique_ptr<capture_internal::CaptureLoop> loop_;
   std::vector<SeenFrame> frames_;
+  std::vector<SeenPosition> positions_;
+  std::vector<CursorBitmap> images_;
   std::vector<std::string> fatal_;
 };

@@ -271,6 +271,78 @@ TEST_F(ScreenSessionTest, AShapeOfInconsistentSizeIsNotSent) {
   EXPECT_THAT(laptop.receive(), IsEmpty());
 }
 
+TEST_F(ScreenSessionTest, AShapeIsCutToTheDatagramsOfNowAndComesAgainWholeWhenAskedFor) {
+  TestLink laptop = stream();
+  ASSERT_TRUE(session(laptop)->lower_payload(1'176));
+  const CursorBitmap big = cursor(7, 48);
+  for (const bool asked : {false, true}) {
+    SCOPED_TRACE(asked);
+    if (asked)
+      laptop.u32(LUND_PKT_CURSOR_REQUEST, cursor_hash(big));
+    else
+      capture().object->cursor_sink(big);
+    const std::vector<peer::bytes> packets = laptop.receive();
+    ASSERT_EQ(packets.size(), 9u);  // 9216 bytes in chunks of 1148, and no position yet
+    peer::bytes pixels;
+    for (const peer::bytes& packet : packets) {
+      lund_cursor_shape shape;
+      const std::uint8_t* chunk = nullptr;
+      std::size_t chunk_size = 0;
+      ASSERT_EQ(lund_decode_cursor_shape(packet.data(), packet.size(), &shape, &chunk, &chunk_size),
+                0);
+      EXPECT_LE(packet.size(), 1'176u);
+      EXPECT_EQ(shape.shape_id, cursor_hash(big));
+      EXPECT_EQ(shape.offset, pixels.size());
+      pixels.insert(pixels.end(), chunk, chunk + chunk_size);
+    }
+    EXPECT_EQ(pixels, big.pixels);
+  }
+}
+
+TEST_F(ScreenSessionTest, ARequestForAShapeThatWasNeverSentIsNotAnswered) {
+  TestLink laptop = stream();
+  laptop.u32(LUND_PKT_CURSOR_REQUEST, 0);
+  capture().object->cursor_sink(cursor(1));
+  laptop.receive();
+  laptop.u32(LUND_PKT_CURSOR_REQUEST, 0);
+  laptop.u32(LUND_PKT_CURSOR_REQUEST, cursor_hash(cursor(2)));
+  EXPECT_THAT(laptop.receive(), IsEmpty());
+}
+
+TEST_F(ScreenSessionTest, PositionsBeforeTheFirstShapeCarryNoneAndLaterOnesTheShapeInUse) {
+  TestLink laptop = stream();
+  capture().object->pointer_sink(1, 2, 1);
+  const auto before = only_position(laptop);
+  ASSERT_TRUE(before);
+  EXPECT_EQ(before->shape_id, 0u);
+  capture().object->cursor_sink(cursor(1));
+  capture().object->cursor_sink(cursor(2));
+  laptop.receive();
+  std::uint8_t flags = 77;
+  capture().object->pointer_sink(3, 4, 0);
+  const auto after = only_position(laptop, &flags);
+  ASSERT_TRUE(after);
+  EXPECT_EQ(after->shape_id, cursor_hash(cursor(2)));
+  EXPECT_EQ(flags, 0);
+  run_ms(1'000);
+  const auto repeated = only_position(laptop);
+  ASSERT_TRUE(repeated);
+  EXPECT_EQ(repeated->shape_id, cursor_hash(cursor(2)));
+}
+
+TEST_F(ScreenSessionTest, AnEndedSessionSendsNothingOfThePointer) {
+  TestLink laptop = stream();
+  const auto ended = session(laptop);
+  ended->capture->cursor_sink(cursor(1));
+  ended->capture->pointer_sink(1, 2, 1);
+  laptop.bye();
+  laptop.receive();
+  ended->capture->cursor_sink(cursor(2));
+  ended->capture->pointer_sink(3, 4, 1);
+  ended->tick(lund_now_us() + 2'000'000);
+  EXPECT_THAT(laptop.receive(), IsEmpty());
+}
+
 TEST_F(ScreenSessionTest, APositionIsRepeatedAfterASecondOfRest) {
   TestLink laptop = stream();
   capture().object->pointer_sink(9, 8, 0);

@@ -110,6 +110,39 @@ TEST(CursorConvert, ABlackMaskedColourPixelIsOpaque) {
   EXPECT_EQ(pixel(convert(CURSOR_MASKED_COLOUR, 1, 1, {0}), 0, 0), BLACK);
 }
 
+TEST(CursorConvert, AnInvertingPixelOutlinesNoVisiblePixelAndNoOtherInvertingOne) {
+  const auto out = convert(CURSOR_MASKED_COLOUR, 3, 1, {0x00445566, 0xFF808080, 0xFFFFFFFF});
+  EXPECT_EQ(out.pixels, pixels({0xFF445566, BLACK, BLACK}));
+}
+
+TEST(CursorConvert, AnIBeamThatInvertsIsBlackWithAWhiteOutline) {
+  // 5 x 3: AND all ones, XOR the middle column.
+  const Bytes rows = {0xF8, 0xF8, 0xF8, 0x20, 0x20, 0x20};
+  const auto out = convert_mono(5, rows);
+  for (int y = 0; y < 3; ++y) {
+    const std::uint32_t expected[] = {CLEAR, WHITE, BLACK, WHITE, CLEAR};
+    for (int x = 0; x < 5; ++x) EXPECT_EQ(pixel(out, x, y), expected[x]) << x << ", " << y;
+  }
+}
+
+TEST(CursorConvert, TheLargestImageIsConvertedAndOneMoreIsNot) {
+  const Bytes row(4097 * 4, 0x11);
+  CursorBitmap out;
+  EXPECT_TRUE(cursor_convert(CURSOR_COLOUR, row.data(), row.size(), 4096, 1, 4096 * 4, 0, 0, &out));
+  EXPECT_FALSE(
+      cursor_convert(CURSOR_COLOUR, row.data(), row.size(), 4097, 1, 4097 * 4, 0, 0, &out));
+}
+
+TEST(CursorConvert, TheLastRowNeedsNoPadding) {
+  const Bytes data(16 + 8, 0x22);
+  CursorBitmap out;
+  EXPECT_TRUE(cursor_convert(CURSOR_COLOUR, data.data(), 24, 2, 2, 16, 0, 0, &out));
+  EXPECT_FALSE(cursor_convert(CURSOR_COLOUR, data.data(), 23, 2, 2, 16, 0, 0, &out));
+  // The rows of masks are whole.
+  EXPECT_TRUE(cursor_convert(CURSOR_MONOCHROME, data.data(), 16, 8, 4, 4, 0, 0, &out));
+  EXPECT_FALSE(cursor_convert(CURSOR_MONOCHROME, data.data(), 15, 8, 4, 4, 0, 0, &out));
+}
+
 TEST(CursorConvert, TheHotSpotIsBroughtInside) {
   const Bytes data = pixels(std::vector<std::uint32_t>(12, WHITE));
   CursorBitmap out;
@@ -167,6 +200,43 @@ TEST(CursorScale, TwoPerCentAreResampled) {
   EXPECT_EQ(out.width, 102);
   EXPECT_EQ(out.height, 1);
   EXPECT_EQ(out.pixels.size(), 102u * 4);
+  // Pixel 100 lies at 100.5 x 100 / 102 - 0.5 = 98.03 of the source, whose values go up in twos.
+  EXPECT_EQ(pixel(out, 100, 0), 0xFF000000u | 196);
+  EXPECT_EQ(pixel(out, 50, 0), 0xFF000000u | 98);  // at 49.01
+}
+
+TEST(CursorScale, TwoPerCentLessAreResampledToo) {
+  EXPECT_EQ(cursor_scale(bitmap(100, 1, std::vector<std::uint32_t>(100, WHITE)), 0.98).width, 98);
+}
+
+TEST(CursorScale, AnImageOfUniformAlphaKeepsItsColourThroughBothFilters) {
+  const auto source = bitmap(7, 5, std::vector<std::uint32_t>(35, 0x80406020));
+  for (const double factor : {0.5, 0.75, 1.5, 3.0}) {
+    const auto out = cursor_scale(source, factor);
+    for (int y = 0; y < out.height; ++y)
+      for (int x = 0; x < out.width; ++x) EXPECT_EQ(pixel(out, x, y), 0x80406020u) << factor;
+  }
+}
+
+TEST(CursorScale, ShrinkingAveragesOverBothAxes) {
+  const auto out =
+      cursor_scale(bitmap(2, 2, {0xFF000000, 0xFF000064, 0xFF0000C8, 0xFF000064}), 0.5);
+  ASSERT_EQ(out.pixels.size(), 4u);
+  EXPECT_EQ(pixel(out, 0, 0), 0xFF000064u);
+}
+
+TEST(CursorScale, EnlargingInterpolatesDownwardsToo) {
+  const auto out = cursor_scale(bitmap(1, 2, {0xFF000000, 0xFF0000C8}), 2.0);
+  ASSERT_EQ(out.height, 4);
+  const std::uint32_t expected[] = {0xFF000000, 0xFF000032, 0xFF000096, 0xFF0000C8};
+  for (int y = 0; y < 4; ++y) EXPECT_EQ(pixel(out, 1, y), expected[y]);
+}
+
+TEST(CursorScale, ALineThatVanishesKeepsOnePixel) {
+  const auto out = cursor_scale(bitmap(1, 100, std::vector<std::uint32_t>(100, WHITE)), 0.25);
+  EXPECT_EQ(out.width, 1);
+  EXPECT_EQ(out.height, 25);
+  EXPECT_EQ(pixel(out, 0, 24), WHITE);
 }
 
 TEST(CursorScale, ShrinkingAveragesByArea) {
@@ -219,6 +289,42 @@ TEST(CursorScale, TheHotSpotStaysInside) {
   EXPECT_EQ(tiny.hot_x, 0);
   EXPECT_EQ(pixel(tiny, 0, 0), WHITE);
   EXPECT_EQ(cursor_scale(source, 3.0).hot_x, 9);
+}
+
+TEST(CursorScale, AHotSpotAtTheFarCornerStaysAtTheFarCorner) {
+  for (const double factor : {0.3, 0.5, 0.77, 1.3, 1.5, 2.0}) {
+    const auto out =
+        cursor_scale(bitmap(5, 3, std::vector<std::uint32_t>(15, WHITE), 4, 2), factor);
+    EXPECT_LT(out.hot_x, out.width) << factor;
+    EXPECT_LT(out.hot_y, out.height) << factor;
+  }
+}
+
+TEST(CursorUnpremultiply, DividesByAlphaAndRounds) {
+  const std::uint32_t values[] = {0xFF102030, 0x80402010, 0x01010000, 0x00000000, 0x00112233};
+  Bytes out(sizeof values);
+  cursor_unpremultiply(values, 5, out.data());
+  // 0x40 x 255 / 0x80 = 127.5, 0x20: 63.75, 0x10: 31.9; without alpha there is no colour.
+  EXPECT_EQ(out, pixels({0xFF102030, 0x80804020, 0x01FF0000, CLEAR, CLEAR}));
+}
+
+TEST(CursorUnpremultiply, PremultipliedAgainEveryPixelIsWhatItWas) {
+  for (std::uint32_t alpha = 1; alpha < 256; ++alpha) {
+    for (std::uint32_t colour = 0; colour <= alpha; ++colour) {
+      const std::uint32_t value = alpha << 24 | colour << 16;
+      Bytes out(4);
+      cursor_unpremultiply(&value, 1, out.data());
+      const std::uint32_t straight = out[2];
+      ASSERT_EQ((straight * alpha + 127) / 255, colour) << "alpha " << alpha;
+    }
+  }
+}
+
+TEST(CursorUnpremultiply, AColourAboveItsAlphaBecomesTheBrightest) {
+  const std::uint32_t value = 0x10FF2011;
+  Bytes out(4);
+  cursor_unpremultiply(&value, 1, out.data());
+  EXPECT_EQ(out, pixels({0x10FFFFFF}));
 }
 
 TEST(CursorHash, KnowsTheHotSpotTheSizeAndThePixels) {

@@ -11,6 +11,7 @@
 
 #include "capture/source.h"
 #include "connection/clock.h"
+#include "tests/support/fake_pointer.h"
 #include "tests/support/virtual_time.h"
 
 namespace fake_capture {
@@ -64,6 +65,7 @@ struct World {
   SubscribeFailure subscribe_failure{7, "Subscribe failed (7)", false};
   std::deque<Event> events;
   std::function<void()> on_acquire;
+  FakePointer pointer;
   std::function<void()> on_subscribe;
 
   std::string gpu_encoder = "h264_nvenc";
@@ -149,6 +151,7 @@ class FakeSource final : public CaptureSource {
   bool hold() override { return held_ = true; }
   bool has_picture() const override { return held_; }
   bool converter_ready() const override { return world_.converter_ready || !traits_.gpu; }
+  PointerSource* pointer() override { return &world_.pointer; }
   bool alive() override { return world_.device_alive; }
   bool picture(MemoryPicture* out) override {
     static const std::uint8_t pixel[4] = {};

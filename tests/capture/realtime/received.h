@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <mutex>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "capture/video.h"
@@ -63,4 +64,67 @@ class Received {
   std::vector<std::uint8_t> last_;
   std::uint64_t last_at_us_ = 0;
   std::string fatal_;
+};
+
+// What its pointer sinks were given.
+class ReceivedPointer {
+ public:
+  struct Report {
+    std::uint16_t x = 0;
+    std::uint16_t y = 0;
+    int visible = 0;
+    std::uint64_t at_us = 0;
+    bool is(const Report& other) const {
+      return x == other.x && y == other.y && visible == other.visible;
+    }
+  };
+
+  void listen_to(CapturePipeline& pipeline) {
+    pipeline.pointer_sink = [this](std::uint16_t x, std::uint16_t y, std::uint8_t visible) {
+      const std::lock_guard lock(mutex_);
+      reports_.push_back({x, y, visible, lund_now_us()});
+      changed_.notify_all();
+    };
+    pipeline.cursor_sink = [this](const CursorBitmap& image) {
+      const std::lock_guard lock(mutex_);
+      images_.push_back(image);
+      changed_.notify_all();
+    };
+  }
+  // Waits until the newest report is this one; gives the reports since the last time, it included.
+  std::vector<Report> take_until(const Report& last) {
+    std::unique_lock lock(mutex_);
+    if (!wait(lock, [&] { return !reports_.empty() && reports_.back().is(last); })) return {};
+    return std::exchange(reports_, {});
+  }
+  std::vector<Report> take_until_hidden() {
+    std::unique_lock lock(mutex_);
+    if (!wait(lock, [&] { return !reports_.empty() && !reports_.back().visible; })) return {};
+    return std::exchange(reports_, {});
+  }
+  // The newest image once there have been `count`; empty if they don't come.
+  CursorBitmap image(std::size_t count) {
+    std::unique_lock lock(mutex_);
+    if (!wait(lock, [&] { return images_.size() >= count; })) return {};
+    return images_.back();
+  }
+  bool wait_for_image(const CursorBitmap& newest) {
+    std::unique_lock lock(mutex_);
+    return wait(lock, [&] { return !images_.empty() && images_.back().pixels == newest.pixels; });
+  }
+  std::size_t images() const {
+    const std::lock_guard lock(mutex_);
+    return images_.size();
+  }
+
+ private:
+  template <typename Condition>
+  bool wait(std::unique_lock<std::mutex>& lock, Condition condition) {
+    return changed_.wait_for(lock, std::chrono::seconds(20), condition);
+  }
+
+  mutable std::mutex mutex_;
+  std::condition_variable changed_;
+  std::vector<Report> reports_;
+  std::vector<CursorBitmap> images_;
 };
