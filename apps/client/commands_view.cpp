@@ -9,6 +9,7 @@
 
 #include "apps/client/commands.h"
 #include "apps/client/host_access.h"
+#include "apps/client/view/desktop_clipboard.h"
 #include "apps/client/view/keys.h"
 #include "apps/client/view/sound_output.h"
 #include "apps/client/view/viewer.h"
@@ -101,9 +102,14 @@ int run_view(const Arguments& args) {
   SoundOutput sound;
   if (args.view.sound && !sound.open(&error))
     std::fprintf(stderr, "no sound device (%s): going on without sound\n", error.c_str());
+  DesktopClipboard clipboard;
+  const bool shares = args.view.clipboard && clipboard.start();
+  if (args.view.clipboard && !shares)
+    std::fputs("no clipboard can be reached: going on without\n", stderr);
   Viewer viewer(view_request(args, access.host().name[0] ? access.host().name : args.host), sound);
   if (!viewer.open(&error)) return fail(EXIT_LOCAL, "no window can be opened: " + error);
-  HostSession session(access.link(), session_request(args, sound.is_open(), nullptr),
+  if (shares) viewer.switch_clipboard = [&clipboard](bool on) { clipboard.set_enabled(on); };
+  HostSession session(access.link(), session_request(args, sound.is_open(), shares ? &clipboard : nullptr),
                       viewer.inbox());
   std::string ended;
   const SessionEnd end = viewer.run(session, &ended);

@@ -1,7 +1,6 @@
 #include "tests/system/user_support.h"
 
 #include <gtest/gtest.h>
-#include <xcb/render.h>
 #include <xcb/xfixes.h>
 #include <xcb/xtest.h>
 
@@ -325,34 +324,6 @@ std::size_t Recorder::count(const std::string& prefix) {
   return static_cast<std::size_t>(
       std::count_if(events_.begin(), events_.end(),
                     [&](const std::string& event) { return event.rfind(prefix, 0) == 0; }));
-}
-
-void Recorder::set_cursor(std::uint32_t argb, int size, int hot_x, int hot_y) {
-  const auto pixels = static_cast<std::uint16_t>(size);
-  xcb_render_pictformat_t format = XCB_NONE;
-  const auto formats = own(xcb_render_query_pict_formats_reply(
-      connection_, xcb_render_query_pict_formats(connection_), nullptr));
-  ASSERT_TRUE(formats);
-  const xcb_render_pictforminfo_t* info = xcb_render_query_pict_formats_formats(formats.get());
-  for (std::uint32_t i = 0; i < formats->num_formats; ++i)
-    if (info[i].depth == 32 && info[i].direct.alpha_mask == 0xFF && info[i].direct.red_shift == 16)
-      format = info[i].id;
-  const xcb_pixmap_t pixmap = xcb_generate_id(connection_);
-  xcb_create_pixmap(connection_, 32, pixmap, screen_->root, pixels, pixels);
-  const xcb_render_picture_t picture = xcb_generate_id(connection_);
-  xcb_render_create_picture(connection_, picture, pixmap, format, 0, nullptr);
-  auto channel = [argb](int shift) {
-    return static_cast<std::uint16_t>((argb >> shift & 0xFF) * (argb >> 24) / 255 * 257);
-  };
-  const xcb_render_color_t colour{channel(16), channel(8), channel(0),
-                                  static_cast<std::uint16_t>((argb >> 24) * 257)};
-  const xcb_rectangle_t all{0, 0, pixels, pixels};
-  xcb_render_fill_rectangles(connection_, XCB_RENDER_PICT_OP_SRC, picture, colour, 1, &all);
-  const xcb_cursor_t cursor = xcb_generate_id(connection_);
-  xcb_render_create_cursor(connection_, cursor, picture, static_cast<std::uint16_t>(hot_x),
-                           static_cast<std::uint16_t>(hot_y));
-  xcb_change_window_attributes(connection_, window_, XCB_CW_CURSOR, &cursor);
-  own(xcb_get_input_focus_reply(connection_, xcb_get_input_focus(connection_), nullptr));
 }
 
 }  // namespace system_test

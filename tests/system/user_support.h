@@ -99,9 +99,6 @@ class Recorder {
   bool records(const std::string& event);        // waits for it
   std::size_t count(const std::string& prefix);  // of events so far
   void forget() { events_.clear(); }
-  // Gives the window a pointer image: opaque, of this colour, square.
-  void set_cursor(std::uint32_t argb, int size, int hot_x, int hot_y);
-  void hide_cursor() { set_cursor(0, 1, 0, 0); }
   xcb_window_t window() const { return window_; }
 
  private:

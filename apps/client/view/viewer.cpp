@@ -161,6 +161,9 @@ void Viewer::take_news() {
 
 void Viewer::take_news_of(Screen& screen) {
   ScreenNews news = inbox_->take_screen(screen.number);
+  if (news.state == ScreenState::Ended && screen.view.state != ScreenState::Ended &&
+      shared_.session == SessionState::Streaming && !news.text.empty())
+    std::fprintf(stderr, "screen %d: %s\n", screen.number, news.text.c_str());
   screen.view.state = news.state;
   screen.view.text = news.text;
   if (news.granted) {
