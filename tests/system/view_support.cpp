@@ -66,7 +66,11 @@ void ViewTest::view(const std::vector<std::string>& more) {
       << window_.width << "x" << window_.height;
   user_->place(window_, 0, 0, window_.width, window_.height);
   window_.x = window_.y = 0;
-  ASSERT_TRUE(shows(GROUND, desktop_width() - 5, 5));
+  // The picture fills it: where there was black or a text, there is now the host's screen.
+  const RgbPicture there = screen(desktop_width() - 5, 5, 1, 1);
+  ASSERT_TRUE(shows(
+      static_cast<std::uint32_t>(there.pixels[0] << 16 | there.pixels[1] << 8 | there.pixels[2]),
+      desktop_width() - 5, 5));
 }
 
 std::optional<int> ViewTest::leave() {

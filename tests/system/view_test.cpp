@@ -216,6 +216,52 @@ TEST_F(ViewTest, StatisticsAndHelpStandOverThePictureOnDemand) {
   screenshot("help");
 }
 
+// Also takes the pictures of the documentation.
+TEST_F(ViewTest, ADesktopInUseIsShownWithItsFiguresAndKeys) {
+  sit_down(960, 600);
+  const ChildProcess moving(at(host_place_, "lunderhaze-testscreen", {}), environment_);
+  ASSERT_TRUE(
+      comes_true([&] { return screen(950, 5, 1, 1).pixels != screen(950, 590, 1, 1).pixels; }));
+  const ChildProcess terminal(
+      {"xterm", "-fn", "fixed", "-bg", "#102030", "-fg", "#E0E0E0", "-geometry", "80x14+300+60",
+       "-e", "sh", "-c", "cd /usr; PS1='host:/usr '; export PS1; exec sh"},
+      environment_);
+  User host_user(desktop_->display());
+  ASSERT_TRUE(comes_true([&] { return close_colours(host_user.colour(600, 200), 0x102030); }));
+  view();
+  user_->move(seat_x(400), seat_y(200));
+  ASSERT_TRUE(shows(0x102030, 750, 200));
+  user_->type("ls -l\n");
+  const auto terminal_pixels = [&] {
+    return user_->content({0, "", seat_x(310), seat_y(70), 480, 170}).pixels;
+  };
+  ASSERT_TRUE(comes_true([&, last = terminal_pixels()]() mutable {
+    const auto now = terminal_pixels();
+    return now == std::exchange(last, now) &&
+           std::count_if(now.begin(), now.end(), [](int byte) { return byte > 200; }) > 2000;
+  })) << "the listing stands there";
+  screenshot("view");
+  user_->command('s');
+  // Between the columns' end and their ground's: a quarter of the picture's light.
+  ASSERT_TRUE(comes_true([&] { return close_colours(user_->colour(266, 140), 0x0B1219, 10); }))
+      << std::hex << user_->colour(266, 140);
+  const auto figures = [&] { return user_->content({0, "", 12, 12, 255, 230}).pixels; };
+  EXPECT_TRUE(comes_true([&, first = figures()] { return figures() != first; }))
+      << "they follow what happens";
+  screenshot("statistics");
+  user_->command('s');
+  user_->command('h');
+  // Nine lines cover what one doesn't: their ground begins 190 pixels above the bottom.
+  const std::uint32_t bare = user_->colour(480, 408);
+  ASSERT_TRUE(
+      comes_true([&] { return (user_->colour(480, 416) >> 16 & 0xFF) < (bare >> 16 & 0xFF) / 2; }));
+  screenshot("help");
+  EXPECT_EQ(leave(), 0);
+  const nlohmann::json shown = view_report()["screens"][0];
+  for (const char* stage : {"paint", "encode", "transport", "queue", "decode", "present", "total"})
+    EXPECT_GT(shown["latency_ms"][stage]["samples"], 0) << stage;
+}
+
 TEST_F(ViewTest, FullScreenIsAskedOfTheWindowManagerAndFilled) {
   sit_down();
   view();

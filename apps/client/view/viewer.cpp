@@ -270,7 +270,7 @@ nlohmann::json Viewer::report(HostSession& session) {
                                {"latency_ms", screen->statistics.latency_report()}});
   }
   const SoundOutput::Figures sound = sound_.take_figures();
-  json["sound"] = {{"device", sound_.is_open()},
+  json["sound"] = {{"device", sound_.was_open()},
                    {"buffered_ms", rounded(sound.buffered_ms)},
                    {"buffered_max_ms", rounded(sound.most_ms)},
                    {"played_ms", rounded(static_cast<double>(sound.playout.played_frames) * 1000 /
