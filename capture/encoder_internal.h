@@ -1,4 +1,4 @@
-// The encoder's decisions that need no open encoder, and FFmpeg's objects under RAII.
+// The encoder's decisions that need no open encoder.
 #pragma once
 
 #include <cstdint>
@@ -8,12 +8,7 @@
 #include <string_view>
 #include <vector>
 
-extern "C" {
-#include <libavcodec/avcodec.h>
-#include <libavutil/buffer.h>
-#include <libavutil/frame.h>
-#include <libswscale/swscale.h>
-}
+#include "capture/ffmpeg_objects.h"
 
 namespace encoder_internal {
 
@@ -47,25 +42,10 @@ struct ErrorText {
   char text[64];
 };
 
-struct ContextFree {
-  void operator()(AVCodecContext* p) const { avcodec_free_context(&p); }
-};
-struct FrameFree {
-  void operator()(AVFrame* p) const { av_frame_free(&p); }
-};
-struct PacketFree {
-  void operator()(AVPacket* p) const { av_packet_free(&p); }
-};
-struct BufferUnref {
-  void operator()(AVBufferRef* p) const { av_buffer_unref(&p); }
-};
-struct ScalerFree {
-  void operator()(SwsContext* p) const { sws_freeContext(p); }
-};
-using ContextPtr = std::unique_ptr<AVCodecContext, ContextFree>;
-using FramePtr = std::unique_ptr<AVFrame, FrameFree>;
-using PacketPtr = std::unique_ptr<AVPacket, PacketFree>;
-using BufferPtr = std::unique_ptr<AVBufferRef, BufferUnref>;
-using ScalerPtr = std::unique_ptr<SwsContext, ScalerFree>;
+using ffmpeg::BufferPtr;
+using ffmpeg::ContextPtr;
+using ffmpeg::FramePtr;
+using ffmpeg::PacketPtr;
+using ffmpeg::ScalerPtr;
 
 }  // namespace encoder_internal

@@ -145,5 +145,5 @@ class CaptureThreadPriority {
   CaptureThreadPriority& operator=(const CaptureThreadPriority&) = delete;
 
  private:
-  std::intptr_t former_ = 0;
+  std::intptr_t former_;
 };

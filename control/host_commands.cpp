@@ -18,7 +18,8 @@ struct Word {
 };
 constexpr Word WORDS[] = {
     {"status", Kind::Status},       {"relays", Kind::Relays}, {"pair", Kind::Pair},
-    {"authorize", Kind::Authorize}, {"remove", Kind::Remove},
+    {"authorize", Kind::Authorize}, {"remove", Kind::Remove}, {"mute", Kind::Mute},
+    {"clipboard", Kind::Clipboard},
 };
 
 // What stands before the first blank, and what stands behind it.
@@ -55,6 +56,10 @@ bool parse_arguments(const std::string& text, HostRequest* request) {
     }
     case Kind::Remove:
       return parse_key(text, request);
+    case Kind::Mute:
+    case Kind::Clipboard:
+      request->on = parse_switch(text);
+      return text.empty() || request->on;
   }
   return false;
 }
@@ -72,6 +77,8 @@ std::string format_request(const HostRequest& request) {
     text += std::string(" ") + key;
   }
   if (request.kind == Kind::Authorize) text += " " + request.name;
+  if (request.kind == Kind::Mute || request.kind == Kind::Clipboard)
+    text += !request.on ? "" : *request.on ? " on" : " off";
   return text;
 }
 
@@ -112,6 +119,11 @@ HostReply ask_host(const std::filesystem::path& directory, const HostRequest& re
   *text = answer ? answer->text : "the running host gave no answer that is known here";
   if (!answer) return HostReply::Failed;
   return answer->done ? HostReply::Done : HostReply::Refused;
+}
+
+std::optional<bool> parse_switch(const std::string& text) {
+  if (text != "on" && text != "off") return std::nullopt;
+  return text == "on";
 }
 
 std::optional<std::uint32_t> parse_number(const std::string& text, std::uint32_t low,

@@ -1,7 +1,6 @@
 // What this user's programs ask of a running host over its command channel, and how the texts say
-// it: "status", "relays", "pair SECONDS", "authorize KEY NAME",
-// "remove KEY"; the answer is "+" or "-" and a text
-// for a person. Pure but for ask_host.
+// it: "status", "relays", "pair SECONDS", "authorize KEY NAME", "remove KEY", "mute [on|off]",
+// "clipboard [on|off]"; the answer is "+" or "-" and a text for a person. Pure but for ask_host.
 #pragma once
 
 #include <array>
@@ -22,11 +21,14 @@ struct HostRequest {
     Pair,       // open the pairing window for `seconds`
     Authorize,  // the device with `key`, called `name`, may connect from now on
     Remove,     // the device with `key` may not any more
+    Mute,       // this computer's speakers are muted while a client streams
+    Clipboard,  // the clipboard is shared with clients
   };
   Kind kind = Kind::Status;
   std::uint32_t seconds = PAIRING_SECONDS;  // 1..PAIRING_SECONDS_MAX
   std::array<std::uint8_t, LUND_KEY_SIZE> key{};
   std::string name;
+  std::optional<bool> on;  // of a switch; without it, the answer only tells how it stands
 };
 std::string format_request(const HostRequest& request);
 std::optional<HostRequest> parse_request(const std::string& text);
@@ -47,6 +49,9 @@ enum class HostReply {
 // Blocks for 10 s at most. `text` is the answer's, or what failed.
 HostReply ask_host(const std::filesystem::path& directory, const HostRequest& request,
                    std::string* text);
+
+// "on" and "off".
+std::optional<bool> parse_switch(const std::string& text);
 
 // A number in decimal digits alone, within the range.
 std::optional<std::uint32_t> parse_number(const std::string& text, std::uint32_t low,

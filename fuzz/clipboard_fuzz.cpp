@@ -12,7 +12,8 @@
 #include "streams/clipboard_internal.h"
 #include "tests/support/virtual_time.h"
 
-// Of the sanitizer's allocator, where that is linked.
+// Of the sanitizer's allocator, where that is linked; the name is its own.
+// NOLINTNEXTLINE(bugprone-reserved-identifier)
 extern "C" std::size_t __sanitizer_get_current_allocated_bytes() __attribute__((weak));
 
 namespace {

@@ -14,6 +14,7 @@
 #include "streams/audio.h"
 #include "streams/host_clipboard.h"
 #include "streams/input_sink.h"
+#include "streams/sound_endpoints.h"
 
 struct Platform {
   std::function<std::vector<DisplayInfo>()> list_displays;
@@ -26,6 +27,8 @@ struct Platform {
   std::function<std::unique_ptr<InputSink>()> make_input;
   std::function<std::unique_ptr<AudioCapture>()> make_audio;
   std::function<std::unique_ptr<HostClipboard>()> make_clipboard;
+  // For whoever runs the host: the host itself doesn't touch the speakers.
+  std::function<std::unique_ptr<SoundEndpoints>()> make_sound_endpoints;
 };
 
 Platform native_platform();

@@ -313,7 +313,7 @@ void ScreenSession::apply_audio() {
     std::scoped_lock lock(audio_mutex_);
     changed = on != audio_running_ && audio_ && !ended;
     if (changed && on) {
-      audio_->packet = [this](const std::uint8_t* data, std::uint64_t size,
+      audio_->on_packet = [this](const std::uint8_t* data, std::uint64_t size,
                               std::uint64_t timestamp_us) { send_audio(data, size, timestamp_us); };
       audio_->start();
     } else if (changed) {

@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "connection/byte_order.h"
+#include "connection/fnv1a.h"
 
 namespace {
 
@@ -266,18 +267,15 @@ CursorBitmap cursor_scale(const CursorBitmap& source, double factor) {
 }
 
 std::uint32_t cursor_hash(const CursorBitmap& cursor) {
-  std::uint64_t hash = 0xCBF29CE484222325;  // FNV-1a over 64 bits
-  const auto mix = [&hash](const std::uint8_t* bytes, std::size_t size) {
-    for (std::size_t i = 0; i < size; ++i) hash = (hash ^ bytes[i]) * 0x100000001B3;
-  };
   std::uint8_t shape[16];
   const std::int32_t fields[] = {cursor.width, cursor.height, cursor.hot_x, cursor.hot_y};
   for (std::size_t i = 0; i < 4; ++i)
     store_le(shape + 4 * i, static_cast<std::uint32_t>(fields[i]));
-  mix(shape, sizeof(shape));
-  mix(cursor.pixels.data(), cursor.pixels.size());
-  const auto low = static_cast<std::uint32_t>(hash);
-  const auto high = static_cast<std::uint32_t>(hash >> 32);
+  Fnv1a hash;
+  hash.add(shape);
+  hash.add(cursor.pixels);
+  const auto low = static_cast<std::uint32_t>(hash.value());
+  const auto high = static_cast<std::uint32_t>(hash.value() >> 32);
   // 0 means no image.
   return low == high ? 1 : low ^ high;
 }

@@ -4,6 +4,7 @@
 #include <utility>
 
 #include "connection/clock.h"
+#include "connection/fnv1a.h"
 #include "streams/clipboard_text.h"
 
 namespace {
@@ -23,12 +24,11 @@ constexpr std::size_t INCOMING_MAX = 4;
 
 constexpr char NOT_CONVERTED[] = "clipboard: local bitmap could not be converted to PNG";
 
-// FNV-1a over 64 bits.
 std::uint64_t item_hash(std::uint8_t kind, std::span<const std::uint8_t> bytes) {
-  constexpr std::uint64_t PRIME = 0x100000001B3;
-  std::uint64_t hash = (0xCBF29CE484222325 ^ kind) * PRIME;
-  for (const std::uint8_t byte : bytes) hash = (hash ^ byte) * PRIME;
-  return hash;
+  Fnv1a hash;
+  hash.add(kind);
+  hash.add(bytes);
+  return hash.value();
 }
 
 std::string number(std::uint64_t value) {

@@ -22,7 +22,7 @@
 
 struct IncomingItem {
   struct Free {
-    void operator()(std::uint8_t* data) const { lund_clip_free(data); }
+    void operator()(std::uint8_t* memory) const { lund_clip_free(memory); }
   };
   std::uint32_t id = 0;
   std::uint8_t kind = 0;

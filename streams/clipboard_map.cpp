@@ -1,6 +1,5 @@
 #include "streams/clipboard_map.h"
 
-#include <algorithm>
 #include <bit>
 #include <cassert>
 
@@ -56,21 +55,20 @@ std::uint32_t ClipboardMap::next(std::uint32_t at, bool come) const {
   std::uint64_t ahead = FULL << (at % WORD_BITS);  // of the first word
   for (std::uint32_t word = at / WORD_BITS; word * WORD_BITS < size_; ++word) {
     const std::uint64_t found = (words_[word] ^ flip) & ahead;
-    if (found != 0)
-      return std::min(size_,
-                      word * WORD_BITS + static_cast<std::uint32_t>(std::countr_zero(found)));
+    // Never behind the item's end: the bits there are all unset.
+    if (found != 0) return word * WORD_BITS + static_cast<std::uint32_t>(std::countr_zero(found));
     ahead = FULL;
   }
   return size_;
 }
 
 std::uint8_t ClipboardMap::gaps(std::span<lund_clipboard_range> room) const {
-  std::uint8_t count = 0;
+  std::size_t count = 0;
   for (std::uint32_t end = 0; count < room.size(); ++count) {
     const std::uint32_t start = next(end, false);
     if (start == size_) break;
     end = next(start, true);
     room[count] = {.offset = start, .length = end - start};
   }
-  return count;
+  return static_cast<std::uint8_t>(count);
 }

@@ -18,7 +18,8 @@ class ClipboardMap {
   // Returns how many of the bytes are new; they lie within the item.
   std::uint32_t mark(std::uint32_t offset, std::uint32_t length);
 
-  // The first gaps, from the item's start, as many as there is room for; how many.
+  // The first gaps, from the item's start, as many as there is room for, at most LUND_RANGES_MAX;
+  // how many.
   std::uint8_t gaps(std::span<lund_clipboard_range> room) const;
 
  private:

@@ -18,7 +18,6 @@ constexpr std::uint32_t CHUNK_HEADER = 21;
 constexpr std::uint32_t DEFAULT_RATE = 5'000'000;  // bytes a second
 // Above one packet: what a timer that wakes a few milliseconds late may catch up with.
 constexpr double BURST_BYTES = 16'384;
-constexpr std::uint64_t PACE_MIN_US = 1'000;
 
 constexpr std::uint64_t PROBE_PERIOD_US = 100'000;
 constexpr std::uint64_t SILENCE_LIMIT_US = 5'000'000;
@@ -212,7 +211,7 @@ ClipboardSender::Wait ClipboardSender::pace(Lock& held, std::uint64_t now) {
   refilled_us_ = now;
   if (tokens_ < packet) {
     const auto short_us = static_cast<std::uint64_t>((packet - tokens_) * 1e6 / rate_) + 1;
-    return whole_ms(std::max(short_us, PACE_MIN_US));
+    return whole_ms(short_us);
   }
 
   assert(range_cursor_ < range_count_ && cursor_offset_ < ranges_[range_cursor_].length);

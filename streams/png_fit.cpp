@@ -3,8 +3,6 @@
 #include <algorithm>
 #include <cmath>
 
-#include "streams/clipboard.h"
-
 namespace {
 
 // Pixels and bytes shrink about alike; what is left of a round aims a little below the limit, and
@@ -22,14 +20,14 @@ std::string size_text(const Image& image) {
 }
 
 bool shrink(const Image& source, std::vector<std::uint8_t>* png, const ClipboardLog& log,
-            const PictureCodec& codec) {
+            const PngFitting& by) {
   double scale = 1.0;
-  while (png->size() > LUND_CLIP_IMAGE_MAX) {
-    const double ratio = double{LUND_CLIP_IMAGE_MAX} / static_cast<double>(png->size());
+  while (png->size() > by.most_bytes) {
+    const double ratio = static_cast<double>(by.most_bytes) / static_cast<double>(png->size());
     scale *= std::clamp(AIM * std::sqrt(ratio), STEP_MIN, STEP_MAX);
     Image smaller;
-    if (!codec.scale(source, scaled(source.width, scale), scaled(source.height, scale), &smaller) ||
-        !codec.encode(smaller, png))
+    if (!by.scale(source, scaled(source.width, scale), scaled(source.height, scale), &smaller) ||
+        !by.encode(smaller, png))
       return false;
     log("clipboard: image " + size_text(source) + " downscaled to " + size_text(smaller) + " (" +
         std::to_string(png->size()) + " B PNG) to fit 16 MB");
@@ -42,17 +40,17 @@ bool shrink(const Image& source, std::vector<std::uint8_t>* png, const Clipboard
 std::optional<std::vector<std::uint8_t>> png_for_sending(std::vector<std::uint8_t> png,
                                                          const Image* source,
                                                          const ClipboardLog& log,
-                                                         const PictureCodec& codec) {
-  if (png.size() <= LUND_CLIP_IMAGE_MAX) return png;
+                                                         const PngFitting& by) {
+  if (png.size() <= by.most_bytes) return png;
   Image decoded;
   if (source == nullptr) {
-    if (!codec.decode(png, &decoded)) {
+    if (!by.decode(png, &decoded)) {
       log("clipboard: local PNG could not be decoded");
       return std::nullopt;
     }
     source = &decoded;
   }
-  if (!shrink(*source, &png, log, codec)) {
+  if (!shrink(*source, &png, log, by)) {
     log("clipboard: local image could not be downscaled");
     return std::nullopt;
   }

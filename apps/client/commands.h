@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "apps/client/host_link.h"
+#include "apps/client/input_script.h"
 #include "control/client_store.h"
 
 namespace client_app {
@@ -59,6 +60,9 @@ struct Arguments {
   std::uint32_t seed = 1;
   unsigned screen = 0, width = 0, height = 0, fps = 0, bitrate_kbps = 0, fec = 0;
   std::string codec;
+  unsigned screens = 0;  // this many, from 0 on; 0: only `screen`
+  std::filesystem::path audio_out, clipboard_set, clipboard_get;
+  std::vector<InputAction> actions;  // of --type and --click, in order
   ViewArguments view;
 
   const std::atomic<bool>* stop = nullptr;  // Ctrl+C

@@ -29,10 +29,10 @@ ExitStatus HostAccess::open(const Arguments& args, std::string* error) {
   return EXIT_OK;
 }
 
-bool HostAccess::remember(const HostSession& session, std::string* error) {
+bool HostAccess::remember(const HostSession& session, std::string* error, std::FILE* talk) {
   if (session.paths().empty()) return true;
   const std::uint64_t now_s = lund_wall_us() / 1'000'000;
-  std::fputs(remember_relays(given_.config, &store_).c_str(), stdout);
+  std::fputs(remember_relays(given_.config, &store_).c_str(), talk);
   return store_.update(
       host_,
       [&](lund_host_entry& entry) { learn(session.paths(), link_.lan_search(), now_s, &entry); },

@@ -3,6 +3,7 @@
 // thread.
 #pragma once
 
+#include <cstdio>
 #include <string>
 
 #include "apps/client/commands.h"
@@ -19,8 +20,9 @@ class HostAccess {
   HostLink& link() { return link_; }
   const lund_host_entry& host() const { return host_; }
 
-  // What a session has shown is worth keeping however it ended. False with `error`.
-  bool remember(const HostSession& session, std::string* error);
+  // What a session has shown is worth keeping however it ended; says on `talk` what that is. False
+  // with `error`.
+  bool remember(const HostSession& session, std::string* error, std::FILE* talk = stdout);
 
  private:
   ClientStore store_;

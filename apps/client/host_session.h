@@ -65,6 +65,7 @@ class HostSession {
   ScreenStream& main() { return *streams_.front(); }
   ScreenStream& stream(int screen);
   const std::vector<std::unique_ptr<ScreenStream>>& streams() const { return streams_; }
+  std::uint64_t first_frame_us() const { return first_frame_us_; }  // of the run; 0: none yet
   double seconds() const;  // from the main screen's first frame to now
   double hello_to_first_frame_ms() const { return hello_to_first_frame_ms_; }
   const PathHistory& paths() const { return paths_; }

@@ -316,6 +316,11 @@ InputSender::Statistics InputSender::statistics() const {
   return statistics;
 }
 
+std::size_t InputSender::unacknowledged() const {
+  std::scoped_lock lock(mutex_);
+  return count_;
+}
+
 bool InputSender::idle() const {
   std::scoped_lock lock(mutex_);
   return count_ == 0 && !wanted_waits_ && place_repeats_ == 0;

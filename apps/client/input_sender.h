@@ -55,6 +55,7 @@ class InputSender {
     std::vector<double> latency_us;  // from the event to its acknowledgement, of the last ones
   };
   Statistics statistics() const;
+  std::size_t unacknowledged() const;  // events
   bool idle() const;  // everything has been acknowledged, the last position repeated
 
   static constexpr std::size_t CAPACITY = 1024;

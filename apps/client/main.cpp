@@ -72,6 +72,45 @@ void add_pair(CLI::App& pair, Arguments& args) {
   });
 }
 
+// Takes its values one by one as they come, so that those of several options keep their order.
+CLI::Option* add_in_order(CLI::App& command, const std::string& name, const std::string& help,
+                          const std::function<std::string(const std::string&)>& take) {
+  return command
+      .add_option_function<std::string>(
+          name,
+          [name, take](const std::string& value) {
+            const std::string error = take(value);
+            if (!error.empty()) throw CLI::ValidationError(name, error);
+          },
+          help)
+      ->trigger_on_parse();
+}
+
+void add_sharing(CLI::App& connect, Arguments& args) {
+  connect.add_option("--audio-out", args.audio_out, "Record the host's sound as a WAV file");
+  connect.add_option("--clipboard-set", args.clipboard_set,
+                     "Give the host's clipboard this file, text or a PNG picture; - reads "
+                     "standard input");
+  connect.add_option("--clipboard-get", args.clipboard_get,
+                     "Write what the host's clipboard sent last; - writes it to standard output, "
+                     "and everything else to standard error");
+  add_in_order(connect, "--type", "Type this text with the keys of a US keyboard",
+               [&args](const std::string& text) {
+                 std::string error;
+                 auto strokes = key_strokes(text, &error);
+                 if (strokes) args.actions.emplace_back(std::move(*strokes));
+                 return error;
+               });
+  add_in_order(connect, "--click", "Click at this pixel of the stream; both may come repeatedly",
+               [&args](const std::string& text) -> std::string {
+                 const auto click = parse_click(text);
+                 if (!click) return text + " is not X,Y";
+                 args.actions.emplace_back(*click);
+                 return {};
+               })
+      ->type_name("X,Y");
+}
+
 // What connect and view wish of a stream.
 void add_wishes(CLI::App& command, Arguments& args) {
   command.add_option("--width", args.width, "Widest picture wanted")->check(CLI::Range(0, 65535));
@@ -91,8 +130,12 @@ void add_connect(CLI::App& connect, Arguments& args) {
   connect.add_option("--drop", args.drop_percent, "Percent of datagrams to lose on purpose")
       ->check(CLI::Range(0.0, 100.0));
   connect.add_option("--seed", args.seed, "Seed of that loss")->capture_default_str();
-  connect.add_option("--screen", args.screen, "0 to 3")->check(CLI::Range(0, 3));
+  auto* screen = connect.add_option("--screen", args.screen, "0 to 3")->check(CLI::Range(0, 3));
+  connect.add_option("--screens", args.screens, "So many at once, from 0 on")
+      ->check(CLI::Range(1, SCREENS_MAX))
+      ->excludes(screen);
   add_wishes(connect, args);
+  add_sharing(connect, args);
 }
 
 void add_view(CLI::App& view, Arguments& args) {

@@ -17,7 +17,7 @@ constexpr std::uint8_t TOC_ONE_FRAME = 0xFC;  // RFC 6716, 3.1: all but the fram
 
 }  // namespace
 
-struct OpusDecoder::Impl {
+struct OpusSoundDecoder::Impl {
   AVCodecContext* context = nullptr;
   AVPacket* packet = av_packet_alloc();
   AVFrame* frame = av_frame_alloc();
@@ -31,10 +31,10 @@ struct OpusDecoder::Impl {
   }
 };
 
-OpusDecoder::OpusDecoder() : impl_(std::make_unique<Impl>()) {}
-OpusDecoder::~OpusDecoder() = default;
+OpusSoundDecoder::OpusSoundDecoder() : impl_(std::make_unique<Impl>()) {}
+OpusSoundDecoder::~OpusSoundDecoder() = default;
 
-bool OpusDecoder::open() {
+bool OpusSoundDecoder::open() {
   avcodec_free_context(&impl_->context);
   impl_->toc = -1;
   const AVCodec* codec = avcodec_find_decoder_by_name("libopus");
@@ -43,12 +43,13 @@ bool OpusDecoder::open() {
   if (!impl_->context) return false;
   impl_->context->sample_rate = SOUND_RATE;
   impl_->context->request_sample_fmt = AV_SAMPLE_FMT_FLT;
+  impl_->context->log_level_offset = AV_LOG_MAX_OFFSET;  // what comes is the host's: it is counted
   av_channel_layout_default(&impl_->context->ch_layout, SOUND_CHANNELS);
   if (avcodec_open2(impl_->context, codec, nullptr) < 0) avcodec_free_context(&impl_->context);
   return impl_->context != nullptr;
 }
 
-std::span<const float> OpusDecoder::decode(const std::uint8_t* packet, std::size_t size) {
+std::span<const float> OpusSoundDecoder::decode(const std::uint8_t* packet, std::size_t size) {
   if (!impl_->context || size == 0 || size > PACKET_MAX) return {};
   std::memcpy(impl_->bytes.data(), packet, size);
   std::fill_n(impl_->bytes.begin() + static_cast<std::ptrdiff_t>(size),
@@ -66,7 +67,7 @@ std::span<const float> OpusDecoder::decode(const std::uint8_t* packet, std::size
 }
 
 // A packet of the TOC byte alone holds one frame of no bytes: "lost" (RFC 6716, 3.2.1 and 4.4).
-std::span<const float> OpusDecoder::conceal() {
+std::span<const float> OpusSoundDecoder::conceal() {
   if (impl_->toc < 0) return {};
   const std::uint8_t lost = static_cast<std::uint8_t>(impl_->toc & TOC_ONE_FRAME);
   return decode(&lost, 1);

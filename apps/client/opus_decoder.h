@@ -7,12 +7,12 @@
 #include <memory>
 #include <span>
 
-class OpusDecoder {
+class OpusSoundDecoder {
  public:
-  OpusDecoder();
-  ~OpusDecoder();
-  OpusDecoder(const OpusDecoder&) = delete;
-  OpusDecoder& operator=(const OpusDecoder&) = delete;
+  OpusSoundDecoder();
+  ~OpusSoundDecoder();
+  OpusSoundDecoder(const OpusSoundDecoder&) = delete;
+  OpusSoundDecoder& operator=(const OpusSoundDecoder&) = delete;
 
   // False when this FFmpeg has no such decoder. Again: forgets what came before.
   bool open();

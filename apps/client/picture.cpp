@@ -28,6 +28,23 @@ float chroma_at(const std::uint8_t* plane, int stride, int width, int height, in
   return 0.75F * row_value(near_row) + 0.25F * row_value(far_row);
 }
 
+bool write_image(const std::filesystem::path& path, int width, int height, png_uint_32 format,
+                 const std::vector<std::uint8_t>& pixels) {
+  std::filesystem::path temporary = path;
+  temporary += ".tmp";
+  png_image image{};
+  image.version = PNG_IMAGE_VERSION;
+  image.width = static_cast<png_uint_32>(width);
+  image.height = static_cast<png_uint_32>(height);
+  image.format = format;
+  const bool written = png_image_write_to_file(&image, temporary.string().c_str(), 0, pixels.data(),
+                                               0, nullptr) != 0;
+  std::error_code failed;
+  if (written) std::filesystem::rename(temporary, path, failed);
+  if (!written || failed) std::filesystem::remove(temporary, failed);
+  return written && std::filesystem::exists(path, failed);
+}
+
 }  // namespace
 
 RgbPicture to_rgb(const DecodedPicture& picture) {
@@ -56,17 +73,9 @@ RgbPicture to_rgb(const DecodedPicture& picture) {
 }
 
 bool write_png(const std::filesystem::path& path, const RgbPicture& picture) {
-  std::filesystem::path temporary = path;
-  temporary += ".tmp";
-  png_image image{};
-  image.version = PNG_IMAGE_VERSION;
-  image.width = static_cast<png_uint_32>(picture.width);
-  image.height = static_cast<png_uint_32>(picture.height);
-  image.format = PNG_FORMAT_RGB;
-  const bool written = png_image_write_to_file(&image, temporary.string().c_str(), 0,
-                                               picture.pixels.data(), 0, nullptr) != 0;
-  std::error_code failed;
-  if (written) std::filesystem::rename(temporary, path, failed);
-  if (!written || failed) std::filesystem::remove(temporary, failed);
-  return written && std::filesystem::exists(path, failed);
+  return write_image(path, picture.width, picture.height, PNG_FORMAT_RGB, picture.pixels);
+}
+
+bool write_png(const std::filesystem::path& path, const CursorBitmap& pointer) {
+  return write_image(path, pointer.width, pointer.height, PNG_FORMAT_BGRA, pointer.pixels);
 }

@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "apps/client/decoder.h"
+#include "media/cursor_convert.h"
 
 struct RgbPicture {
   int width = 0;
@@ -18,3 +19,4 @@ RgbPicture to_rgb(const DecodedPicture& picture);
 
 // Written to a temporary file and renamed; false when the disk refuses.
 bool write_png(const std::filesystem::path& path, const RgbPicture& picture);
+bool write_png(const std::filesystem::path& path, const CursorBitmap& pointer);  // RGBA

@@ -5,22 +5,31 @@
 #include <fstream>
 
 #include "apps/client/picture.h"
+#include "connection/clock.h"
 
 namespace {
 
+double rounded_ms(double us) {
+  return std::round(us) / 1000;
+}
+
+nlohmann::json stream_values(const lund_hello_ack& ack) {
+  return {{"codec", ack.codec == 1 ? "HEVC" : "H.264"},
+          {"width", ack.width},
+          {"height", ack.height},
+          {"fps", ack.fps},
+          {"bitrate_kbps", ack.bitrate_kbps},
+          {"payload_bytes", ack.max_datagram}};
+}
+
+nlohmann::json measured(ScreenStream& stream, double seconds) {
+  std::lock_guard lock(stream.decoder().statistics_mutex());
+  return stream.decoder().statistics().report(seconds);
+}
+
 nlohmann::json report(HostSession& session, HostLink& link) {
-  nlohmann::json json;
-  {
-    std::lock_guard lock(session.main().decoder().statistics_mutex());
-    json = session.main().decoder().statistics().report(session.seconds());
-  }
-  const lund_hello_ack& ack = session.main().granted();
-  json["stream"] = {{"codec", ack.codec == 1 ? "HEVC" : "H.264"},
-                    {"width", ack.width},
-                    {"height", ack.height},
-                    {"fps", ack.fps},
-                    {"bitrate_kbps", ack.bitrate_kbps},
-                    {"payload_bytes", ack.max_datagram}};
+  nlohmann::json json = measured(session.main(), session.seconds());
+  json["stream"] = stream_values(session.main().granted());
   const PathHistory& paths = session.paths();
   json["path"] = {{"class", lund_path_name(paths.path_class())}, {"host", paths.address()}};
   json["paths"] = paths.report(session.main().frame_counts());
@@ -34,22 +43,108 @@ nlohmann::json report(HostSession& session, HostLink& link) {
   return json;
 }
 
+// ---- What a connection did besides receiving its main screen
+
+nlohmann::json report_others(HostSession& session, const ConnectRun& run) {
+  nlohmann::json list = nlohmann::json::array();
+  for (std::size_t i = 1; i < session.streams().size(); ++i) {
+    ScreenStream& stream = *session.streams()[i];
+    nlohmann::json json = {{"screen", stream.screen()}};
+    if (stream.ever_granted()) {
+      json.update(measured(stream, session.seconds()));
+      json["stream"] = stream_values(stream.granted());
+    }
+    const auto lost = run.lost_screens().find(stream.screen());
+    if (lost != run.lost_screens().end()) json["ended"] = lost->second;
+    list.push_back(json);
+  }
+  return list;
+}
+
+nlohmann::json report_sound(const SoundReceiver::Counts& counts, const WavWriter& file) {
+  return {{"packets", counts.packets},
+          {"lost", counts.lost},
+          {"late", counts.late},
+          {"undecodable", counts.undecodable},
+          {"seconds", std::round(static_cast<double>(file.frames()) / SOUND_RATE * 1000) / 1000}};
+}
+
+nlohmann::json report_input(const InputSender& input) {
+  InputSender::Statistics counts = input.statistics();
+  nlohmann::json json = {{"events", counts.events},      {"acknowledged", counts.acknowledged},
+                         {"refused", counts.refused},    {"positions", counts.positions},
+                         {"packets", counts.packets},    {"repeats", counts.repeated},
+                         {"forgotten", counts.forgotten}};
+  if (!counts.latency_us.empty())
+    json["acknowledged_after_ms"] = {{"p50", rounded_ms(percentile(counts.latency_us, 50))},
+                                     {"p95", rounded_ms(percentile(counts.latency_us, 95))},
+                                     {"max", rounded_ms(percentile(counts.latency_us, 100))}};
+  return json;
+}
+
+nlohmann::json report_clipboard(const ClipboardTransfer& clipboard) {
+  using Delivery = ClipboardTransfer::Delivery;
+  nlohmann::json json = {{"received", clipboard.items_received()}};
+  const Delivery delivery = clipboard.delivery(lund_now_us());
+  if (delivery != Delivery::Nothing) json["delivered"] = delivery == Delivery::Delivered;
+  if (const auto& last = clipboard.received())
+    json["last"] = {{"kind", last->kind == LUND_CLIP_PNG ? "PNG" : "text"},
+                    {"bytes", last->bytes.size()}};
+  return json;
+}
+
+nlohmann::json report_pointer(HostSession& session, const ConnectRun::Pointer& pointer) {
+  const CursorCache::Counts& counts = session.main().cursor().counts();
+  nlohmann::json json = {{"x", pointer.position.x},
+                         {"y", pointer.position.y},
+                         {"visible", pointer.position.visible},
+                         {"positions", counts.positions},
+                         {"images", counts.images},
+                         {"requests", counts.requests}};
+  if (!pointer.image) return json;
+  const CursorBitmap& bitmap = pointer.image->bitmap;
+  json["image"] = {{"id", pointer.image->id},
+                   {"width", bitmap.width},
+                   {"height", bitmap.height},
+                   {"hot_x", bitmap.hot_x},
+                   {"hot_y", bitmap.hot_y}};
+  return json;
+}
+
+void add_extras(nlohmann::json& json, HostSession& session, const ConnectRun& run) {
+  if (session.streams().size() > 1) json["screens"] = report_others(session, run);
+  if (run.sound_file()) json["sound"] = report_sound(session.sound_counts(), *run.sound_file());
+  if (run.has_actions()) json["input"] = report_input(session.main().input());
+  if (run.clipboard()) json["clipboard"] = report_clipboard(*run.clipboard());
+  if (const auto pointer = run.pointer()) json["pointer"] = report_pointer(session, *pointer);
+}
+
 }  // namespace
 
+std::filesystem::path screen_directory(const std::filesystem::path& out, std::size_t index) {
+  return index == 0 || out.empty() ? out : out / ("screen" + std::to_string(index));
+}
+
 bool write_results(const std::filesystem::path& out, HostSession& session, HostLink& link,
-                   std::string* error) {
+                   const ConnectRun& run, std::string* error) {
+  const auto refused = [error](const std::filesystem::path& path) {
+    *error = "cannot write " + path.string();
+    return false;
+  };
+  nlohmann::json json = report(session, link);
+  add_extras(json, session, run);
   std::ofstream file(out / "report.json", std::ios::trunc);
-  file << report(session, link).dump(2) << '\n';
+  file << json.dump(2) << '\n';
   file.close();
-  if (!file) {
-    *error = "cannot write " + (out / "report.json").string();
-    return false;
+  if (!file) return refused(out / "report.json");
+  for (std::size_t i = 0; i < session.streams().size(); ++i) {
+    const DecodedPicture* picture = session.streams()[i]->decoder().last_picture();
+    const auto path = screen_directory(out, i) / "last_frame.png";
+    if (picture && !write_png(path, to_rgb(*picture))) return refused(path);
   }
-  const DecodedPicture* picture = session.main().decoder().last_picture();
-  if (picture && !write_png(out / "last_frame.png", to_rgb(*picture))) {
-    *error = "cannot write " + (out / "last_frame.png").string();
-    return false;
-  }
+  const auto pointer = run.pointer();
+  if (pointer && pointer->image && !write_png(out / "cursor.png", pointer->image->bitmap))
+    return refused(out / "cursor.png");
   return true;
 }
 

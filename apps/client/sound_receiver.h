@@ -58,7 +58,7 @@ class SoundReceiver {
   void conceal();
 
   const Sink sink_;
-  OpusDecoder decoder_;
+  OpusSoundDecoder decoder_;
   bool open_ = false;
   bool begun_ = false;
   std::uint32_t next_ = 0;             // the number awaited

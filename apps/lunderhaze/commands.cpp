@@ -9,6 +9,7 @@
 #include "control/host_commands.h"
 #include "control/keystore.h"
 #include "control/relay_list.h"
+#include "control/switches.h"
 #include "control/text.h"
 
 const char* const COMMANDS_USAGE =
@@ -16,6 +17,8 @@ const char* const COMMANDS_USAGE =
     "       lunderhaze status                     of the running host, or what is stored\n"
     "       lunderhaze pair [SECONDS]             opens pairing on the running host\n"
     "       lunderhaze devices remove NAME|CODE   a paired device may not connect any more\n"
+    "       lunderhaze mute [on|off]              this computer's speakers while a client streams\n"
+    "       lunderhaze clipboard [on|off]         whether clients share the clipboard\n"
     "       lunderhaze relays list\n"
     "       lunderhaze relays add LINK...         - reads links from standard input\n"
     "       lunderhaze relays remove NAME|NUMBER\n"
@@ -207,15 +210,52 @@ ExitStatus pair_command(const Arguments& args) {
   }
 }
 
+// ---- mute, clipboard
+
+struct Switch {
+  HostRequest::Kind kind;
+  bool (*load)(const std::filesystem::path& directory);
+  bool (*save)(const std::filesystem::path& directory, bool on);
+  std::string (*line)(bool on);
+};
+
+ExitStatus switch_command(const Arguments& args, const Switch& what) {
+  const std::filesystem::path directory = keystore::hostStoreDirectory();
+  HostRequest request;
+  request.kind = what.kind;
+  if (args.size() > 1) request.on = parse_switch(args[1]);
+  if (args.size() > 2 || (args.size() == 2 && !request.on))
+    return wrong_usage(args[0] + " takes on, off or nothing");
+  if (request.on && !what.save(directory, *request.on))
+    return fail(EXIT_STORE, "could not save the setting");
+  std::string text;
+  switch (ask_host(directory, request, &text)) {
+    case HostReply::Done:
+      return say(text + "\n");
+    case HostReply::NotRunning:
+      say(what.line(what.load(directory)) + "\n");
+      return request.on ? say(text + ": counts from its next start\n") : EXIT_OK;
+    default:
+      return fail(EXIT_REFUSED, request.on ? text + ": counts from the host's next start" : text);
+  }
+}
+
+ExitStatus mute_command(const Arguments& args) {
+  return switch_command(args, {HostRequest::Kind::Mute, load_mute_host, save_mute_host, mute_line});
+}
+
+ExitStatus clipboard_command(const Arguments& args) {
+  return switch_command(args, {HostRequest::Kind::Clipboard, load_clipboard_sync,
+                               save_clipboard_sync, clipboard_line});
+}
+
 struct Command {
   const char* name;
   ExitStatus (*run)(const Arguments& args);
 };
 constexpr Command COMMANDS[] = {
-    {"relays", relays_command},
-    {"devices", devices_command},
-    {"status", status_command},
-    {"pair", pair_command},
+    {"relays", relays_command}, {"devices", devices_command}, {"status", status_command},
+    {"pair", pair_command},     {"mute", mute_command},       {"clipboard", clipboard_command},
 };
 
 const Command* find_command(const std::string& name) {

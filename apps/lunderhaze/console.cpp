@@ -100,7 +100,9 @@ std::string report_text(const HostReport& report) {
                      "\n" + pairing_state(report.pairing);
   for (const std::string& line : report.internet) text += line + "\n";
   text += report.status.virtual_display_line + "\n";
-  return text + client_lines(report.status) + device_lines(report.devices);
+  text += client_lines(report.status);
+  if (!report.speakers.empty()) text += report.speakers + "\n";
+  return text + device_lines(report.devices);
 }
 
 std::string stored_text(const StoredHost& stored) {
@@ -110,6 +112,15 @@ std::string stored_text(const StoredHost& stored) {
   if (stored.relays.empty()) text += "No relay servers\n";
   for (const std::string& relay : stored.relays) text += "Relay " + relay + "\n";
   return text + device_lines(stored.devices);
+}
+
+std::string mute_line(bool on) {
+  return on ? "This computer's speakers are muted while a client streams"
+            : "This computer's speakers stay on while a client streams";
+}
+
+std::string clipboard_line(bool on) {
+  return on ? "The clipboard is shared with clients" : "The clipboard is not shared with clients";
 }
 
 std::string pairing_line(const lund_pairing_status& pairing) {

@@ -17,6 +17,7 @@ struct HostReport {
   lund_pairing_status pairing;
   std::vector<std::string> internet;  // one line and one for each relay server
   HostStatus status;
+  std::string speakers;  // may be empty
   std::vector<PairedDevice> devices;
 };
 HostReport report_on(HostServer& host, std::uint16_t port);
@@ -30,6 +31,10 @@ struct StoredHost {
   std::vector<PairedDevice> devices;
 };
 std::string stored_text(const StoredHost& stored);
+
+// How the switches stand.
+std::string mute_line(bool on);
+std::string clipboard_line(bool on);
 
 // How to pair, as long as the window is open; otherwise that it is closed.
 std::string pairing_line(const lund_pairing_status& pairing);

@@ -15,6 +15,7 @@
 #include "control/log.h"
 #include "control/relay_list.h"
 #include "host/server.h"
+#include "streams/host_mute.h"
 
 namespace {
 
@@ -40,7 +41,13 @@ void show(const std::string& text) {
 class HostByHand {
  public:
   HostByHand(const RunOptions& options, const DisplayInfo& display)
-      : options_(options), host_(options.host, display, native_platform()) {
+      : HostByHand(options, display, native_platform()) {}
+
+  HostByHand(const RunOptions& options, const DisplayInfo& display, const Platform& platform)
+      : options_(options),
+        mute_(platform.make_sound_endpoints(), keystore::hostStoreDirectory()),
+        host_(options.host, display, platform) {
+    host_.on_status_change = [this] { follow_streams(); };
     // Input outlives a restart of the X server, or a change of the desktop that receives it.
     host_.injector().set_input_desktop_tracking(true);
     host_.on_event = [this](const lund_conn_event& event) { on_event(event); };
@@ -67,6 +74,7 @@ class HostByHand {
     channel_.reset();
     host_.shutdown();
     host_.injector().release_all();  // what came in while the last session ended
+    mute_.shutdown();
     tell("Stopped.");
     return EXIT_OK;
   }
@@ -86,12 +94,26 @@ class HostByHand {
       case CommandServer::Start::Failed:
         hlog("%s: this host takes no commands", error.c_str());
     }
+    // Not before this host is the store's only one: the speakers of another that runs are its own.
+    mute_.init(options_.host.no_mute_host);
     if (!host_.start(&error)) return fail(EXIT_START, error);
     if (!options_.host.pin.empty() &&
         !host_.set_password(options_.host.pin, HostServer::Keep::ThisRun))
       return fail(EXIT_START, "the password of --pin could not be set: out of memory?");
     running_ = true;
     return EXIT_OK;
+  }
+
+  // Whichever thread tells of a change last also sees the sessions as they are then.
+  void follow_streams() {
+    const std::lock_guard lock(streams_);
+    mute_.set_streaming(!host_.sessions().empty());
+  }
+
+  std::string report() {
+    HostReport report = report_on(host_, options_.host.port);
+    report.speakers = mute_.status_line();
+    return report_text(report);
   }
 
   // A line for the person at the terminal, whether or not the log goes there too.
@@ -135,7 +157,7 @@ class HostByHand {
   HostAnswer carry_out(const HostRequest& request) {
     switch (request.kind) {
       case HostRequest::Kind::Status:
-        return {true, report_text(report_on(host_, options_.host.port))};
+        return {true, report()};
       case HostRequest::Kind::Relays: {
         const RelayList relays(keystore::load_relays());
         host_.set_relays(relays.config);
@@ -152,6 +174,14 @@ class HostByHand {
         if (host_.remove_device({request.key.begin(), request.key.end()}))
           return {true, "removed; the running host has ended its sessions"};
         return {false, "the running host knows no such device"};
+      case HostRequest::Kind::Mute:
+        if (request.on) mute_.set_enabled(*request.on);
+        return {true, mute_line(mute_.enabled())};
+      case HostRequest::Kind::Clipboard:
+        if (request.on) host_.set_clipboard_enabled(*request.on);
+        if (request.on && *request.on != host_.clipboard_enabled())
+          return {false, "this computer has no clipboard that could be shared"};
+        return {true, clipboard_line(host_.clipboard_enabled())};
     }
     return {};
   }
@@ -166,7 +196,7 @@ class HostByHand {
       case 'p':
         return open_pairing(PAIRING_SECONDS);
       case 's':
-        return show(report_text(report_on(host_, options_.host.port)));
+        return show(report());
       case 'h':
       case '?':
         return show(KEYS_TEXT);
@@ -215,6 +245,8 @@ class HostByHand {
   bool has_terminal_ = false;
   std::optional<PairBackOffer> asked_;  // the question that stands on the terminal
   PairBackOffers offers_{[] { g_wake.set(); }};
+  std::mutex streams_;  // outside the host's own locks but for that of its events
+  HostMute mute_;
   HostServer host_;
   std::unique_ptr<CommandServer> channel_;  // ends before what it commands
 };

@@ -3,6 +3,7 @@
 #include <csignal>
 
 #include "capture/source.h"
+#include "streams/audio_source.h"
 #include "streams/host_clipboard_sync.h"
 #include "streams/linux/xtest_sink.h"
 
@@ -23,7 +24,9 @@ Platform native_platform() {
     return std::make_unique<CapturePipeline>(native_capture_platform());
   };
   platform.make_virtual_displays = make_virtual_displays;
+  platform.make_audio = [] { return std::make_unique<OpusAudioCapture>(make_native_audio_source); };
   platform.make_clipboard = [] { return std::make_unique<HostClipboardSync>(); };
   platform.make_input = make_xtest_sink;
+  platform.make_sound_endpoints = make_sound_endpoints;
   return platform;
 }

@@ -1,5 +1,6 @@
 // Area averaging by libswscale, a channel at a time as 16-bit grey: its colour formats would all go
-// through YUV, and 8 bits are too few for a colour multiplied by a low alpha.
+// through YUV, and 8 bits are too few for a colour multiplied by a low alpha. Sides
+// of less than four pixels, before or after, it doesn't average exactly.
 #include <algorithm>
 #include <memory>
 #include <new>
@@ -7,15 +8,34 @@
 #include "streams/png_codec.h"
 
 extern "C" {
+#include <libavutil/mem.h>
 #include <libswscale/swscale.h>
 }
 
 namespace {
 
 constexpr std::uint32_t TO_16_BITS = 257;
-constexpr std::uint32_t MOST = 255 * TO_16_BITS;
+// It reads and writes whole vectors, past the end of a row; what it reads there weighs nothing.
+constexpr std::size_t ROW_ALIGN = 64 / sizeof(std::uint16_t);
 
-using Plane = std::vector<std::uint16_t>;
+struct AvFree {
+  void operator()(void* memory) const { av_free(memory); }
+};
+
+class Plane {
+ public:
+  Plane(std::size_t width, std::size_t height)
+      : stride_((width / ROW_ALIGN + 2) * ROW_ALIGN),
+        values_(static_cast<std::uint16_t*>(av_mallocz(stride_ * height * sizeof(std::uint16_t)))) {
+    if (!values_) throw std::bad_alloc();
+  }
+  std::uint16_t* row(std::size_t y) const { return values_.get() + y * stride_; }
+  int stride_bytes() const { return static_cast<int>(stride_ * sizeof(std::uint16_t)); }
+
+ private:
+  std::size_t stride_;
+  std::unique_ptr<std::uint16_t[], AvFree> values_;
+};
 
 struct FreeContext {
   void operator()(SwsContext* context) const { sws_freeContext(context); }
@@ -34,20 +54,23 @@ Context make_context(Size from, Size to) {
 }
 
 // A channel of the source; colours multiplied by alpha.
-void take_channel(const Image& source, std::size_t channel, Plane* out) {
+void take_channel(const Image& source, std::size_t channel, const Plane& out) {
   const std::uint8_t* pixel = source.pixels.data();
-  for (std::uint16_t& value : *out) {
-    const std::uint32_t factor = channel == 3 ? 255 : pixel[3];
-    value = static_cast<std::uint16_t>((pixel[channel] * factor * TO_16_BITS + 127) / 255);
-    pixel += IMAGE_PIXEL_BYTES;
+  for (std::size_t y = 0; y < source.height; ++y) {
+    std::uint16_t* value = out.row(y);
+    for (std::size_t x = 0; x < source.width; ++x, pixel += IMAGE_PIXEL_BYTES) {
+      const std::uint32_t factor = channel == 3 ? 255 : pixel[3];
+      value[x] = static_cast<std::uint16_t>((pixel[channel] * factor * TO_16_BITS + 127) / 255);
+    }
   }
 }
 
-bool scale_plane(SwsContext* context, const Plane& from, Size from_size, Size to_size, Plane* to) {
-  const std::uint8_t* const in[4] = {reinterpret_cast<const std::uint8_t*>(from.data())};
-  const int in_stride[4] = {from_size.width * 2};
-  std::uint8_t* const out[4] = {reinterpret_cast<std::uint8_t*>(to->data())};
-  const int out_stride[4] = {to_size.width * 2};
+bool scale_plane(SwsContext* context, const Plane& from, Size from_size, Size to_size,
+                 const Plane& to) {
+  const std::uint8_t* const in[4] = {reinterpret_cast<const std::uint8_t*>(from.row(0))};
+  const int in_stride[4] = {from.stride_bytes()};
+  std::uint8_t* const out[4] = {reinterpret_cast<std::uint8_t*>(to.row(0))};
+  const int out_stride[4] = {to.stride_bytes()};
   return sws_scale(context, in, in_stride, 0, from_size.height, out, out_stride) == to_size.height;
 }
 
@@ -71,19 +94,22 @@ bool scale_image(const Image& source, std::uint32_t width, std::uint32_t height,
 
   out->width = width;
   out->height = height;
-  const std::size_t pixels = std::size_t{width} * height;
-  out->pixels.resize(pixels * IMAGE_PIXEL_BYTES);
-  Plane whole(std::size_t{source.width} * source.height);
-  Plane alpha(pixels);
-  Plane colour(pixels);
+  out->pixels.resize(std::size_t{width} * height * IMAGE_PIXEL_BYTES);
+  const Plane whole(source.width, source.height);
+  const Plane alpha(width, height);
+  const Plane colour(width, height);
   // Alpha first: the others are divided by it.
-  for (const std::size_t channel : {3, 0, 1, 2}) {
-    Plane& scaled = channel == 3 ? alpha : colour;
-    take_channel(source, channel, &whole);
-    if (!scale_plane(context.get(), whole, from, to, &scaled)) return false;
-    for (std::size_t i = 0; i < pixels; ++i) {
-      out->pixels[i * IMAGE_PIXEL_BYTES + channel] =
-          channel == 3 ? to_8_bits(alpha[i]) : straight(colour[i], alpha[i]);
+  for (const std::size_t channel :
+       {std::size_t{3}, std::size_t{0}, std::size_t{1}, std::size_t{2}}) {
+    const Plane& scaled = channel == 3 ? alpha : colour;
+    take_channel(source, channel, whole);
+    if (!scale_plane(context.get(), whole, from, to, scaled)) return false;
+    std::uint8_t* pixel = out->pixels.data();
+    for (std::size_t y = 0; y < height; ++y) {
+      for (std::size_t x = 0; x < width; ++x, pixel += IMAGE_PIXEL_BYTES) {
+        pixel[channel] =
+            channel == 3 ? to_8_bits(alpha.row(y)[x]) : straight(colour.row(y)[x], alpha.row(y)[x]);
+      }
     }
   }
   return true;

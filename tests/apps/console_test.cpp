@@ -90,6 +90,21 @@ TEST(HostReportText, OfAStreamingHost) {
             "  \"phone\" (CCCC-DDDD), added 2024-03-01\n");
 }
 
+TEST(HostReportText, TellsOfTheSpeakersWhereThereIsSomethingToTell) {
+  HostReport report = idle_report();
+  report.speakers = "This PC's speakers: unmuted by you";
+  EXPECT_NE(report_text(report).find("No client is connected\nThis PC's speakers: unmuted by you\n"
+                                     "No paired devices\n"),
+            std::string::npos);
+}
+
+TEST(SwitchLines, SayHowASwitchStands) {
+  EXPECT_EQ(mute_line(true), "This computer's speakers are muted while a client streams");
+  EXPECT_EQ(mute_line(false), "This computer's speakers stay on while a client streams");
+  EXPECT_EQ(clipboard_line(true), "The clipboard is shared with clients");
+  EXPECT_EQ(clipboard_line(false), "The clipboard is not shared with clients");
+}
+
 TEST(HostReportText, AClientOnItsWayInIsNotNobody) {
   HostReport report = idle_report();
   report.status.pending = 1;

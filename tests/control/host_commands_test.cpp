@@ -30,6 +30,27 @@ TEST(HostCommands, EveryRequestIsReadAsItWasWritten) {
   }
 }
 
+TEST(HostCommands, ASwitchIsAskedForOrSet) {
+  const std::pair<Kind, std::string> switches[] = {{Kind::Mute, "mute"},
+                                                   {Kind::Clipboard, "clipboard"}};
+  for (const auto& [kind, word] : switches) {
+    const std::pair<std::optional<bool>, std::string> texts[] = {
+        {std::nullopt, word}, {true, word + " on"}, {false, word + " off"}};
+    for (const auto& [on, text] : texts) {
+      HostRequest request;
+      request.kind = kind;
+      request.on = on;
+      EXPECT_EQ(format_request(request), text);
+      const auto read = parse_request(text);
+      ASSERT_TRUE(read) << text;
+      EXPECT_EQ(read->kind, kind);
+      EXPECT_EQ(read->on, on);
+    }
+    for (const std::string rest : {" On", " 1", " on off", "  on", " on "})
+      EXPECT_FALSE(parse_request(word + rest)) << rest;
+  }
+}
+
 TEST(HostCommands, WhatIsNoRequestIsRefused) {
   for (const std::string text :
        {"", " ", "Status", "status now", "relays x", "pair", "pair ", "pair 0", "pair 86401",

@@ -58,8 +58,8 @@ TEST_F(SessionClientTest, SoundStartsWithTheSessionWhenTheHelloAsks) {
   EXPECT_TRUE(audio().running);
   EXPECT_THAT(log(), Not(Contains(HasSubstr("(client request)"))));
   const std::uint8_t opus[] = {1, 2, 3};
-  audio().object->packet(opus, sizeof opus, 777);
-  audio().object->packet(opus, sizeof opus, 778);
+  audio().object->on_packet(opus, sizeof opus, 777);
+  audio().object->on_packet(opus, sizeof opus, 778);
   const std::vector<peer::bytes> packets = laptop.receive(LUND_PKT_AUDIO);
   ASSERT_EQ(packets.size(), 2u);
   lund_audio_packet packet;

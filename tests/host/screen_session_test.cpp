@@ -117,7 +117,7 @@ TEST_F(ScreenSessionTest, SoundNeedsNoHeap) {
   const std::uint8_t opus[120] = {};
   const std::uint64_t sent_before = fake_udp().count;
   const AllocationCount allocations;
-  for (std::uint64_t i = 0; i < 100; ++i) audio().object->packet(opus, sizeof opus, i);
+  for (std::uint64_t i = 0; i < 100; ++i) audio().object->on_packet(opus, sizeof opus, i);
   EXPECT_EQ(allocations.count(), 0u);
   EXPECT_EQ(fake_udp().count - sent_before, 100u);
 }
@@ -380,7 +380,7 @@ TEST_F(ScreenSessionTest, ASecondIsLoggedWithAllItsNumbers) {
   capture().frame(false, 1'000, captured);
   fake_udp().sends_fail = false;
   const std::uint8_t opus[10] = {};
-  audio().object->packet(opus, sizeof opus, 1);
+  audio().object->on_packet(opus, sizeof opus, 1);
   lund_client_stats stats;
   stats.frames_received = 9;
   stats.frames_lost = 1;

@@ -187,6 +187,16 @@ TEST_F(ClipboardSend, AnAnswerStartsThe5SecondsAnewAtTheEndOfItsPass) {
   EXPECT_TRUE(end->idle());
 }
 
+TEST_F(ClipboardSend, The5SecondsBeginWithTheEndOfThePassHoweverLongItTook) {
+  make(1'000);
+  end->offer(Bytes(30'000));
+  end->run_for_ms(15'000);  // of which the pass took more than 12
+  EXPECT_FALSE(end->idle());
+  EXPECT_EQ(end->log.size(), 1u);
+  end->run_for_ms(5'000);
+  EXPECT_TRUE(end->idle());
+}
+
 TEST_F(ClipboardSend, TwoMinutesAfterTheOfferItIsGivenUpHoweverTalkativeThePeer) {
   item = item_of(10 * CHUNK);
   id = end->offer(item);

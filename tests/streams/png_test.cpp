@@ -269,7 +269,7 @@ std::string size_of(const Image& image) {
   return std::to_string(image.width) + "x" + std::to_string(image.height);
 }
 
-const PictureCodec COUNTING{
+const PngFitting COUNTING{
     .encode =
         [](const Image& image, Bytes* png) {
           asked->calls.push_back("encode " + size_of(image));

@@ -3,11 +3,13 @@
 
 #include <algorithm>
 #include <regex>
+#include <thread>
 
 #include "control/client_store.h"
 #include "control/command_channel.h"
 #include "control/host_commands.h"
 #include "control/keystore_internal.h"
+#include "tests/support/linux/sound_server.h"
 #include "tests/system/system_support.h"
 
 namespace system_test {
@@ -29,6 +31,12 @@ class HostProgramTest : public SystemTest {
       return false;
     }
   }
+  bool log_comes_to_hold(const std::string& text) {
+    const auto until = std::chrono::steady_clock::now() + seconds(20);
+    while (host_log().find(text) == std::string::npos && std::chrono::steady_clock::now() < until)
+      std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    return host_log().find(text) != std::string::npos;
+  }
   std::filesystem::path store() const { return directory_ / "config" / "lunderhaze"; }
 };
 
@@ -48,12 +56,15 @@ TEST_F(HostProgramTest, TheUsageNamesTheSubCommands) {
   const RunResult usage = run_host({"--help"});
   holds(usage, 0, "usage: lunderhaze [--port 9876]");
   for (const char* line : {"lunderhaze status", "lunderhaze pair [SECONDS]", "relays add LINK...",
-                           "relays remove", "relays list", "relays check", "--accept-pair-back"})
+                           "relays remove", "relays list", "relays check", "--accept-pair-back",
+                           "lunderhaze mute [on|off]", "lunderhaze clipboard [on|off]"})
     holds(usage, 0, line);
   holds(run_host({"relays"}), 1, "relays: list, add LINK...");
   holds(run_host({"relays", "list", "x"}), 1, "relays: list, add LINK...");
   holds(run_host({"status", "now"}), 1, "status takes no arguments");
   holds(run_host({"pair", "0"}), 1, "pair takes 1 to 86400 seconds");
+  holds(run_host({"mute", "loud"}), 1, "mute takes on, off or nothing");
+  holds(run_host({"clipboard", "on", "off"}), 1, "clipboard takes on, off or nothing");
   holds(run_host({"dance"}), 1, "unknown option dance");
 }
 
@@ -172,6 +183,57 @@ TEST_F(HostProgramTest, StatusOfAStreamingHostShowsTheStream) {
   holds(status, 0, "Virtual display: driver not installed\n");
   receiver.signal(SIGINT);
   EXPECT_EQ(receiver.wait(seconds(20)), 0);
+}
+
+// ---- Switches
+
+TEST_F(HostProgramTest, SwitchesOfAHostThatIsNotRunningCountFromItsNextStart) {
+  holds(run_host({"mute"}), 0, "This computer's speakers are muted while a client streams\n");
+  holds(run_host({"clipboard"}), 0, "The clipboard is shared with clients\n");
+  holds(run_host({"mute", "off"}), 0,
+        "This computer's speakers stay on while a client streams\n"
+        "the host is not running: counts from its next start\n");
+  holds(run_host({"clipboard", "off"}), 0,
+        "The clipboard is not shared with clients\n"
+        "the host is not running: counts from its next start\n");
+  EXPECT_EQ(file_content(store() / "host.ini"), "[settings]\nmute_host=0\n");
+  EXPECT_EQ(file_content(store() / "clipboard_sync"), "0\n");
+  start_desktop(640, 480);
+  start_host();
+  holds(run_host({"mute"}), 0, "This computer's speakers stay on while a client streams\n");
+  holds(run_host({"clipboard"}), 0, "The clipboard is not shared with clients\n");
+}
+
+TEST_F(HostProgramTest, SwitchesOfARunningHostAreAppliedAtOnceAndKept) {
+  start_desktop(640, 480);
+  start_host({"--no-mute-host"});
+  holds(run_host({"mute"}), 0, "This computer's speakers stay on while a client streams\n");
+  for (const auto& [word, setting] : {std::pair{"on", "1"}, {"off", "0"}}) {
+    const std::string line = *setting == '1' ? "are muted" : "stay on";
+    holds(run_host({"mute", word}), 0,
+          "This computer's speakers " + line + " while a client streams\n");
+    holds(run_host({"mute"}), 0, line);
+    EXPECT_EQ(file_content(store() / "host.ini"),
+              std::string("[settings]\nmute_host=") + setting + "\n");
+  }
+  holds(run_host({"clipboard", "off"}), 0, "The clipboard is not shared with clients\n");
+  EXPECT_EQ(file_content(store() / "clipboard_sync"), "0\n");
+  holds(run_host({"clipboard"}), 0, "The clipboard is not shared with clients\n");
+}
+
+TEST_F(HostProgramTest, TheSpeakersAreLookedAtWhileAClientStreamsAndNotBefore) {
+  const std::string line = "audio: could not mute out";
+  const SoundServer sound;
+  for (const auto& [name, value] : sound.environment()) environment_[name] = value;
+  start_desktop(640, 480);
+  start_host();
+  pair();
+  EXPECT_EQ(host_log().find(line), std::string::npos) << host_log();
+  start_receiver();
+  // A muted null sink would be silent for the client too.
+  EXPECT_TRUE(log_comes_to_hold(line)) << host_log();
+  EXPECT_FALSE(sound.muted("out"));
+  EXPECT_EQ(stop_host(), 0);
 }
 
 TEST_F(HostProgramTest, PairOpensTheWindowOfTheRunningHost) {

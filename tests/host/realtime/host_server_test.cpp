@@ -83,7 +83,7 @@ class BusyAudio final : public AudioCapture {
     thread_ = std::thread([this] {
       const std::uint8_t opus[100] = {};
       while (!stopping_) {
-        packet(opus, sizeof opus, lund_now_us());
+        on_packet(opus, sizeof opus, lund_now_us());
         std::this_thread::sleep_for(1ms);
       }
     });

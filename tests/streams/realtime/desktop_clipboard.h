@@ -2,6 +2,8 @@
 // copies and pastes. Any thread.
 #pragma once
 
+#include <atomic>
+#include <chrono>
 #include <condition_variable>
 #include <map>
 #include <mutex>
@@ -44,7 +46,7 @@ struct Desktop {
   std::shared_ptr<const ClipboardContent> written;
   bool there = true;
   bool pictures = true;
-  int starts = 0;
+  std::atomic<int> starts{0};
 };
 
 class DesktopClipboard final : public ClipboardAccess {

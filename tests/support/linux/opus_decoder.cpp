@@ -1,4 +1,4 @@
-#include "tests/support/linux/opus_decoder.h"
+#include "tests/support/opus_decoder.h"
 
 #include <gtest/gtest.h>
 #include <opus.h>

@@ -25,8 +25,9 @@ constexpr const char* EXIT_WHEN_IDLE = "--exit-idle-time=600";
 
 constexpr int RATE = 48'000;
 constexpr int BLOCK_FRAMES = RATE / 100;
-constexpr unsigned PLAY_AHEAD_BYTES = 2 * BLOCK_FRAMES * 2 * sizeof(float);  // 20 ms
-constexpr std::uint32_t ANY = ~0U;                                           // of a buffer's sizes
+// 200 ms, so that a busy computer doesn't tear it.
+constexpr unsigned PLAY_AHEAD_BYTES = 20 * BLOCK_FRAMES * 2 * sizeof(float);
+constexpr std::uint32_t ANY = ~0U;  // of a buffer's sizes
 
 bool accepts_clients(const std::filesystem::path& socket_path) {
   const int client = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
