@@ -302,6 +302,27 @@ TEST_F(XTest, AServerThatHangsHoldsNobodyUp) {
   }));
 }
 
+// A server drops the requests that it hasn't read yet of a program that is gone.
+TEST(XTestEnd, WhatIsReleasedLastIsPlayedBySlowServersToo) {
+  constexpr std::chrono::milliseconds SLOWNESS{200};  // of a second that the sink has patience
+  Xvfb server(WIDTH, HEIGHT);
+  Observer observer;
+  auto injector = std::make_unique<InputInjector>(make_xtest_sink());
+  injector->key(A, true);
+  injector->key(MARK, true);
+  injector->key(MARK, false);
+  EXPECT_THAT(observer.events_to_mark(), ElementsAre(key_text(A, " down")));
+  server.pause();
+  std::thread end([&] {
+    injector->release_all();
+    injector.reset();
+  });
+  std::this_thread::sleep_for(SLOWNESS);
+  server.resume();
+  end.join();
+  EXPECT_TRUE(eventually([&] { return !observer.any_key_down(); }));
+}
+
 TEST(XTestDesktop, EachConnectionIsADesktopOfItsOwn) {
   Xvfb server(WIDTH, HEIGHT);
   XTestSink sink;
