@@ -84,7 +84,13 @@ void DeskTest::prepare(int width, int height) {
   serve();
 }
 
+// A program that is held up between a press and its release would see the key repeat.
+void DeskTest::end_key_repeat() const {
+  User(desktop_->display()).end_key_repeat();
+}
+
 void DeskTest::serve(const std::vector<std::string>& host_arguments) {
+  end_key_repeat();
   std::vector<std::string> arguments = {"--codec", "h264"};
   arguments.insert(arguments.end(), host_arguments.begin(), host_arguments.end());
   start_host(arguments);

@@ -45,7 +45,8 @@ class DeskTest : public SystemTest {
   void TearDown() override;
   void prepare(int width, int height);  // a desktop, and a host that this client is paired with
   void serve(const std::vector<std::string>& host_arguments = {});  // the latter alone
-  void set_monitors(const std::vector<Monitor>& monitors);          // the first one has the output
+  void end_key_repeat() const;                              // of a server that was started again
+  void set_monitors(const std::vector<Monitor>& monitors);  // the first one has the output
 
   // The product's client, until it has done what the arguments say.
   void connect(std::vector<std::string> arguments);

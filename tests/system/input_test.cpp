@@ -1,9 +1,7 @@
 // A client's keyboard and mouse, from the client program through the host to other programs of the
 // host's desktop.
 #include <gmock/gmock.h>
-#include <signal.h>
 
-#include <algorithm>
 #include <cstdio>
 #include <fstream>
 
@@ -194,31 +192,22 @@ class HeldInputTest : public InputTest {
   void hold() {
     prepare(640, 400);
     user_ = std::make_unique<User>(desktop_->display());
-    user_->end_key_repeat();
     recorder_ = std::make_unique<Recorder>(desktop_->display(), 0, 0, 640, 400);
     user_->move(20, 10);
     ClientHand& hand = start_hand();
     hand.act("0 key " + std::to_string(USAGE_LEFT_SHIFT) + " down");
     hand.act("0 key " + std::to_string(USAGE_A) + " down");
     hand.act("0 button 1 down");
-    EXPECT_THAT(recorder_->events_until("button 1 down 20,10", ""),
-                ElementsAre("motion 20,10", "key " + std::to_string(KEYCODE_LEFT_SHIFT) + " down",
-                            "key " + std::to_string(KEYCODE_A) + " down", "button 1 down 20,10"));
+    recorder_->expect_next({"motion 20,10", "key " + std::to_string(KEYCODE_LEFT_SHIFT) + " down",
+                            "key " + std::to_string(KEYCODE_A) + " down", "button 1 down 20,10"});
   }
-  // Milliseconds from then to the last release; each is expected, keys before modifiers.
+  // From then to the last release; keys before modifiers.
   double released_after_ms(std::uint64_t since_us) {
-    std::uint64_t at_us = since_us;
-    for (const std::string& expected :
-         {"key " + std::to_string(KEYCODE_A) + " up",
-          "key " + std::to_string(KEYCODE_LEFT_SHIFT) + " up", std::string("button 1 up 20,10")}) {
-      const auto event = recorder_->next();
-      EXPECT_TRUE(event) << "no event, but not yet " << expected;
-      if (!event) break;
-      EXPECT_EQ(event->text, expected);
-      at_us = event->at_us;
-    }
+    const std::uint64_t at_us = recorder_->expect_next(
+        {"key " + std::to_string(KEYCODE_A) + " up",
+         "key " + std::to_string(KEYCODE_LEFT_SHIFT) + " up", "button 1 up 20,10"});
     EXPECT_TRUE(user_->holds_nothing());
-    return static_cast<double>(at_us - since_us) / 1e3;
+    return (static_cast<double>(at_us) - static_cast<double>(since_us)) / 1e3;
   }
   void TearDown() override {
     recorder_.reset();
@@ -273,9 +262,7 @@ class InputTimeTest : public InputTest {
       ASSERT_EQ(seen->text, events[turn % 2]);
       us.push_back(static_cast<double>(seen->at_us - hand_->done_us()));
     }
-    std::ranges::sort(us);
-    std::printf("%s, from the client to the X event: p50 %.0f us, p95 %.0f us, of %zu\n", what,
-                us[us.size() / 2], us[us.size() * 95 / 100], us.size());
+    print_times(std::string(what) + ", from the client to the X event", us);
   }
   void TearDown() override {
     recorder_.reset();
@@ -307,6 +294,7 @@ TEST_F(InputTest, ARestartedXServerTakesInputAgainFromTheSameClientAndFromTheNex
   desktop_->kill();
   hand_->act("0 key 5 down");  // nobody hears it
   desktop_->restart();
+  end_key_repeat();
 
   Recorder recorder(desktop_->display(), 0, 0, 640, 400);
   EXPECT_TRUE(comes_true([&] {

@@ -6,6 +6,7 @@
 #include <xcb/xtest.h>
 
 #include <algorithm>
+#include <cstdio>
 #include <thread>
 
 #include "capture/linux/x11.h"
@@ -16,6 +17,12 @@ using x11::own;
 
 void short_pause() {
   std::this_thread::sleep_for(std::chrono::milliseconds(5));
+}
+
+void print_times(const std::string& what, std::vector<double> us) {
+  std::sort(us.begin(), us.end());
+  std::printf("%s: p50 %.0f us, p95 %.0f us, of %zu\n", what.c_str(), us[us.size() / 2],
+              us[us.size() * 95 / 100], us.size());
 }
 
 User::User(const std::string& display) : connection_(xcb_connect(display.c_str(), nullptr)) {
@@ -293,6 +300,18 @@ std::optional<Recorder::Event> Recorder::next(std::chrono::milliseconds patience
   const auto input = next_input(connection_, patience);
   if (!input) return std::nullopt;
   return Event{described(*input), input->at_us};
+}
+
+std::uint64_t Recorder::expect_next(const std::vector<std::string>& expected) {
+  std::uint64_t at_us = 0;
+  for (const std::string& text : expected) {
+    const auto event = next();
+    EXPECT_TRUE(event) << "not yet " << text;
+    if (!event) break;
+    EXPECT_EQ(event->text, text);
+    at_us = event->at_us;
+  }
+  return at_us;
 }
 
 std::vector<std::string> Recorder::events_until(const std::string& last,

@@ -107,8 +107,10 @@ class Recorder {
   const std::vector<std::string>& events();
   // Those that begin so, once `last` is among them or the deadline is over.
   std::vector<std::string> events_until(const std::string& last, const std::string& prefix);
-  // The next one to come, which the others then don't have; waits for it.
+  // The next one to come, which the former then don't have; waits for it.
   std::optional<Event> next(std::chrono::milliseconds patience = std::chrono::seconds(15));
+  // Expects the next ones to be these; when the last of them came.
+  std::uint64_t expect_next(const std::vector<std::string>& expected);
   bool records(const std::string& event);        // waits for it
   std::size_t count(const std::string& prefix);  // of events so far
   void forget() { events_.clear(); }
@@ -125,6 +127,9 @@ class Recorder {
   xcb_window_t window_;
   std::vector<std::string> events_;
 };
+
+// Of what takes its time between two programs: for people, no test asserts it.
+void print_times(const std::string& what, std::vector<double> us);
 
 template <typename Condition>
 bool comes_true(Condition condition, std::chrono::milliseconds deadline) {
