@@ -66,7 +66,7 @@ ViewRequest view_request(const Arguments& args, const std::string& host_name) {
   request.release_key = *release_key_by_name(args.view.release_key);
   request.relative = args.view.relative;
   request.full_screen = args.view.full_screen;
-  request.grab = args.view.grab;
+  request.grab = !args.view.no_grab;
   request.seconds = args.view.seconds;
   request.snapshot = args.view.snapshot;
   request.stop = args.stop;
@@ -100,16 +100,17 @@ int run_view(const Arguments& args) {
     return fail(status, error);
 
   SoundOutput sound;
-  if (args.view.sound && !sound.open(&error))
+  if (!args.view.no_sound && !sound.open(&error))
     std::fprintf(stderr, "no sound device (%s): going on without sound\n", error.c_str());
   DesktopClipboard clipboard;
-  const bool shares = args.view.clipboard && clipboard.start();
-  if (args.view.clipboard && !shares)
+  const bool shares = !args.view.no_clipboard && clipboard.start();
+  if (!args.view.no_clipboard && !shares)
     std::fputs("no clipboard can be reached: going on without\n", stderr);
   Viewer viewer(view_request(args, access.host().name[0] ? access.host().name : args.host), sound);
   if (!viewer.open(&error)) return fail(EXIT_LOCAL, "no window can be opened: " + error);
   if (shares) viewer.switch_clipboard = [&clipboard](bool on) { clipboard.set_enabled(on); };
-  HostSession session(access.link(), session_request(args, sound.is_open(), shares ? &clipboard : nullptr),
+  HostSession session(access.link(),
+                      session_request(args, sound.is_open(), shares ? &clipboard : nullptr),
                       viewer.inbox());
   std::string ended;
   const SessionEnd end = viewer.run(session, &ended);

@@ -44,6 +44,14 @@ class ViewPointerTest : public ViewTest {
              seen.hot_y == hot_y;
     });
   }
+  // A program on the host moves the pointer there, again should one of our positions, which are
+  // repeated for a while, come after it.
+  bool painted_when_the_host_moves_it_to(int x, int y, int mark_x, int mark_y) {
+    return comes_true([&] {
+      hand_->warp(x, y);
+      return close_colours(user_->colour(seat_x(mark_x), seat_y(mark_y)), MARK);
+    });
+  }
   std::unique_ptr<X11Hand> hand_;
 };
 
@@ -101,8 +109,7 @@ TEST_F(ViewPointerTest, APointerThatTheHostHasMovedIsPaintedWhereItIs) {
   hand_->use_image(32, 32, std::vector<std::uint32_t>(32 * 32, 0xFF000000U | MARK), 0, 0);
   user_->move(seat_x(400), seat_y(300));
   ASSERT_TRUE(own_pointer_is(32, 0, 0));
-  hand_->warp(900, 500);
-  EXPECT_TRUE(shows(MARK, 916, 516));
+  EXPECT_TRUE(painted_when_the_host_moves_it_to(900, 500, 916, 516));
   EXPECT_TRUE(shows(GROUND, 897, 497)) << "its hot spot is its corner";
   user_->move(seat_x(410), seat_y(300));
   EXPECT_TRUE(shows(GROUND, 916, 516)) << "our motion takes it along";
@@ -112,8 +119,7 @@ TEST_F(ViewPointerTest, WithTheMouseElsewhereTheHostsPointerIsPainted) {
   sit_and_view();
   hand_->use_image(32, 32, std::vector<std::uint32_t>(32 * 32, 0xFF000000U | MARK), 0, 0);
   user_->move(1500, 900);
-  hand_->warp(200, 100);
-  EXPECT_TRUE(shows(MARK, 216, 116));
+  EXPECT_TRUE(painted_when_the_host_moves_it_to(200, 100, 216, 116));
 }
 
 TEST_F(ViewPointerTest, InRelativeModeItIsPaintedAndMovesWithTheHosts) {

@@ -71,14 +71,15 @@ void SDLCALL SoundOutput::pull(void* self, Uint8* stream, int bytes) {
   auto* output = static_cast<SoundOutput*>(self);
   const std::size_t frames = static_cast<std::size_t>(bytes) / sizeof(float) / SOUND_CHANNELS;
   std::lock_guard lock(output->mutex_);
+  output->device_left_ = std::min(output->in_device() + frames, output->device_frames_);
   output->pulled_us_ = lund_now_us();
-  output->buffer_.pull(reinterpret_cast<float*>(stream), frames, output->device_frames_);
+  output->buffer_.pull(reinterpret_cast<float*>(stream), frames, output->device_left_);
   output->most_lately_ = std::max(output->most_lately_, output->buffer_.figures().buffered_frames);
 }
 
 std::size_t SoundOutput::in_device() const {
   const std::size_t sounded = (lund_now_us() - pulled_us_) * PlayoutBuffer::RATE_HZ / 1'000'000;
-  return device_frames_ - std::min(device_frames_, sounded);
+  return device_left_ - std::min(device_left_, sounded);
 }
 
 void SoundOutput::play(const SoundBlock& block) {

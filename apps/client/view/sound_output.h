@@ -40,10 +40,11 @@ class SoundOutput {
 
   SDL_AudioDeviceID device_ = 0;
   bool opened_ = false;
-  std::size_t device_frames_ = 0;  // in the device's own buffer once it has taken a portion
+  std::size_t device_frames_ = 0;  // the device's own buffer holds no more
   std::mutex mutex_;
   bool on_ = true;
   PlayoutBuffer buffer_{PlayoutLimits{}};
-  std::uint64_t pulled_us_ = 0;
+  std::uint64_t pulled_us_ = 0;  // when the device took its last portion
+  std::size_t device_left_ = 0;  // what it held then
   std::size_t most_lately_ = 0;
 };
