@@ -47,7 +47,7 @@ void ViewTest::TearDown() {
 
 void ViewTest::open_view(const std::vector<std::string>& more) {
   std::vector<std::string> arguments = {
-      "--store",  (directory_ / "client").string(),   "view", "--host", host_address(),
+      "--store",  (directory_ / "client").string(),   "--verbose", "view", "--host", host_address(),
       "--report", (directory_ / "view.json").string()};
   arguments.insert(arguments.end(), more.begin(), more.end());
   viewer_ = std::make_unique<ChildProcess>(at(client_place_, "lunderhaze-client", arguments),
