@@ -68,7 +68,6 @@ TEST_F(ViewPointerTest, OverThePictureTheOwnPointerHasTheHostsImage) {
   EXPECT_TRUE(comes_true([&] {
     return farthest(user_->cursor().pixels, User(desktop_->display()).cursor().pixels) == 0;
   }));
-  screenshot("pointer");
 }
 
 TEST_F(ViewPointerTest, InAScaledWindowItIsScaledWithThePicture) {

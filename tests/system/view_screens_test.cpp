@@ -40,7 +40,6 @@ TEST_F(ViewScreensTest, TwoScreensAreTwoWindowsWhoseClicksReachTheirOwn) {
   window_ = {};
   EXPECT_TRUE(shows(0x905020, 300, 200));
   EXPECT_TRUE(shows(0x209050, 700 + 300, 450 + 200));
-  screenshot("screens");
   user_->move(639, 350);
   user_->click();
   EXPECT_TRUE(recorder.records("button 1 down 639,350"));
@@ -49,7 +48,11 @@ TEST_F(ViewScreensTest, TwoScreensAreTwoWindowsWhoseClicksReachTheirOwn) {
   EXPECT_TRUE(recorder.records("button 1 down 640,351"));
   painter_->fill(0x2050C0, 640, 0, 640, 300);
   EXPECT_TRUE(shows(0x2050C0, 700 + 300, 450 + 100));
-  user_->focus(right.id);
+  user_->ask_to_close(right);
+  EXPECT_TRUE(comes_true([&] { return user_->windows().size() == 1; }));
+  painter_->fill(0xC0A030, 0, 0, 600, 300);
+  EXPECT_TRUE(shows(0xC0A030, 300, 100)) << "the first goes on";
+  user_->focus(left.id);
   EXPECT_EQ(leave(), 0);
   EXPECT_EQ(view_report()["screens"].size(), 2U);
 }

@@ -51,7 +51,6 @@ TEST_F(ViewTest, TypedTextReachesAProgramOnTheHostsDesktop) {
   user_->type("the quick brown fox 0123456789\n");
   EXPECT_TRUE(comes_true([&] { return !file_text(typed).empty(); }));
   EXPECT_EQ(file_text(typed), "the quick brown fox 0123456789");
-  screenshot("view");
   EXPECT_EQ(leave(), 0);
 }
 
@@ -207,13 +206,11 @@ TEST_F(ViewTest, StatisticsAndHelpStandOverThePictureOnDemand) {
   user_->command('s');
   // Their ground is nearly black, their text white.
   EXPECT_TRUE(shows(0x101820, 14, 14));
-  screenshot("statistics");
   user_->command('s');
   EXPECT_TRUE(shows(GROUND, 14, 14));
   user_->command('h');
   const auto darkened = [&] { return !close_colours(user_->colour(640, 700), GROUND, 20); };
   EXPECT_TRUE(comes_true(darkened));
-  screenshot("help");
 }
 
 // Also takes the pictures of the documentation.
@@ -246,8 +243,9 @@ TEST_F(ViewTest, ADesktopInUseIsShownWithItsFiguresAndKeys) {
   ASSERT_TRUE(comes_true([&] { return close_colours(user_->colour(266, 140), 0x0B1219, 10); }))
       << std::hex << user_->colour(266, 140);
   const auto figures = [&] { return user_->content({0, "", 12, 12, 255, 230}).pixels; };
-  EXPECT_TRUE(comes_true([&, first = figures()] { return figures() != first; }))
-      << "they follow what happens";
+  for (int second = 0; second < 2; ++second)
+    EXPECT_TRUE(comes_true([&, last = figures()] { return figures() != last; }))
+        << "they follow what happens";
   screenshot("statistics");
   user_->command('s');
   user_->command('h');
@@ -294,7 +292,6 @@ TEST_F(ViewTest, AKilledHostIsAwaitedOverTheDimmedPictureAndComesBack) {
   host_->wait(seconds(5));
   ASSERT_TRUE(viewer_->wait_for_output("connecting again", seconds(20)));
   EXPECT_TRUE(shows(0x1C2A38, 640, 100)) << std::hex << user_->colour(640, 100);
-  screenshot("reconnecting");
   start_host();
   EXPECT_TRUE(shows(GROUND, 640, 100));
   painter_->fill(0xC08040, 0, 0, 1280, 720);
@@ -327,7 +324,6 @@ TEST_F(ViewTest, ABusyHostIsSaidInWindowAndTerminal) {
   std::size_t white = 0;
   for (std::size_t i = 0; i < said.pixels.size(); i += 3) white += said.pixels[i] > 200;
   EXPECT_GT(white, 100U) << "the window says it too";
-  screenshot("busy");
   EXPECT_FALSE(viewer_->wait(seconds(1))) << "it stays to be read";
   user_->ask_to_close(window_);
   EXPECT_EQ(viewer_->wait(seconds(20)), 3);

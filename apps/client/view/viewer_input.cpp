@@ -62,8 +62,7 @@ void Viewer::on_window(const SDL_WindowEvent& event) {
   if (!screen) return;
   switch (event.event) {
     case SDL_WINDOWEVENT_CLOSE:
-      leaving_ = true;
-      return;
+      return close(*screen);
     case SDL_WINDOWEVENT_EXPOSED:
     case SDL_WINDOWEVENT_SIZE_CHANGED:
       screen->exposed = true;
@@ -81,6 +80,18 @@ void Viewer::on_window(const SDL_WindowEvent& event) {
     default:
       return;
   }
+}
+
+// The main screen's window closes all, as the end of its stream would.
+void Viewer::close(Screen& screen) {
+  if (screen.number == 0) {
+    leaving_ = true;
+    return;
+  }
+  lose_focus(screen);
+  screen.closed = true;
+  session_->close_screen(screen.number);
+  SDL_HideWindow(screen.window->window());
 }
 
 void Viewer::lose_focus(Screen& screen) {
