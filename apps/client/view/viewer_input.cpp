@@ -137,7 +137,7 @@ void Viewer::on_key(const SDL_KeyboardEvent& event) {
   const std::uint16_t usage = usage_of_scancode(event.keysym.scancode);
   const KeyVerdict verdict = keys_.key(usage, down);
   if (verdict.forward) input(*screen).key(usage, down);
-  if (verdict.command) on_command(*verdict.command);
+  on_command(verdict.command);
 }
 
 void Viewer::point_at(Screen& screen, int x, int y) {
@@ -237,6 +237,8 @@ void Viewer::on_command(ViewCommand command) {
       return;
     case ViewCommand::SecureAttention:
       return send_secure_attention();
+    case ViewCommand::None:
+      return;
     case ViewCommand::LetGo:
       return set_free(!free_);
   }
