@@ -72,6 +72,7 @@ bool RecordingTest::records(double wanted_seconds) {
 void RecordingTest::end_recording() {
   receiver_->signal(SIGINT);
   EXPECT_EQ(receiver_->wait(seconds(20)), 0) << receiver_->output();
+  recording_ = WavFile(recording_path());  // what came after the end has been cut off
   recording_.read_on();
   recording_.check_header();
 }
