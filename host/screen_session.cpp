@@ -314,7 +314,9 @@ void ScreenSession::apply_audio() {
     changed = on != audio_running_ && audio_ && !ended;
     if (changed && on) {
       audio_->on_packet = [this](const std::uint8_t* data, std::uint64_t size,
-                              std::uint64_t timestamp_us) { send_audio(data, size, timestamp_us); };
+                                 std::uint64_t timestamp_us) {
+        send_audio(data, size, timestamp_us);
+      };
       audio_->start();
     } else if (changed) {
       audio_->stop();

@@ -2,7 +2,7 @@
 
 #include <algorithm>
 #include <cmath>
-#include <cstdlib>
+#include <system_error>
 
 #include "connection/byte_order.h"
 
@@ -15,6 +15,10 @@ constexpr std::uint64_t FRAMES_MAX = (UINT32_MAX - HEADER_BYTES) / FRAME_BYTES;
 // The host stamps what its sound system hands it, which comes when that finds the time: within this
 // much a block follows the one before it. 20 ms.
 constexpr std::int64_t SLACK_FRAMES = SOUND_RATE / 50;
+// Sound systems err by a quarter of a second in what they say of their delay, most of all when
+// something begins to play. A block that seems to belong where sound stands already follows it
+// nevertheless, until it would come this late. 500 ms.
+constexpr std::int64_t LATE_FRAMES = SOUND_RATE / 2;
 
 std::int16_t sample_of(float value) {
   return static_cast<std::int16_t>(std::clamp(std::lround(value * 32768.0F), -32768L, 32767L));
@@ -23,6 +27,7 @@ std::int16_t sample_of(float value) {
 }  // namespace
 
 bool WavWriter::open(const std::filesystem::path& path, std::string* error) {
+  path_ = path;
   file_.open(path, std::ios::binary | std::ios::trunc);
   if (file_) write_header();
   if (file_) return true;
@@ -58,11 +63,13 @@ std::int64_t WavWriter::frame_at(std::uint64_t time_us) const {
 void WavWriter::put(const SoundBlock& block) {
   if (!begun_) return;
   const std::int64_t lead = frame_at(block.capture_us) - static_cast<std::int64_t>(frames_);
-  std::size_t skip = 0;
-  if (!follows_ || std::abs(lead) > SLACK_FRAMES) {
-    if (lead > 0) write_silence(static_cast<std::uint64_t>(lead));
-    if (lead < 0) skip = static_cast<std::size_t>(-lead);
-  }
+  std::size_t skip = 0;  // what is too early or too late
+  if (lead > SLACK_FRAMES || (!follows_ && lead > 0))
+    write_silence(static_cast<std::uint64_t>(lead));
+  else if (!follows_ && lead < 0)
+    skip = static_cast<std::size_t>(-lead);
+  else if (lead < -LATE_FRAMES)
+    skip = block.frames;
   if (skip >= block.frames) return;
   follows_ = true;
   if (block.concealed)
@@ -100,11 +107,15 @@ void WavWriter::flush() {
 bool WavWriter::finish(std::uint64_t end_us) {
   if (!file_.is_open()) return true;
   if (begun_ && end_us > start_us_) {
-    const std::int64_t missing = frame_at(end_us) - static_cast<std::int64_t>(frames_);
-    if (missing > 0) write_silence(static_cast<std::uint64_t>(missing));
+    const auto wanted = static_cast<std::uint64_t>(frame_at(end_us));
+    if (wanted > frames_) write_silence(wanted - frames_);
+    frames_ = std::min(frames_, wanted);
   }
   file_.seekp(0);
   write_header();
   file_.close();
-  return !file_.fail();
+  if (file_.fail()) return false;
+  std::error_code failed;  // of a pipe or a device, which have no end to move
+  std::filesystem::resize_file(path_, HEADER_BYTES + frames_ * FRAME_BYTES, failed);
+  return true;
 }

@@ -18,8 +18,9 @@ class WavWriter {
 
   // The time of the first sample. What was played before is left out.
   void begin(std::uint64_t start_us);
-  void put(const SoundBlock& block);  // of rising times; nothing before begin
-  // Silence up to the end, and the sizes in the header. False when the disk refused anything.
+  void put(const SoundBlock& block);  // in the order of playing; nothing before begin
+  // Silence up to the end, or an end there, and the sizes in the header. False when the disk
+  // refused anything.
   bool finish(std::uint64_t end_us);
 
   bool begun() const { return begun_; }
@@ -32,6 +33,7 @@ class WavWriter {
   void write_samples(const float* samples, std::size_t frames);
   void flush();
 
+  std::filesystem::path path_;
   std::ofstream file_;
   bool begun_ = false;
   bool follows_ = false;  // something was put

@@ -94,14 +94,22 @@ TEST_F(WavWriterTest, AClockThatDriftsIsFollowed) {
   EXPECT_LT(last - samples.rbegin(), 960 + 1);
 }
 
-TEST_F(WavWriterTest, WhatOverlapsIsCutAndWhatIsOverIsLeftOut) {
-  put(0, 0.25F);
-  put(100 * MS, 0.25F);
-  put(65 * MS, 0.5F);  // 45 ms too early: all of it stands where sound is already
-  put(110 * MS, 0.25F);
-  const auto samples = finish(120 * MS);
-  EXPECT_EQ(samples.size(), 5'760u);
-  EXPECT_EQ(std::count(samples.begin(), samples.end(), 16'384), 0);
+TEST_F(WavWriterTest, StampsThatFallBackLoseNothing) {
+  // A quarter of a second of delay that the host's sound system believes in for half a second.
+  for (std::uint64_t i = 0; i < 50; ++i) put(i * 10 * MS, 0.0F);
+  for (std::uint64_t i = 50; i < 100; ++i) put((i - 25) * 10 * MS, 0.25F);
+  for (std::uint64_t i = 100; i < 150; ++i) put(i * 10 * MS, 0.25F);
+  const auto samples = finish(1'500 * MS);
+  EXPECT_EQ(samples.size(), 72'000u);
+  EXPECT_EQ(first_of(samples, 8'192), 24'000);
+  EXPECT_EQ(std::count(samples.begin(), samples.end(), 8'192), 48'000);
+}
+
+TEST_F(WavWriterTest, ButMoreThanHalfASecondLateNothingIsPut) {
+  for (std::uint64_t i = 0; i < 1'000; ++i) put(i * 9'000, 0.25F);  // sound 10 % too long
+  EXPECT_GT(wav_.frames(), 432'000u + 23'000u);
+  EXPECT_LE(wav_.frames(), 432'000u + 24'000u + 480u);  // 480,000 without the rule
+  EXPECT_EQ(finish(9'000 * MS).size(), 432'000u);       // the file still ends with the time
 }
 
 TEST_F(WavWriterTest, WhatWasPlayedBeforeTheBeginningIsLeftOut) {
