@@ -73,12 +73,19 @@ inline std::span<const float> piece(const std::vector<float>& channel, double fr
   return std::span(channel).subspan(frames(from_s), frames(length_s));
 }
 
-// How much of all that is heard is this one sine, 0 to 1.
+// How much of the power heard is this one sine's, 0 to 1, through the window of tone_amplitude. A
+// gap of a hundredth of the length already takes a hundredth off.
 inline double purity(std::span<const float> samples, double hz) {
+  const double count = static_cast<double>(samples.size());
   double power = 0;
-  for (const float sample : samples) power += double{sample} * double{sample};
+  for (std::size_t i = 0; i < samples.size(); ++i) {
+    const double window =
+        1.0 - std::cos(2 * std::numbers::pi * (static_cast<double>(i) + 0.5) / count);
+    power += std::pow(window * double{samples[i]}, 2);
+  }
   const double amplitude = tone_amplitude(samples, WavFile::RATE, hz);
-  return power == 0 ? 0 : amplitude * amplitude / 2 * static_cast<double>(samples.size()) / power;
+  const double of_sine = amplitude * amplitude / 2 * 1.5 * count;  // 1.5: the window's mean square
+  return power == 0 ? 0 : of_sine / power;
 }
 
 // Stretches of silence between sounds, of 5 ms at least: so long no tone is near zero.
