@@ -23,11 +23,13 @@ bool has_randr_monitors(const Connection& connection) {
 
 }  // namespace
 
-const xcb_screen_t* Connection::screen() const {
-  if (!ok()) return nullptr;
+Connection::Connection() {
+  int number = 0;
+  connection_ = xcb_connect(nullptr, &number);
+  if (!ok()) return;
   auto it = xcb_setup_roots_iterator(xcb_get_setup(connection_));
-  for (int i = 0; i < screen_number_ && it.rem > 0; ++i) xcb_screen_next(&it);
-  return it.rem > 0 ? it.data : nullptr;
+  for (; number > 0 && it.rem > 0; --number) xcb_screen_next(&it);
+  if (it.rem > 0) screen_ = it.data;
 }
 
 bool Connection::has_extension(const char* name) const {
@@ -36,6 +38,12 @@ bool Connection::has_extension(const char* name) const {
       xcb_query_extension(connection_, static_cast<std::uint16_t>(std::strlen(name)), name),
       nullptr));
   return reply && reply->present;
+}
+
+std::optional<std::uint8_t> Connection::first_event(xcb_extension_t* extension) const {
+  const xcb_query_extension_reply_t* data = xcb_get_extension_data(connection_, extension);
+  if (!data || !data->present) return std::nullopt;
+  return data->first_event;
 }
 
 std::vector<Monitor> monitors(const Connection& connection) {

@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <cstdlib>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -27,7 +28,7 @@ Reply<T> own(T* reply) {
 // To the server that DISPLAY names.
 class Connection {
  public:
-  Connection() : connection_(xcb_connect(nullptr, &screen_number_)) {}
+  Connection();
   ~Connection() { xcb_disconnect(connection_); }
   Connection(const Connection&) = delete;
   Connection& operator=(const Connection&) = delete;
@@ -35,12 +36,15 @@ class Connection {
   bool ok() const { return xcb_connection_has_error(connection_) == 0; }
   xcb_connection_t* get() const { return connection_; }
   operator xcb_connection_t*() const { return connection_; }
-  const xcb_screen_t* screen() const;  // null if the connection failed
+  // Null if connecting failed; stays what it is when the server dies later.
+  const xcb_screen_t* screen() const { return screen_; }
   bool has_extension(const char* name) const;
+  // The number of an extension's first event; nothing without it, or when the server has died.
+  std::optional<std::uint8_t> first_event(xcb_extension_t* extension) const;
 
  private:
-  int screen_number_ = 0;
   xcb_connection_t* connection_;
+  const xcb_screen_t* screen_ = nullptr;
 };
 
 struct Monitor {

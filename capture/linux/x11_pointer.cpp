@@ -43,11 +43,12 @@ bool X11Pointer::open(const x11::Monitor& monitor) {
   }
   const auto xfixes = x11::own(xcb_xfixes_query_version_reply(
       connection_, xcb_xfixes_query_version(connection_, 2, 0), nullptr));
-  if (!xfixes) {
+  const auto xfixes_event = connection_.first_event(&xcb_xfixes_id);
+  if (!xfixes || !xfixes_event) {
     hlog("video: the X server lacks XFIXES");
     return false;
   }
-  xfixes_event_ = xcb_get_extension_data(connection_, &xcb_xfixes_id)->first_event;
+  xfixes_event_ = *xfixes_event;
   const auto* xinput = xcb_get_extension_data(connection_, &xcb_input_id);
   if (xinput && xinput->present) {
     const auto version = x11::own(xcb_input_xi_query_version_reply(

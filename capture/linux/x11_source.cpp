@@ -138,12 +138,14 @@ bool X11Source::query_extensions() {
       connection_, xcb_damage_query_version(connection_, 1, 1), nullptr));
   const auto xfixes = x11::own(xcb_xfixes_query_version_reply(
       connection_, xcb_xfixes_query_version(connection_, 2, 0), nullptr));
-  if (!damage || !xfixes) {
-    hlog("video: the X server lacks DAMAGE or XFIXES");
+  const auto damage_event = connection_.first_event(&xcb_damage_id);
+  const auto randr_event = connection_.first_event(&xcb_randr_id);
+  if (!damage || !xfixes || !damage_event || !randr_event) {
+    hlog("video: the X server lacks DAMAGE, XFIXES or RANDR");
     return false;
   }
-  damage_event_ = xcb_get_extension_data(connection_, &xcb_damage_id)->first_event;
-  randr_event_ = xcb_get_extension_data(connection_, &xcb_randr_id)->first_event;
+  damage_event_ = *damage_event;
+  randr_event_ = *randr_event;
   return true;
 }
 

@@ -297,12 +297,12 @@ std::unique_ptr<Session> X11Clipboard::connect() {
   if (!connection.ok() || !session->atoms.ok()) return nullptr;
   const auto version = x11::own(xcb_xfixes_query_version_reply(
       connection, xcb_xfixes_query_version(connection, 5, 0), nullptr));
-  const xcb_query_extension_reply_t* xfixes = xcb_get_extension_data(connection, &xcb_xfixes_id);
-  if (!version || !xfixes || !xfixes->present) {
+  const auto first_event = connection.first_event(&xcb_xfixes_id);
+  if (!version || !first_event) {
     log_("clipboard: the X server lacks XFIXES, which tells of changes");
     return nullptr;
   }
-  session->xfixes_event = xfixes->first_event + XCB_XFIXES_SELECTION_NOTIFY;
+  session->xfixes_event = static_cast<std::uint8_t>(*first_event + XCB_XFIXES_SELECTION_NOTIFY);
   xcb_xfixes_select_selection_input(connection, session->owner.window(), session->atoms.clipboard,
                                     XCB_XFIXES_SELECTION_EVENT_MASK_SET_SELECTION_OWNER |
                                         XCB_XFIXES_SELECTION_EVENT_MASK_SELECTION_WINDOW_DESTROY |

@@ -125,6 +125,17 @@ TEST_F(X11SourceTest, KilledServerIsNoticedWhileAChangeWaitsForItsFetch) {
   EXPECT_EQ(acquire(10'000), AcquireResult::Gone);
 }
 
+TEST_F(X11SourceTest, KilledServerIsNeitherSubscribedToNorOpened) {
+  open(list_displays().at(0));
+  settle();
+  const auto other = make_x11_source();  // connected, and not yet opened
+  server_.kill();
+  EXPECT_EQ(acquire(10'000), AcquireResult::Gone);
+  SubscribeFailure failure;
+  EXPECT_FALSE(source_->subscribe(&display_, &failure));
+  EXPECT_FALSE(other->open({display_, WIDTH, HEIGHT, 60}));
+}
+
 TEST_F(X11SourceTest, ScreenOfAnotherSizeIsLost) {
   open(list_displays().at(0));
   settle();

@@ -44,18 +44,31 @@ bool accepts_clients(const std::filesystem::path& socket_path) {
 
 }  // namespace
 
-SoundServer::SoundServer()
-    : server_name_("PULSE_SERVER", address().c_str()),
-      cookie_("PULSE_COOKIE", (directory_ / "cookie").c_str()) {
-  start();
-}
+AnySoundServer::AnySoundServer(std::string sink_options)
+    : sink_options_(std::move(sink_options)),
+      server_name_("PULSE_SERVER", address().c_str()),
+      cookie_("PULSE_COOKIE", (directory_ / "cookie").c_str()) {}
 
-std::string SoundServer::address() const {
+std::string AnySoundServer::address() const {
   return "unix:" + (directory_ / "native").string();
 }
 
-std::map<std::string, std::string> SoundServer::environment() const {
+std::map<std::string, std::string> AnySoundServer::environment() const {
   return {{"PULSE_SERVER", address()}, {"PULSE_COOKIE", directory_ / "cookie"}};
+}
+
+void AnySoundServer::wait_for_clients(ChildProcess& server) {
+  const auto until = std::chrono::steady_clock::now() + START_DEADLINE;
+  while (!(running_ = accepts_clients(directory_ / "native")) &&
+         std::chrono::steady_clock::now() < until) {
+    // No output holds this text, so each turn reads what has come.
+    server.wait_for_output({"\0", 1}, std::chrono::milliseconds(5));
+  }
+  EXPECT_TRUE(running_) << "the sound server did not start; it said:\n" << server.output();
+}
+
+SoundServer::SoundServer() : AnySoundServer(SINK_OPTIONS) {
+  start();
 }
 
 void SoundServer::start() {
@@ -79,13 +92,7 @@ void SoundServer::start() {
                                          // It looks for a session bus, and would start one.
                                          {"DBUS_SESSION_BUS_ADDRESS", "disabled:"},
                                          {"DISPLAY", ""}});
-  const auto until = std::chrono::steady_clock::now() + START_DEADLINE;
-  while (!(running_ = accepts_clients(directory_ / "native")) &&
-         std::chrono::steady_clock::now() < until) {
-    // No output holds this text, so each turn reads what has come.
-    server_->wait_for_output({"\0", 1}, std::chrono::milliseconds(5));
-  }
-  EXPECT_TRUE(running_) << "pulseaudio did not start; it said:\n" << server_->output();
+  wait_for_clients(*server_);
 }
 
 void SoundServer::kill() {
@@ -106,7 +113,7 @@ void SoundServer::carry_on() const {
   server_->signal(SIGCONT);
 }
 
-RunResult SoundServer::pactl(const std::vector<std::string>& arguments) const {
+RunResult AnySoundServer::pactl(const std::vector<std::string>& arguments) const {
   std::vector<std::string> command{"pactl"};
   command.insert(command.end(), arguments.begin(), arguments.end());
   auto variables = environment();
@@ -116,14 +123,14 @@ RunResult SoundServer::pactl(const std::vector<std::string>& arguments) const {
   return result;
 }
 
-bool SoundServer::add_sink(const std::string& name, int rate, int channels) const {
+bool AnySoundServer::add_sink(const std::string& name, int rate, int channels) const {
   return pactl({"load-module", "module-null-sink", "sink_name=" + name,
                 "rate=" + std::to_string(rate), "channels=" + std::to_string(channels),
-                SINK_OPTIONS})
+                sink_options_})
              .status == 0;
 }
 
-bool SoundServer::remove_sink(const std::string& name) const {
+bool AnySoundServer::remove_sink(const std::string& name) const {
   // Sinks are listed with the number of the module that made them.
   const std::string list = pactl({"list", "sinks"}).output;
   const std::size_t sink = list.find("Name: " + name + "\n");
@@ -136,19 +143,19 @@ bool SoundServer::remove_sink(const std::string& name) const {
          0;
 }
 
-bool SoundServer::set_default_sink(const std::string& name) const {
+bool AnySoundServer::set_default_sink(const std::string& name) const {
   return pactl({"set-default-sink", name}).status == 0;
 }
 
-bool SoundServer::set_mute(const std::string& sink, bool muted) const {
+bool AnySoundServer::set_mute(const std::string& sink, bool muted) const {
   return pactl({"set-sink-mute", sink, muted ? "1" : "0"}).status == 0;
 }
 
-bool SoundServer::muted(const std::string& sink) const {
+bool AnySoundServer::muted(const std::string& sink) const {
   return pactl({"get-sink-mute", sink}).output.find("yes") != std::string::npos;
 }
 
-Player::Player(const SoundServer& server, const std::string& sink, Fill fill)
+Player::Player(const AnySoundServer& server, const std::string& sink, Fill fill)
     : fill_(std::move(fill)) {
   constexpr pa_sample_spec FORMAT{PA_SAMPLE_FLOAT32NE, RATE, 2};
   const pa_buffer_attr buffer{ANY, PLAY_AHEAD_BYTES, ANY, ANY, ANY};
@@ -160,11 +167,10 @@ Player::Player(const SoundServer& server, const std::string& sink, Fill fill)
   if (stream_ != nullptr) thread_ = std::thread([this] { play(); });
 }
 
-void Player::stop() {
+Player::~Player() {
   stop_ = true;
   if (thread_.joinable()) thread_.join();
   if (stream_ != nullptr) pa_simple_free(static_cast<pa_simple*>(stream_));
-  stream_ = nullptr;
 }
 
 void Player::play() {
@@ -183,7 +189,7 @@ std::uint64_t Player::ahead_us() const {
   return error == 0 ? latency_us : 0;
 }
 
-Tone::Tone(const SoundServer& server, Sine left, Sine right, const std::string& sink)
+Tone::Tone(const AnySoundServer& server, Sine left, Sine right, const std::string& sink)
     : player_(server, sink, [this, left, right](std::span<float> block) {
         const auto sample = [this](const Sine& sine) {
           const double turns = std::fmod(sine.hz * static_cast<double>(frame_) / RATE, 1.0);
@@ -195,7 +201,7 @@ Tone::Tone(const SoundServer& server, Sine left, Sine right, const std::string& 
         }
       }) {}
 
-Clicker::Clicker(const SoundServer& server, const std::string& sink)
+Clicker::Clicker(const AnySoundServer& server, const std::string& sink)
     : player_(server, sink, [this](std::span<float> block) { fill(block); }) {}
 
 // One block of full sound is 10 ms: long enough for a codec to keep, with a sharp beginning.
@@ -218,7 +224,7 @@ Clicker::Click Clicker::click() {
   return last_;
 }
 
-Ear::Ear(const SoundServer& server, const std::string& sink) {
+Ear::Ear(const AnySoundServer& server, const std::string& sink) {
   constexpr pa_sample_spec FORMAT{PA_SAMPLE_FLOAT32NE, RATE, 1};
   const pa_buffer_attr buffer{ANY, ANY, ANY, ANY, BLOCK_FRAMES * sizeof(float)};
   const std::string monitor = sink + ".monitor";

@@ -9,8 +9,9 @@
 #include "streams/clipboard_access.h"
 #include "streams/png_codec.h"
 #include "tests/streams/realtime/bridge_ends.h"
-#include "tests/streams/realtime/linux/other_program.h"
-#include "tests/support/temp_directory.h"
+#include "tests/support/clipboard_items.h"
+#include "tests/support/linux/other_program.h"
+#include "tests/support/linux/xclip.h"
 #include "tests/support/xvfb.h"
 
 namespace {
@@ -25,25 +26,6 @@ constexpr std::uint64_t PICTURE_MAX = 64 << 20;
 
 std::string text_of(const Bytes& bytes) {
   return {bytes.begin(), bytes.end()};
-}
-
-std::string large_text(std::size_t size) {
-  std::string text(size, 0);
-  for (std::size_t i = 0; i < size; ++i) text[i] = static_cast<char>('a' + (i * i / 7 + i) % 26);
-  return text;
-}
-
-Bytes noise_png(std::uint32_t side) {
-  Image image{side, side, {}};
-  image.pixels.resize(std::size_t{side} * side * 4);
-  std::uint32_t state = 1;
-  for (std::uint8_t& byte : image.pixels) {
-    state = state * 1'664'525u + 1'013'904'223u;
-    byte = static_cast<std::uint8_t>(state >> 24);
-  }
-  Bytes png;
-  EXPECT_TRUE(encode_png(image, &png));
-  return png;
 }
 
 std::shared_ptr<const ClipboardContent> text_content(const std::string& text) {
@@ -62,20 +44,14 @@ class X11ClipboardTest : public testing::Test {
     }));
   }
 
-  // xclip, in the foreground, with what it copies in a file.
-  std::unique_ptr<ChildProcess> copy(const std::string& content, const std::string& target) {
-    const std::string name = (directory_ / "copied").string();
-    write_file(name, content);
-    auto xclip = std::make_unique<ChildProcess>(std::vector<std::string>{
-        "xclip", "-quiet", "-selection", "clipboard", "-t", target, "-i", name});
+  // Until what is returned goes, this is on the clipboard, and the listener has been told.
+  std::unique_ptr<Xclip> copy(const std::string& content, const std::string& target) {
+    auto xclip = std::make_unique<Xclip>(server_.display());
+    xclip->copy(content, target);
     EXPECT_TRUE(access_->wait(SOON_MS)) << "no change";
     return xclip;
   }
-  static std::string paste(const std::string& target) {
-    const RunResult result = run_program({"xclip", "-selection", "clipboard", "-o", "-t", target},
-                                         {}, std::chrono::seconds(30));
-    return result.status == 0 ? result.output : "xclip failed: " + result.output;
-  }
+  std::string paste(const std::string& target) { return xclip_paste(server_.display(), target); }
   std::optional<ClipboardBlock> read(ClipboardForm form, std::uint64_t most) {
     if (!access_->open()) {
       ADD_FAILURE() << "can't be opened";
@@ -117,7 +93,6 @@ class X11ClipboardTest : public testing::Test {
   }
 
   Xvfb server_{64, 64};
-  TempDirectory directory_;
   std::mutex mutex_;
   std::vector<std::string> lines_;
   std::unique_ptr<ClipboardAccess> access_ = make_clipboard_access();
@@ -463,22 +438,7 @@ TEST(X11ClipboardBridge, TextAndPicturesGoFromOneServerToTheOther) {
     Xvfb server{64, 64};
     Lines lines;
     ClipboardSync sync{make_clipboard_access(), lines.log(), true};
-    TempDirectory directory;
-    std::unique_ptr<ChildProcess> xclip;
-
-    void copy(const std::string& content, const std::string& target) {
-      const std::string name = (directory / "copied").string();
-      write_file(name, content);
-      xclip = std::make_unique<ChildProcess>(
-          std::vector<std::string>{"xclip", "-quiet", "-selection", "clipboard", "-t", target, "-i",
-                                   name},
-          std::map<std::string, std::string>{{"DISPLAY", server.display()}});
-    }
-    std::string paste(const std::string& target) const {
-      return run_program({"xclip", "-selection", "clipboard", "-o", "-t", target},
-                         {{"DISPLAY", server.display()}})
-          .output;
-    }
+    Xclip xclip{server.display()};
   };
   Desktop host;
   ASSERT_TRUE(host.sync.start());  // by DISPLAY, which names the newest server
@@ -487,22 +447,15 @@ TEST(X11ClipboardBridge, TextAndPicturesGoFromOneServerToTheOther) {
   const BridgeSession session(host.sync, client.sync);
 
   const std::string text = large_text(1'048'576);
-  host.copy(text, "UTF8_STRING");
+  host.xclip.copy(text);
   ASSERT_TRUE(host.lines.wait_for("1048576 B delivered"));
   ASSERT_TRUE(client.lines.wait_for("received #1"));
-  // What is delivered is on the clipboard as soon as the listener comes to it.
-  const auto pasted = [](const Desktop& desktop, const std::string& target,
-                         const std::string& content) {
-    const std::uint64_t deadline_us = lund_now_us() + SOON_MS * 1'000;
-    while (lund_now_us() < deadline_us) {
-      if (desktop.paste(target) == content) return true;
-    }
-    return false;
-  };
-  EXPECT_TRUE(pasted(client, "UTF8_STRING", text));
+  EXPECT_TRUE(client.xclip.changed());
+  EXPECT_TRUE(client.xclip.paste() == text);
   const Bytes png = noise_png(700);
-  client.copy(text_of(png), "image/png");
-  EXPECT_TRUE(pasted(host, "image/png", text_of(png)));
+  client.xclip.copy(text_of(png), "image/png");
+  EXPECT_TRUE(host.xclip.changed());
+  EXPECT_TRUE(host.xclip.paste("image/png") == text_of(png));
 }
 
 // ---- With the server
