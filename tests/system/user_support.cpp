@@ -1,7 +1,6 @@
 #include "tests/system/user_support.h"
 
 #include <gtest/gtest.h>
-#include <xcb/render.h>
 #include <xcb/xfixes.h>
 #include <xcb/xtest.h>
 
@@ -43,8 +42,10 @@ void User::move(int x, int y) {
   fake(XCB_MOTION_NOTIFY, 0, x, y);
 }
 
+// Equal motions of one millisecond count as one with some toolkits.
 void User::move_by(int dx, int dy) {
   fake(XCB_MOTION_NOTIFY, 1, dx, dy);
+  short_pause();
 }
 
 void User::button(int number, bool down) {
@@ -74,9 +75,13 @@ void User::key(std::uint32_t keysym, bool down) {
   fake(down ? XCB_KEY_PRESS : XCB_KEY_RELEASE, keycode(keysym), 0, 0);
 }
 
+// A key that goes down again within 2 ms of its release counts as held and repeating with some
+// toolkits, so no person types that fast.
 void User::tap(std::uint32_t keysym) {
   key(keysym, true);
+  short_pause();
   key(keysym, false);
+  short_pause();
 }
 
 void User::type(const std::string& text) {
@@ -241,11 +246,33 @@ void User::ask_to_close(const SeenWindow& window) {
   settle();
 }
 
+void User::watch_requests() {
+  const std::uint32_t events = XCB_EVENT_MASK_SUBSTRUCTURE_NOTIFY;
+  xcb_change_window_attributes(connection_, screen_->root, XCB_CW_EVENT_MASK, &events);
+  settle();
+}
+
+// Extended Window Manager Hints: a client message to the root; 1 adds the state, 0 removes it.
+bool User::is_asked(const std::string& state, bool on) {
+  const xcb_atom_t type = atom("_NET_WM_STATE");
+  const xcb_atom_t wanted = atom(state);
+  return comes_true([&] {
+    while (const auto event = own(xcb_poll_for_event(connection_))) {
+      if ((event->response_type & 0x7F) != XCB_CLIENT_MESSAGE) continue;
+      const auto& message = reinterpret_cast<const xcb_client_message_event_t&>(*event);
+      if (message.type == type && message.data.data32[0] == (on ? 1U : 0U) &&
+          message.data.data32[1] == wanted)
+        return true;
+    }
+    return false;
+  });
+}
+
 Recorder::Recorder(const std::string& display, int x, int y, int width, int height)
     : connection_(xcb_connect(display.c_str(), nullptr)) {
   screen_ = xcb_setup_roots_iterator(xcb_get_setup(connection_)).data;
   window_ = xcb_generate_id(connection_);
-  const std::uint32_t values[] = {0x305070, 1,
+  const std::uint32_t values[] = {0x406080, 1,
                                   XCB_EVENT_MASK_BUTTON_PRESS | XCB_EVENT_MASK_BUTTON_RELEASE |
                                       XCB_EVENT_MASK_POINTER_MOTION | XCB_EVENT_MASK_KEY_PRESS |
                                       XCB_EVENT_MASK_KEY_RELEASE | XCB_EVENT_MASK_EXPOSURE};
@@ -297,34 +324,6 @@ std::size_t Recorder::count(const std::string& prefix) {
   return static_cast<std::size_t>(
       std::count_if(events_.begin(), events_.end(),
                     [&](const std::string& event) { return event.rfind(prefix, 0) == 0; }));
-}
-
-void Recorder::set_cursor(std::uint32_t argb, int size, int hot_x, int hot_y) {
-  const auto pixels = static_cast<std::uint16_t>(size);
-  xcb_render_pictformat_t format = XCB_NONE;
-  const auto formats = own(xcb_render_query_pict_formats_reply(
-      connection_, xcb_render_query_pict_formats(connection_), nullptr));
-  ASSERT_TRUE(formats);
-  const xcb_render_pictforminfo_t* info = xcb_render_query_pict_formats_formats(formats.get());
-  for (std::uint32_t i = 0; i < formats->num_formats; ++i)
-    if (info[i].depth == 32 && info[i].direct.alpha_mask == 0xFF && info[i].direct.red_shift == 16)
-      format = info[i].id;
-  const xcb_pixmap_t pixmap = xcb_generate_id(connection_);
-  xcb_create_pixmap(connection_, 32, pixmap, screen_->root, pixels, pixels);
-  const xcb_render_picture_t picture = xcb_generate_id(connection_);
-  xcb_render_create_picture(connection_, picture, pixmap, format, 0, nullptr);
-  auto channel = [argb](int shift) {
-    return static_cast<std::uint16_t>((argb >> shift & 0xFF) * (argb >> 24) / 255 * 257);
-  };
-  const xcb_render_color_t colour{channel(16), channel(8), channel(0),
-                                  static_cast<std::uint16_t>((argb >> 24) * 257)};
-  const xcb_rectangle_t all{0, 0, pixels, pixels};
-  xcb_render_fill_rectangles(connection_, XCB_RENDER_PICT_OP_SRC, picture, colour, 1, &all);
-  const xcb_cursor_t cursor = xcb_generate_id(connection_);
-  xcb_render_create_cursor(connection_, cursor, picture, static_cast<std::uint16_t>(hot_x),
-                           static_cast<std::uint16_t>(hot_y));
-  xcb_change_window_attributes(connection_, window_, XCB_CW_CURSOR, &cursor);
-  own(xcb_get_input_focus_reply(connection_, xcb_get_input_focus(connection_), nullptr));
 }
 
 }  // namespace system_test

@@ -70,6 +70,8 @@ class User {
   void place(const SeenWindow& window, int x, int y, int width, int height);
   void focus(xcb_window_t window);
   void ask_to_close(const SeenWindow& window);
+  void watch_requests();
+  bool is_asked(const std::string& state, bool on);  // since watch_requests; waits for it
 
   xcb_connection_t* connection() { return connection_; }
   xcb_screen_t* x_screen() { return screen_; }
@@ -97,9 +99,6 @@ class Recorder {
   bool records(const std::string& event);        // waits for it
   std::size_t count(const std::string& prefix);  // of events so far
   void forget() { events_.clear(); }
-  // Gives the window a pointer image: opaque, of this colour, square.
-  void set_cursor(std::uint32_t argb, int size, int hot_x, int hot_y);
-  void hide_cursor() { set_cursor(0, 1, 0, 0); }
   xcb_window_t window() const { return window_; }
 
  private:

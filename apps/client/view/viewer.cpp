@@ -161,6 +161,9 @@ void Viewer::take_news() {
 
 void Viewer::take_news_of(Screen& screen) {
   ScreenNews news = inbox_->take_screen(screen.number);
+  if (news.state == ScreenState::Ended && screen.view.state != ScreenState::Ended &&
+      shared_.session == SessionState::Streaming && !news.text.empty())
+    std::fprintf(stderr, "screen %d: %s\n", screen.number, news.text.c_str());
   screen.view.state = news.state;
   screen.view.text = news.text;
   if (news.granted) {
@@ -267,7 +270,7 @@ nlohmann::json Viewer::report(HostSession& session) {
                                {"latency_ms", screen->statistics.latency_report()}});
   }
   const SoundOutput::Figures sound = sound_.take_figures();
-  json["sound"] = {{"device", sound_.is_open()},
+  json["sound"] = {{"device", sound_.was_open()},
                    {"buffered_ms", rounded(sound.buffered_ms)},
                    {"buffered_max_ms", rounded(sound.most_ms)},
                    {"played_ms", rounded(static_cast<double>(sound.playout.played_frames) * 1000 /
