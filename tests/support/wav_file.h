@@ -93,7 +93,7 @@ struct Gap {
   double from_s = 0;
   double length_s = 0;
 };
-inline std::vector<Gap> gaps(const std::vector<float>& channel) {
+inline std::vector<Gap> gaps(std::span<const float> channel) {
   constexpr float AUDIBLE = 0.05F;
   constexpr std::size_t SHORTEST = WavFile::RATE / 200;
   std::vector<Gap> found;
