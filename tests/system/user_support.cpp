@@ -5,6 +5,7 @@
 #include <xcb/xtest.h>
 
 #include <algorithm>
+#include <cstdio>
 #include <thread>
 
 #include "capture/linux/x11.h"
@@ -15,6 +16,12 @@ using x11::own;
 
 void short_pause() {
   std::this_thread::sleep_for(std::chrono::milliseconds(5));
+}
+
+void print_times(const std::string& what, std::vector<double> us) {
+  std::sort(us.begin(), us.end());
+  std::printf("%s: p50 %.0f us, p95 %.0f us, of %zu\n", what.c_str(), us[us.size() / 2],
+              us[us.size() * 95 / 100], us.size());
 }
 
 User::User(const std::string& display) : connection_(xcb_connect(display.c_str(), nullptr)) {
@@ -124,6 +131,21 @@ bool User::keyboard_is_free() {
   xcb_ungrab_keyboard(connection_, XCB_CURRENT_TIME);
   settle();
   return true;
+}
+
+bool User::holds_nothing() {
+  const auto keys =
+      own(xcb_query_keymap_reply(connection_, xcb_query_keymap(connection_), nullptr));
+  const auto pointer = own(
+      xcb_query_pointer_reply(connection_, xcb_query_pointer(connection_, screen_->root), nullptr));
+  return keys && pointer && pointer->mask == 0 &&
+         std::all_of(keys->keys, std::end(keys->keys), [](int eight) { return eight == 0; });
+}
+
+void User::end_key_repeat() {
+  const std::uint32_t off = XCB_AUTO_REPEAT_MODE_OFF;
+  xcb_change_keyboard_control(connection_, XCB_KB_AUTO_REPEAT_MODE, &off);
+  settle();
 }
 
 SeenCursor User::cursor() {
@@ -291,20 +313,41 @@ Recorder::~Recorder() {
   xcb_disconnect(connection_);
 }
 
+std::string Recorder::described(const X11Input& input) {
+  if (input.kind == X11Input::Kind::Key) return input.text();
+  return input.text() + " " + std::to_string(input.x) + "," + std::to_string(input.y);
+}
+
 void Recorder::read() {
-  while (const auto event = own(xcb_poll_for_event(connection_))) {
-    const int type = event->response_type & 0x7F;
-    if (type < XCB_KEY_PRESS || type > XCB_MOTION_NOTIFY) continue;
-    // Keys, buttons and motion are of one layout.
-    const auto& input = reinterpret_cast<const xcb_key_press_event_t&>(*event);
-    const std::string at = std::to_string(input.root_x) + "," + std::to_string(input.root_y);
-    const std::string detail = std::to_string(input.detail);
-    if (type == XCB_KEY_PRESS) events_.push_back("key " + detail + " down");
-    if (type == XCB_KEY_RELEASE) events_.push_back("key " + detail + " up");
-    if (type == XCB_BUTTON_PRESS) events_.push_back("button " + detail + " down " + at);
-    if (type == XCB_BUTTON_RELEASE) events_.push_back("button " + detail + " up " + at);
-    if (type == XCB_MOTION_NOTIFY) events_.push_back("motion " + at);
+  while (const auto input = next_input(connection_, std::chrono::milliseconds(0)))
+    events_.push_back(described(*input));
+}
+
+std::optional<Recorder::Event> Recorder::next(std::chrono::milliseconds patience) {
+  const auto input = next_input(connection_, patience);
+  if (!input) return std::nullopt;
+  return Event{described(*input), input->at_us};
+}
+
+std::uint64_t Recorder::expect_next(const std::vector<std::string>& expected) {
+  std::uint64_t at_us = 0;
+  for (const std::string& text : expected) {
+    const auto event = next();
+    EXPECT_TRUE(event) << "not yet " << text;
+    if (!event) break;
+    EXPECT_EQ(event->text, text);
+    at_us = event->at_us;
   }
+  return at_us;
+}
+
+std::vector<std::string> Recorder::events_until(const std::string& last,
+                                                const std::string& prefix) {
+  records(last);
+  std::vector<std::string> chosen;
+  std::copy_if(events_.begin(), events_.end(), std::back_inserter(chosen),
+               [&](const std::string& event) { return event.starts_with(prefix); });
+  return chosen;
 }
 
 const std::vector<std::string>& Recorder::events() {
