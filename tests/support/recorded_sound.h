@@ -3,6 +3,7 @@
 #pragma once
 
 #include <chrono>
+#include <cmath>
 #include <condition_variable>
 #include <functional>
 #include <mutex>
@@ -65,6 +66,17 @@ class RecordedSound {
     }
   }
 
+  // That for a quarter of a second of a pure tone on both sides: where computers are busy, others
+  // may have gaps.
+  std::optional<std::size_t> wait_for_sine(int hz, double amplitude, std::size_t from = 0) {
+    return wait_for_stretch(
+        25,
+        [=](const SoundDecoder& heard) {
+          return is_sine(heard.left, hz, amplitude) && is_sine(heard.right, hz, amplitude);
+        },
+        from);
+  }
+
   // The same for 100 ms in which a tone is to be heard.
   std::optional<std::size_t> wait_for_tone(
       double hz, std::size_t from = 0,
@@ -79,6 +91,10 @@ class RecordedSound {
   }
 
  private:
+  static bool is_sine(const std::vector<float>& samples, int hz, double amplitude) {
+    return std::abs(tone_amplitude(samples, SoundDecoder::RATE, hz) - amplitude) < 0.02 &&
+           loudest_hz(samples, SoundDecoder::RATE, 100, 1'000) == hz;
+  }
   std::vector<SoundPacket> slice(std::size_t from, std::size_t end) const {
     std::scoped_lock lock(mutex_);
     return {packets_.begin() + static_cast<std::ptrdiff_t>(from),
