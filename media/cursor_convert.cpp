@@ -199,6 +199,7 @@ void resample_into(CursorBitmap& out, const float_image& image, Place place, Res
   const double ratio_x = static_cast<double>(image.width) / out.width;
   const double ratio_y = static_cast<double>(image.height) / out.height;
   std::vector<decltype(place(0, 1.0, 1))> columns;
+  columns.reserve(static_cast<std::size_t>(out.width));
   for (int x = 0; x < out.width; ++x) columns.push_back(place(x, ratio_x, image.width));
   for (int y = 0; y < out.height; ++y) {
     const auto row = place(y, ratio_y, image.height);

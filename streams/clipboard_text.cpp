@@ -9,7 +9,7 @@ constexpr std::string_view REPLACEMENT = "\xEF\xBF\xBD";  // U+FFFD
 
 struct Lead {
   std::uint8_t first, last;
-  std::size_t length;
+  std::uint8_t length;  // of the sequence
   std::uint8_t second_min, second_max;
 };
 

@@ -30,9 +30,9 @@ struct ViewArguments {
   std::string release_key = "right-ctrl";
   bool relative = false;
   bool full_screen = false;
-  bool grab = true;
-  bool sound = true;
-  bool clipboard = true;
+  bool no_grab = false;
+  bool no_sound = false;
+  bool no_clipboard = false;
   double seconds = 0;
   std::filesystem::path snapshot, report;
 };

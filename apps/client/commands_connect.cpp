@@ -24,10 +24,13 @@ int report_stream(const Arguments& args, HostSession& session, HostLink& link,
 }
 
 // What else was wanted of a connection that has done its time.
-int check_sharing(const Arguments& args, const ConnectRun& run) {
+int check_sharing(const Arguments& args, HostSession& session, const ConnectRun& run) {
   int status = EXIT_OK;
   for (const auto& [screen, text] : run.lost_screens())
     status = fail(EXIT_REFUSED, "screen " + std::to_string(screen) + ": " + text);
+  // A host that plays nothing sends silence.
+  if (!args.audio_out.empty() && session.sound_counts().packets == 0)
+    status = fail(EXIT_NO_ANSWER, "no sound came from the host: it has none, or shares none");
   const ClipboardTransfer* clipboard = run.clipboard();
   if (!clipboard) return status;
   using Delivery = ClipboardTransfer::Delivery;
@@ -126,7 +129,7 @@ int run_connect(const Arguments& args) {
     status = report_stream(args, session, link, run, plan.talk, exit_status(end));
   if (!access.remember(session, &error, plan.talk)) status = fail(EXIT_LOCAL, error);
   if (end != SessionEnd::Done) return fail(static_cast<ExitStatus>(status), ended);
-  const int shared = check_sharing(args, run);
+  const int shared = check_sharing(args, session, run);
   return status == EXIT_OK ? shared : status;
 }
 

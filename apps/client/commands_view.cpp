@@ -3,10 +3,13 @@
 #include <SDL_ttf.h>
 
 #include <cstdio>
+#include <cstdlib>
 #include <fstream>
+#include <string_view>
 
 #include "apps/client/commands.h"
 #include "apps/client/host_access.h"
+#include "apps/client/view/desktop_clipboard.h"
 #include "apps/client/view/keys.h"
 #include "apps/client/view/sound_output.h"
 #include "apps/client/view/viewer.h"
@@ -14,6 +17,11 @@
 namespace client_app {
 
 namespace {
+
+// What SDL falls back to when nothing else is there.
+bool draws_for_nobody(std::string_view driver) {
+  return driver == "offscreen" || driver == "dummy" || driver == "evdev";
+}
 
 // SDL with what a window on another computer needs of it, for as long as it lives.
 class Sdl {
@@ -27,6 +35,10 @@ class Sdl {
     SDL_SetHint(SDL_HINT_VIDEO_X11_NET_WM_BYPASS_COMPOSITOR, "0");
     if (SDL_Init(SDL_INIT_VIDEO) != 0 || TTF_Init() != 0) {
       *error = SDL_GetError();
+      return false;
+    }
+    if (!std::getenv("SDL_VIDEODRIVER") && draws_for_nobody(SDL_GetCurrentVideoDriver())) {
+      *error = "no desktop answers";
       return false;
     }
     SDL_StopTextInput();  // keys go out as keys: no input method may keep any
@@ -54,7 +66,7 @@ ViewRequest view_request(const Arguments& args, const std::string& host_name) {
   request.release_key = *release_key_by_name(args.view.release_key);
   request.relative = args.view.relative;
   request.full_screen = args.view.full_screen;
-  request.grab = args.view.grab;
+  request.grab = !args.view.no_grab;
   request.seconds = args.view.seconds;
   request.snapshot = args.view.snapshot;
   request.stop = args.stop;
@@ -88,11 +100,17 @@ int run_view(const Arguments& args) {
     return fail(status, error);
 
   SoundOutput sound;
-  if (args.view.sound && !sound.open(&error))
+  if (!args.view.no_sound && !sound.open(&error))
     std::fprintf(stderr, "no sound device (%s): going on without sound\n", error.c_str());
+  DesktopClipboard clipboard;
+  const bool shares = !args.view.no_clipboard && clipboard.start();
+  if (!args.view.no_clipboard && !shares)
+    std::fputs("no clipboard can be reached: going on without\n", stderr);
   Viewer viewer(view_request(args, access.host().name[0] ? access.host().name : args.host), sound);
   if (!viewer.open(&error)) return fail(EXIT_LOCAL, "no window can be opened: " + error);
-  HostSession session(access.link(), session_request(args, sound.is_open(), nullptr),
+  if (shares) viewer.switch_clipboard = [&clipboard](bool on) { clipboard.set_enabled(on); };
+  HostSession session(access.link(),
+                      session_request(args, sound.is_open(), shares ? &clipboard : nullptr),
                       viewer.inbox());
   std::string ended;
   const SessionEnd end = viewer.run(session, &ended);

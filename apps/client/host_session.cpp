@@ -13,8 +13,10 @@ namespace {
 constexpr std::uint64_t CONNECT_TIMEOUT_US = 10'000'000;
 // A host that ends each new stream at once isn't asked more often than this.
 constexpr std::uint64_t RECONNECT_PERIOD_US = 1'000'000;
-// A wish for sound isn't acknowledged. It shows in what comes: silence is packets too.
+// A wish for sound isn't acknowledged. It shows in what comes: silence is packets too. A host that
+// was told so often has no sound to send.
 constexpr std::uint64_t SOUND_REPEAT_US = 1'000'000;
+constexpr int SOUND_TELLINGS = 3;
 constexpr std::uint64_t SOUND_GONE_US = 500'000;
 
 bool wants_sound(const SessionRequest& request) {
@@ -264,7 +266,10 @@ void HostSession::tell_sound(std::uint64_t now) {
   if (!carries_sound()) return;
   const bool wanted = wanted_sound_;
   const bool heard = now - last_sound_us_ < SOUND_GONE_US;
+  if (wanted == heard || wanted != told_sound_) sound_tellings_ = 0;
   if (wanted == told_sound_ && (wanted == heard || now - told_sound_us_ < SOUND_REPEAT_US)) return;
+  if (sound_tellings_ >= SOUND_TELLINGS) return;
+  ++sound_tellings_;
   told_sound_ = wanted;
   told_sound_us_ = now;
   std::uint8_t packet[16];

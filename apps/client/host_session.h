@@ -127,5 +127,6 @@ class HostSession {
   SoundReceiver sound_;
   bool told_sound_ = false;
   std::uint64_t told_sound_us_ = 0;
+  int sound_tellings_ = 0;  // since it last was as it is wanted
   std::uint64_t last_sound_us_ = 0;
 };

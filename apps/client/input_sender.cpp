@@ -13,6 +13,9 @@ constexpr std::uint64_t MOTION_SPACING_US = 2'000;
 // Motion waits, and adds up, while so many events are on their way: a batch stays small, and a key
 // finds room in it.
 constexpr std::size_t MOTION_IN_FLIGHT = 24;
+// A mouse that moved so lately moves on, in a call from another thread than the one that sleeps
+// until the next tick. What that call may not send yet goes out by a tick at its spacing.
+constexpr std::uint64_t MOVING_US = 20'000;
 
 // RFC 6298: smoothed round trip and four deviations. Its floor of a second is for a network's sake;
 // here a batch is repeated in place of a user's wait, and the packets are small.
@@ -93,6 +96,7 @@ bool InputSender::add(const lund_input_event& event) {
 bool InputSender::push(const lund_input_event& event, std::uint64_t now) {
   const bool moves = event.kind == LUND_INPUT_MOTION;
   if (moves) {
+    moved_us_ = now;
     wanted_.reset();
     wanted_waits_ = false;
     place_repeats_ = 0;
@@ -123,7 +127,8 @@ bool InputSender::position(std::uint16_t x, std::uint16_t y) {
   }
   wanted_ = {x, y};
   wanted_waits_ = true;
-  flush(lund_now_us());
+  moved_us_ = lund_now_us();
+  flush(moved_us_);
   return true;
 }
 
@@ -252,6 +257,7 @@ std::uint64_t InputSender::next_due_us(std::uint64_t now) {
   if (sendable() > sent_ && sent_ < MOTION_IN_FLIGHT) at_time(last_batch_us_ + MOTION_SPACING_US);
   if (wanted_waits_ && !click_in_flight()) at_time(place_sent_us_ + MOTION_SPACING_US);
   if (place_repeats_ > 0) at_time(place_sent_us_ + position_repeat_us());
+  if (now - moved_us_ < MOVING_US) at_time(now + MOTION_SPACING_US);
   return due;
 }
 
@@ -301,7 +307,7 @@ void InputSender::end() {
   head_ = count_ = sent_ = 0;
   first_seq_ = 1;
   last_click_seq_ = place_seq_ = 0;
-  last_batch_us_ = place_sent_us_ = 0;
+  last_batch_us_ = place_sent_us_ = moved_us_ = 0;
   batch_repeats_ = place_repeats_ = 0;
   wanted_.reset();
   rtt_us_ = rtt_deviation_us_ = 0;

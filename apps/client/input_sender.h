@@ -106,6 +106,7 @@ class InputSender {
   std::uint32_t place_seq_ = 0;  // its number
   int place_repeats_ = 0;        // still to come
   std::uint64_t place_sent_us_ = 0;
+  std::uint64_t moved_us_ = 0;  // the last call that moved the pointer
 
   double rtt_us_ = 0, rtt_deviation_us_ = 0;
   Statistics counts_;  // without the latencies

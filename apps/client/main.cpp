@@ -146,9 +146,9 @@ void add_view(CLI::App& view, Arguments& args) {
       ->capture_default_str();
   view.add_flag("--full-screen", wanted.full_screen, "Start in full screen");
   view.add_flag("--relative", wanted.relative, "Start with the mouse captured, for games and 3D");
-  view.add_flag("!--no-grab", wanted.grab, "Leave Alt+Tab and the like to this desktop");
-  view.add_flag("!--no-sound", wanted.sound, "Without the host's sound");
-  view.add_flag("!--no-clipboard", wanted.clipboard, "Share no clipboard");
+  view.add_flag("--no-grab", wanted.no_grab, "Leave Alt+Tab and the like to this desktop");
+  view.add_flag("--no-sound", wanted.no_sound, "Without the host's sound");
+  view.add_flag("--no-clipboard", wanted.no_clipboard, "Share no clipboard");
   view.add_option("--release-key", wanted.release_key,
                   "The key that is the viewer's own: " + release_key_names())
       ->check([](const std::string& name) {

@@ -65,6 +65,7 @@ nlohmann::json report_sound(const SoundReceiver::Counts& counts, const WavWriter
   return {{"packets", counts.packets},
           {"lost", counts.lost},
           {"late", counts.late},
+          {"concealed", counts.concealed},
           {"undecodable", counts.undecodable},
           {"seconds", std::round(static_cast<double>(file.frames()) / SOUND_RATE * 1000) / 1000}};
 }

@@ -7,6 +7,7 @@
 namespace {
 
 constexpr std::size_t STAGES = static_cast<std::size_t>(Stage::Count);
+constexpr std::size_t SAMPLES_KEPT = 216'000;
 
 double rounded(double value, double steps_per_unit) {
   return std::round(value * steps_per_unit) / steps_per_unit;
@@ -42,6 +43,23 @@ double percentile(std::vector<double>& samples, double p) {
   return samples[static_cast<std::size_t>(index)];
 }
 
+void LatencySamples::add(double us) {
+  if (us_.size() < SAMPLES_KEPT) {
+    us_.push_back(us);
+  } else {
+    us_[oldest_] = us;
+    oldest_ = (oldest_ + 1) % SAMPLES_KEPT;
+  }
+}
+
+nlohmann::json LatencySamples::report() const {
+  std::vector<double> samples = us_;
+  return {{"p50", rounded(percentile(samples, 50) / 1000, 1000)},
+          {"p95", rounded(percentile(samples, 95) / 1000, 1000)},
+          {"max", rounded(percentile(samples, 100) / 1000, 1000)},
+          {"samples", samples.size()}};
+}
+
 void StreamStatistics::frame_decoded(const FrameTimes& times, std::size_t bytes, bool keyframe,
                                      std::uint32_t recovered_shards) {
   ++second_.frames;
@@ -55,7 +73,7 @@ void StreamStatistics::frame_decoded(const FrameTimes& times, std::size_t bytes,
   for (std::size_t stage = 0; stage < STAGES; ++stage) {
     if (stage == static_cast<std::size_t>(Stage::Paint) && !times.painted) continue;
     second_.stage_sum_us[stage] += times.us[stage];
-    samples_[stage].push_back(times.us[stage]);
+    samples_[stage].add(times.us[stage]);
   }
 }
 
@@ -104,13 +122,8 @@ StreamStatistics::Second StreamStatistics::finish_second(double seconds) {
 nlohmann::json StreamStatistics::report(double seconds) const {
   nlohmann::json latency;
   for (std::size_t stage = 0; stage < STAGES; ++stage) {
-    std::vector<double> samples = samples_[stage];
-    if (samples.empty()) continue;
-    latency[stage_name(static_cast<Stage>(stage))] = {
-        {"p50", rounded(percentile(samples, 50) / 1000, 1000)},
-        {"p95", rounded(percentile(samples, 95) / 1000, 1000)},
-        {"max", rounded(percentile(samples, 100) / 1000, 1000)},
-        {"samples", samples.size()}};
+    if (samples_[stage].size() > 0)
+      latency[stage_name(static_cast<Stage>(stage))] = samples_[stage].report();
   }
   const double lasted = std::max(seconds, 1e-9);
   return {{"seconds", rounded(seconds, 1000)},

@@ -29,6 +29,19 @@ struct FrameTimes {
 // Percentile p (0..100) of samples, by the nearest rank; 0 for none. Reorders the samples.
 double percentile(std::vector<double>& samples, double p);
 
+// One latency's measurements of a run, however long it is: of the last 216,000 pictures, an hour at
+// 60 a second.
+class LatencySamples {
+ public:
+  void add(double us);
+  std::size_t size() const { return us_.size(); }
+  nlohmann::json report() const;  // p50, p95 and max in milliseconds, and how many
+
+ private:
+  std::vector<double> us_;
+  std::size_t oldest_ = 0;  // once they are all there
+};
+
 class StreamStatistics {
  public:
   void frame_decoded(const FrameTimes& times, std::size_t bytes, bool keyframe,
@@ -66,5 +79,5 @@ class StreamStatistics {
   std::uint32_t decoded_ = 0, keyframes_ = 0, lost_ = 0, withheld_ = 0, undecodable_ = 0;
   std::uint32_t recovered_frames_ = 0;
   std::uint64_t recovered_shards_ = 0, bytes_ = 0;
-  std::array<std::vector<double>, static_cast<std::size_t>(Stage::Count)> samples_;
+  std::array<LatencySamples, static_cast<std::size_t>(Stage::Count)> samples_;
 };

@@ -1,6 +1,7 @@
 #include "streams/linux/xtest_sink.h"
 
 #include <poll.h>
+#include <xcb/xcbext.h>
 #include <xcb/xtest.h>
 
 #include <algorithm>
@@ -46,6 +47,29 @@ bool take_xtest(const x11::Connection& connection) {
 }  // namespace
 
 // ---- The server
+
+// A server drops what it hasn't read yet of a program that is gone. What was sent last are the
+// releases of all that a client held.
+XTestSink::~XTestSink() {
+  if (connection_ && has_xtest_ && !hangs_) wait_for_server();
+}
+
+void XTestSink::wait_for_server() {
+  const auto question = xcb_get_input_focus(*connection_);
+  xcb_flush(*connection_);
+  const std::uint64_t deadline_us = lund_now_us() + PATIENCE_MS * 1'000;
+  void* answer = nullptr;
+  xcb_generic_error_t* error = nullptr;
+  // Answered with nothing when the connection breaks.
+  while (xcb_poll_for_reply(*connection_, question.sequence, &answer, &error) == 0) {
+    const std::uint64_t now_us = lund_now_us();
+    if (now_us >= deadline_us) return;
+    pollfd socket{xcb_get_file_descriptor(*connection_), POLLIN, 0};
+    poll(&socket, 1, static_cast<int>((deadline_us - now_us + 999) / 1'000));
+  }
+  x11::own(answer);
+  x11::own(error);
+}
 
 void XTestSink::connect() {
   const char* display = std::getenv("DISPLAY");

@@ -21,6 +21,7 @@
 class XTestSink final : public InputSink {
  public:
   XTestSink() { connect(); }
+  ~XTestSink() override;  // once the server has played what was sent, or hangs
 
   Words words() const override { return {"XTest", "the X server has gone, hangs or lacks XTEST"}; }
 
@@ -38,6 +39,7 @@ class XTestSink final : public InputSink {
  private:
   void connect();
   void take_in();
+  void wait_for_server();
   bool has_room();
   template <typename Requests>
   SendResult send(Requests requests);

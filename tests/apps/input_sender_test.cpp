@@ -286,6 +286,21 @@ TEST_F(InputSenderTest, OfManyPositionsTheNewestGoesOut) {
   EXPECT_EQ(load_le<std::uint16_t>(&packets[0][12]), 99);
 }
 
+// The mouse's next event comes by another thread than the one that ticks, and can't wake it.
+TEST_F(InputSenderTest, WhileTheMouseMovesATickIsDueAtTheSpacingOfMotion) {
+  sender_.position(1, 1);
+  EXPECT_LE(sender_.tick(), 2 * MS);
+  sender_.position(2, 2);
+  virtual_time::advance_us(2 * MS);
+  EXPECT_LE(sender_.tick(), 2 * MS);
+  EXPECT_EQ(take(LUND_PKT_MOUSE_ABS).size(), 2u) << "the second place, without a further event";
+  for (int i = 0; i < 1'000; ++i) advance_and_tick(1 * MS);
+  EXPECT_EQ(sender_.tick(), InputSender::NOTHING_DUE) << "it has come to rest";
+  sender_.motion(1, 1);
+  acknowledge(1);
+  EXPECT_LE(sender_.tick(), 2 * MS);
+}
+
 TEST_F(InputSenderTest, RelativeMotionMakesAPositionVoid) {
   sender_.position(100, 200);
   sender_.motion(1, 1);

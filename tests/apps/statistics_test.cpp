@@ -23,6 +23,15 @@ TEST(Percentile, IsTheNearestRank) {
   EXPECT_EQ(percentile(none, 50), 0);
 }
 
+TEST(LatencySamples, OfALongRunTheLastHourIsKept) {
+  LatencySamples samples;
+  for (int i = 0; i < 216'000; ++i) samples.add(9000);
+  EXPECT_EQ(samples.report()["max"], 9.0);
+  for (int i = 0; i < 216'000; ++i) samples.add(2000);
+  EXPECT_EQ(samples.size(), 216'000U);
+  EXPECT_EQ(samples.report()["max"], 2.0);
+}
+
 TEST(StreamStatistics, ASecondsCountsStartAfreshWithTheNext) {
   StreamStatistics statistics;
   statistics.frame_decoded(times_of(5000), 1000, true, 0);

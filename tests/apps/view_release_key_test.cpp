@@ -14,10 +14,10 @@ struct Keys {
   ReleaseKey keys{USAGE_RIGHT_CTRL};
   bool forwarded(std::uint16_t usage, bool down) {
     const KeyVerdict verdict = keys.key(usage, down);
-    EXPECT_FALSE(verdict.command);
+    EXPECT_EQ(verdict.command, ViewCommand::None);
     return verdict.forward;
   }
-  std::optional<ViewCommand> command(std::uint16_t usage, bool down) {
+  ViewCommand command(std::uint16_t usage, bool down) {
     const KeyVerdict verdict = keys.key(usage, down);
     EXPECT_FALSE(verdict.forward);
     return verdict.command;
@@ -34,8 +34,8 @@ TEST(ReleaseKey, OrdinaryKeysGoToTheHostWithTheirRepeats) {
 
 TEST(ReleaseKey, AloneItLetsGoOnceItIsReleased) {
   Keys k;
-  EXPECT_EQ(k.command(USAGE_RIGHT_CTRL, true), std::nullopt);
-  EXPECT_EQ(k.command(USAGE_RIGHT_CTRL, true), std::nullopt) << "its repeats are nothing";
+  EXPECT_EQ(k.command(USAGE_RIGHT_CTRL, true), ViewCommand::None);
+  EXPECT_EQ(k.command(USAGE_RIGHT_CTRL, true), ViewCommand::None) << "its repeats are nothing";
   EXPECT_EQ(k.command(USAGE_RIGHT_CTRL, false), ViewCommand::LetGo);
 }
 
@@ -49,9 +49,9 @@ TEST(ReleaseKey, WithALetterItIsACommandThatTheHostNeverSees) {
     Keys k;
     k.command(USAGE_RIGHT_CTRL, true);
     EXPECT_EQ(k.command(letter(key), true), command) << key;
-    EXPECT_EQ(k.command(letter(key), true), std::nullopt) << "a repeat is no second command";
-    EXPECT_EQ(k.command(letter(key), false), std::nullopt);
-    EXPECT_EQ(k.command(USAGE_RIGHT_CTRL, false), std::nullopt) << "it was not alone";
+    EXPECT_EQ(k.command(letter(key), true), ViewCommand::None) << "a repeat is no second command";
+    EXPECT_EQ(k.command(letter(key), false), ViewCommand::None);
+    EXPECT_EQ(k.command(USAGE_RIGHT_CTRL, false), ViewCommand::None) << "it was not alone";
   }
 }
 
@@ -59,17 +59,17 @@ TEST(ReleaseKey, SeveralCommandsMayFollowWhileItIsHeld) {
   Keys k;
   k.command(USAGE_RIGHT_CTRL, true);
   EXPECT_EQ(k.command(letter('S'), true), ViewCommand::Statistics);
-  EXPECT_EQ(k.command(letter('S'), false), std::nullopt);
+  EXPECT_EQ(k.command(letter('S'), false), ViewCommand::None);
   EXPECT_EQ(k.command(letter('S'), true), ViewCommand::Statistics);
 }
 
 TEST(ReleaseKey, WithAKeyThatIsNoCommandNothingHappensAnywhere) {
   Keys k;
   k.command(USAGE_RIGHT_CTRL, true);
-  EXPECT_EQ(k.command(letter('X'), true), std::nullopt);
-  EXPECT_EQ(k.command(USAGE_DELETE, true), std::nullopt);
-  EXPECT_EQ(k.command(USAGE_RIGHT_CTRL, false), std::nullopt);
-  EXPECT_EQ(k.command(USAGE_DELETE, false), std::nullopt) << "its release is ours too";
+  EXPECT_EQ(k.command(letter('X'), true), ViewCommand::None);
+  EXPECT_EQ(k.command(USAGE_DELETE, true), ViewCommand::None);
+  EXPECT_EQ(k.command(USAGE_RIGHT_CTRL, false), ViewCommand::None);
+  EXPECT_EQ(k.command(USAGE_DELETE, false), ViewCommand::None) << "its release is ours too";
   EXPECT_TRUE(k.forwarded(USAGE_DELETE, true)) << "and the next press the host's";
 }
 
@@ -78,8 +78,8 @@ TEST(ReleaseKey, ALetterReleasedAfterTheReleaseKeyStaysOurs) {
   k.command(USAGE_RIGHT_CTRL, true);
   k.command(letter('S'), true);
   k.command(USAGE_RIGHT_CTRL, false);
-  EXPECT_EQ(k.command(letter('S'), true), std::nullopt) << "its repeat";
-  EXPECT_EQ(k.command(letter('S'), false), std::nullopt);
+  EXPECT_EQ(k.command(letter('S'), true), ViewCommand::None) << "its repeat";
+  EXPECT_EQ(k.command(letter('S'), false), ViewCommand::None);
   EXPECT_TRUE(k.forwarded(letter('S'), true));
 }
 
@@ -97,7 +97,7 @@ TEST(ReleaseKey, LosingTheFocusForgetsWhatIsDown) {
   EXPECT_TRUE(k.forwarded(USAGE_X, true));
   k.command(USAGE_RIGHT_CTRL, true);
   k.keys.focus_lost();
-  EXPECT_EQ(k.command(USAGE_RIGHT_CTRL, false), std::nullopt);
+  EXPECT_EQ(k.command(USAGE_RIGHT_CTRL, false), ViewCommand::None);
   EXPECT_FALSE(k.forwarded(USAGE_X, false)) << "the host was told to release everything";
   EXPECT_TRUE(k.forwarded(letter('S'), true));
 }
@@ -105,7 +105,7 @@ TEST(ReleaseKey, LosingTheFocusForgetsWhatIsDown) {
 TEST(ReleaseKey, AReleaseWithoutAPressIsNothing) {
   Keys k;
   EXPECT_FALSE(k.forwarded(USAGE_X, false));
-  EXPECT_EQ(k.command(USAGE_RIGHT_CTRL, false), std::nullopt);
+  EXPECT_EQ(k.command(USAGE_RIGHT_CTRL, false), ViewCommand::None);
 }
 
 TEST(ReleaseKey, KeysThatTheHostDoesNotKnowAreDropped) {

@@ -1,11 +1,11 @@
 #include "tests/system/user_support.h"
 
 #include <gtest/gtest.h>
-#include <xcb/render.h>
 #include <xcb/xfixes.h>
 #include <xcb/xtest.h>
 
 #include <algorithm>
+#include <cstdio>
 #include <thread>
 
 #include "capture/linux/x11.h"
@@ -16,6 +16,12 @@ using x11::own;
 
 void short_pause() {
   std::this_thread::sleep_for(std::chrono::milliseconds(5));
+}
+
+void print_times(const std::string& what, std::vector<double> us) {
+  std::sort(us.begin(), us.end());
+  std::printf("%s: p50 %.0f us, p95 %.0f us, of %zu\n", what.c_str(), us[us.size() / 2],
+              us[us.size() * 95 / 100], us.size());
 }
 
 User::User(const std::string& display) : connection_(xcb_connect(display.c_str(), nullptr)) {
@@ -43,8 +49,10 @@ void User::move(int x, int y) {
   fake(XCB_MOTION_NOTIFY, 0, x, y);
 }
 
+// Equal motions of one millisecond count as one with some toolkits.
 void User::move_by(int dx, int dy) {
   fake(XCB_MOTION_NOTIFY, 1, dx, dy);
+  short_pause();
 }
 
 void User::button(int number, bool down) {
@@ -74,9 +82,13 @@ void User::key(std::uint32_t keysym, bool down) {
   fake(down ? XCB_KEY_PRESS : XCB_KEY_RELEASE, keycode(keysym), 0, 0);
 }
 
+// A key that goes down again within 2 ms of its release counts as held and repeating with some
+// toolkits, so no person types that fast.
 void User::tap(std::uint32_t keysym) {
   key(keysym, true);
+  short_pause();
   key(keysym, false);
+  short_pause();
 }
 
 void User::type(const std::string& text) {
@@ -119,6 +131,21 @@ bool User::keyboard_is_free() {
   xcb_ungrab_keyboard(connection_, XCB_CURRENT_TIME);
   settle();
   return true;
+}
+
+bool User::holds_nothing() {
+  const auto keys =
+      own(xcb_query_keymap_reply(connection_, xcb_query_keymap(connection_), nullptr));
+  const auto pointer = own(
+      xcb_query_pointer_reply(connection_, xcb_query_pointer(connection_, screen_->root), nullptr));
+  return keys && pointer && pointer->mask == 0 &&
+         std::all_of(keys->keys, std::end(keys->keys), [](int eight) { return eight == 0; });
+}
+
+void User::end_key_repeat() {
+  const std::uint32_t off = XCB_AUTO_REPEAT_MODE_OFF;
+  xcb_change_keyboard_control(connection_, XCB_KB_AUTO_REPEAT_MODE, &off);
+  settle();
 }
 
 SeenCursor User::cursor() {
@@ -241,11 +268,33 @@ void User::ask_to_close(const SeenWindow& window) {
   settle();
 }
 
+void User::watch_requests() {
+  const std::uint32_t events = XCB_EVENT_MASK_SUBSTRUCTURE_NOTIFY;
+  xcb_change_window_attributes(connection_, screen_->root, XCB_CW_EVENT_MASK, &events);
+  settle();
+}
+
+// Extended Window Manager Hints: a client message to the root; 1 adds the state, 0 removes it.
+bool User::is_asked(const std::string& state, bool on) {
+  const xcb_atom_t type = atom("_NET_WM_STATE");
+  const xcb_atom_t wanted = atom(state);
+  return comes_true([&] {
+    while (const auto event = own(xcb_poll_for_event(connection_))) {
+      if ((event->response_type & 0x7F) != XCB_CLIENT_MESSAGE) continue;
+      const auto& message = reinterpret_cast<const xcb_client_message_event_t&>(*event);
+      if (message.type == type && message.data.data32[0] == (on ? 1U : 0U) &&
+          message.data.data32[1] == wanted)
+        return true;
+    }
+    return false;
+  });
+}
+
 Recorder::Recorder(const std::string& display, int x, int y, int width, int height)
     : connection_(xcb_connect(display.c_str(), nullptr)) {
   screen_ = xcb_setup_roots_iterator(xcb_get_setup(connection_)).data;
   window_ = xcb_generate_id(connection_);
-  const std::uint32_t values[] = {0x305070, 1,
+  const std::uint32_t values[] = {0x406080, 1,
                                   XCB_EVENT_MASK_BUTTON_PRESS | XCB_EVENT_MASK_BUTTON_RELEASE |
                                       XCB_EVENT_MASK_POINTER_MOTION | XCB_EVENT_MASK_KEY_PRESS |
                                       XCB_EVENT_MASK_KEY_RELEASE | XCB_EVENT_MASK_EXPOSURE};
@@ -264,20 +313,41 @@ Recorder::~Recorder() {
   xcb_disconnect(connection_);
 }
 
+std::string Recorder::described(const X11Input& input) {
+  if (input.kind == X11Input::Kind::Key) return input.text();
+  return input.text() + " " + std::to_string(input.x) + "," + std::to_string(input.y);
+}
+
 void Recorder::read() {
-  while (const auto event = own(xcb_poll_for_event(connection_))) {
-    const int type = event->response_type & 0x7F;
-    if (type < XCB_KEY_PRESS || type > XCB_MOTION_NOTIFY) continue;
-    // Keys, buttons and motion are of one layout.
-    const auto& input = reinterpret_cast<const xcb_key_press_event_t&>(*event);
-    const std::string at = std::to_string(input.root_x) + "," + std::to_string(input.root_y);
-    const std::string detail = std::to_string(input.detail);
-    if (type == XCB_KEY_PRESS) events_.push_back("key " + detail + " down");
-    if (type == XCB_KEY_RELEASE) events_.push_back("key " + detail + " up");
-    if (type == XCB_BUTTON_PRESS) events_.push_back("button " + detail + " down " + at);
-    if (type == XCB_BUTTON_RELEASE) events_.push_back("button " + detail + " up " + at);
-    if (type == XCB_MOTION_NOTIFY) events_.push_back("motion " + at);
+  while (const auto input = next_input(connection_, std::chrono::milliseconds(0)))
+    events_.push_back(described(*input));
+}
+
+std::optional<Recorder::Event> Recorder::next(std::chrono::milliseconds patience) {
+  const auto input = next_input(connection_, patience);
+  if (!input) return std::nullopt;
+  return Event{described(*input), input->at_us};
+}
+
+std::uint64_t Recorder::expect_next(const std::vector<std::string>& expected) {
+  std::uint64_t at_us = 0;
+  for (const std::string& text : expected) {
+    const auto event = next();
+    EXPECT_TRUE(event) << "not yet " << text;
+    if (!event) break;
+    EXPECT_EQ(event->text, text);
+    at_us = event->at_us;
   }
+  return at_us;
+}
+
+std::vector<std::string> Recorder::events_until(const std::string& last,
+                                                const std::string& prefix) {
+  records(last);
+  std::vector<std::string> chosen;
+  std::copy_if(events_.begin(), events_.end(), std::back_inserter(chosen),
+               [&](const std::string& event) { return event.starts_with(prefix); });
+  return chosen;
 }
 
 const std::vector<std::string>& Recorder::events() {
@@ -297,34 +367,6 @@ std::size_t Recorder::count(const std::string& prefix) {
   return static_cast<std::size_t>(
       std::count_if(events_.begin(), events_.end(),
                     [&](const std::string& event) { return event.rfind(prefix, 0) == 0; }));
-}
-
-void Recorder::set_cursor(std::uint32_t argb, int size, int hot_x, int hot_y) {
-  const auto pixels = static_cast<std::uint16_t>(size);
-  xcb_render_pictformat_t format = XCB_NONE;
-  const auto formats = own(xcb_render_query_pict_formats_reply(
-      connection_, xcb_render_query_pict_formats(connection_), nullptr));
-  ASSERT_TRUE(formats);
-  const xcb_render_pictforminfo_t* info = xcb_render_query_pict_formats_formats(formats.get());
-  for (std::uint32_t i = 0; i < formats->num_formats; ++i)
-    if (info[i].depth == 32 && info[i].direct.alpha_mask == 0xFF && info[i].direct.red_shift == 16)
-      format = info[i].id;
-  const xcb_pixmap_t pixmap = xcb_generate_id(connection_);
-  xcb_create_pixmap(connection_, 32, pixmap, screen_->root, pixels, pixels);
-  const xcb_render_picture_t picture = xcb_generate_id(connection_);
-  xcb_render_create_picture(connection_, picture, pixmap, format, 0, nullptr);
-  auto channel = [argb](int shift) {
-    return static_cast<std::uint16_t>((argb >> shift & 0xFF) * (argb >> 24) / 255 * 257);
-  };
-  const xcb_render_color_t colour{channel(16), channel(8), channel(0),
-                                  static_cast<std::uint16_t>((argb >> 24) * 257)};
-  const xcb_rectangle_t all{0, 0, pixels, pixels};
-  xcb_render_fill_rectangles(connection_, XCB_RENDER_PICT_OP_SRC, picture, colour, 1, &all);
-  const xcb_cursor_t cursor = xcb_generate_id(connection_);
-  xcb_render_create_cursor(connection_, cursor, picture, static_cast<std::uint16_t>(hot_x),
-                           static_cast<std::uint16_t>(hot_y));
-  xcb_change_window_attributes(connection_, window_, XCB_CW_CURSOR, &cursor);
-  own(xcb_get_input_focus_reply(connection_, xcb_get_input_focus(connection_), nullptr));
 }
 
 }  // namespace system_test

@@ -6,10 +6,12 @@
 
 #include <chrono>
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <vector>
 
 #include "apps/client/picture.h"
+#include "tests/support/linux/x11_input.h"
 
 namespace system_test {
 
@@ -59,6 +61,7 @@ class User {
   int pointer_y();
   bool key_is_down(std::uint32_t keysym);
   bool keyboard_is_free();  // no program has grabbed it
+  bool holds_nothing();     // no key and no button is down
   SeenCursor cursor();
   std::vector<SeenWindow> windows();  // those with a title, oldest first
   bool find_window(const std::string& title, SeenWindow* window);  // waits for it
@@ -66,10 +69,15 @@ class User {
   RgbPicture content(const SeenWindow& window);
   std::uint32_t colour(int x, int y);
 
+  // What a desktop's settings do: a key that is held is pressed once.
+  void end_key_repeat();
+
   // What a window manager does.
   void place(const SeenWindow& window, int x, int y, int width, int height);
   void focus(xcb_window_t window);
   void ask_to_close(const SeenWindow& window);
+  void watch_requests();
+  bool is_asked(const std::string& state, bool on);  // since watch_requests; waits for it
 
   xcb_connection_t* connection() { return connection_; }
   xcb_screen_t* x_screen() { return screen_; }
@@ -87,6 +95,11 @@ class User {
 // Covers a part of a desktop and writes down what reaches it, without a window manager.
 class Recorder {
  public:
+  struct Event {
+    std::string text;
+    std::uint64_t at_us = 0;  // lund_now_us when it was read
+  };
+
   Recorder(const std::string& display, int x, int y, int width, int height);
   ~Recorder();
   Recorder(const Recorder&) = delete;
@@ -94,21 +107,28 @@ class Recorder {
 
   // "button 1 down 10,20", "key 38 up", "motion 10,20"; what has come so far.
   const std::vector<std::string>& events();
+  // Those that begin so, once `last` is among them or the deadline is over.
+  std::vector<std::string> events_until(const std::string& last, const std::string& prefix);
+  // The next one to come, which the former then don't have; waits for it.
+  std::optional<Event> next(std::chrono::milliseconds patience = std::chrono::seconds(15));
+  // Expects the next ones to be these; when the last of them came.
+  std::uint64_t expect_next(const std::vector<std::string>& expected);
   bool records(const std::string& event);        // waits for it
   std::size_t count(const std::string& prefix);  // of events so far
   void forget() { events_.clear(); }
-  // Gives the window a pointer image: opaque, of this colour, square.
-  void set_cursor(std::uint32_t argb, int size, int hot_x, int hot_y);
-  void hide_cursor() { set_cursor(0, 1, 0, 0); }
   xcb_window_t window() const { return window_; }
 
  private:
+  static std::string described(const X11Input& input);
   void read();
   xcb_connection_t* connection_;
   xcb_screen_t* screen_;
   xcb_window_t window_;
   std::vector<std::string> events_;
 };
+
+// Of what takes its time between two programs: for people, no test asserts it.
+void print_times(const std::string& what, std::vector<double> us);
 
 template <typename Condition>
 bool comes_true(Condition condition, std::chrono::milliseconds deadline) {

@@ -16,20 +16,24 @@ PlayoutBuffer::PlayoutBuffer(PlayoutLimits limits) : limits_(limits), ring_(limi
   assert(limits.target_frames > 0 && limits.target_frames < limits.max_frames);
 }
 
-void PlayoutBuffer::note_level() {
-  figures_.buffered_frames = level_;
-  figures_.most_frames = std::max(figures_.most_frames, level_);
+void PlayoutBuffer::note_level(std::size_t device_frames) {
+  figures_.buffered_frames = level_ + device_frames;
+  figures_.most_frames = std::max(figures_.most_frames, figures_.buffered_frames);
 }
 
-void PlayoutBuffer::push(const float* samples, std::size_t frames) {
-  if (frames > ring_.size()) {
-    const std::size_t excess = frames - ring_.size();
+void PlayoutBuffer::push(const float* samples, std::size_t frames, std::size_t device_frames) {
+  const std::size_t room = limits_.max_frames - std::min(device_frames, limits_.max_frames);
+  if (frames > room) {
+    const std::size_t excess = frames - room;
     samples += excess * CHANNELS;
-    frames = ring_.size();
+    frames = room;
     figures_.frames_dropped += excess;
   }
-  if (level_ + frames > ring_.size()) {
-    const std::size_t keep = limits_.target_frames > frames ? limits_.target_frames - frames : 0;
+  if (level_ + frames > room) {
+    // What the device has taken since its last portion is what more is due here.
+    const std::size_t taken = device_full_ - std::min(device_frames, device_full_);
+    const std::size_t wanted = limits_.target_frames + taken;
+    const std::size_t keep = std::min(wanted, room) - std::min(frames, std::min(wanted, room));
     const std::size_t dropped = level_ - std::min(level_, keep);
     head_ = (head_ + dropped) % ring_.size();
     level_ -= dropped;
@@ -41,7 +45,7 @@ void PlayoutBuffer::push(const float* samples, std::size_t frames) {
     ring_[(head_ + level_) % ring_.size()] = {samples[CHANNELS * i], samples[CHANNELS * i + 1]};
     ++level_;
   }
-  note_level();
+  note_level(device_frames);
 }
 
 PlayoutBuffer::Frame PlayoutBuffer::pop() {
@@ -81,7 +85,8 @@ void PlayoutBuffer::run_dry() {
   ++figures_.underruns;
 }
 
-void PlayoutBuffer::pull(float* out, std::size_t frames) {
+void PlayoutBuffer::pull(float* out, std::size_t frames, std::size_t device_frames) {
+  device_full_ = device_frames;
   // What is taken at once must be there at once, with the reserve behind it.
   if (!playing_ && level_ >= std::min(limits_.target_frames + frames, limits_.max_frames))
     playing_ = true;
@@ -100,7 +105,7 @@ void PlayoutBuffer::pull(float* out, std::size_t frames) {
     out[CHANNELS * i + 1] = frame[1];
   }
   if (playing_) look_at_reserve(frames);
-  note_level();
+  note_level(device_frames);
 }
 
 void PlayoutBuffer::look_at_reserve(std::size_t pulled) {
@@ -126,5 +131,5 @@ void PlayoutBuffer::clear() {
   corrections_left_ = 0;
   lowest_ = SIZE_MAX;
   looked_frames_ = 0;
-  note_level();
+  figures_.buffered_frames = 0;
 }

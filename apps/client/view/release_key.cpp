@@ -2,8 +2,8 @@
 
 namespace {
 
-std::optional<ViewCommand> command_of(std::uint16_t usage) {
-  if (usage < USAGE_A || usage > USAGE_Z) return std::nullopt;
+ViewCommand command_of(std::uint16_t usage) {
+  if (usage < USAGE_A || usage > USAGE_Z) return ViewCommand::None;
   switch ('A' + (usage - USAGE_A)) {
     case 'S':
       return ViewCommand::Statistics;
@@ -22,7 +22,7 @@ std::optional<ViewCommand> command_of(std::uint16_t usage) {
     case 'D':
       return ViewCommand::SecureAttention;
     default:
-      return std::nullopt;
+      return ViewCommand::None;
   }
 }
 
@@ -47,7 +47,7 @@ KeyVerdict ReleaseKey::key(std::uint16_t usage, bool down) {
     }
     const bool was_down = forwarded_[usage];
     forwarded_.reset(usage);
-    return {was_down, std::nullopt};
+    return {was_down};
   }
   if (swallowed_[usage]) return {};  // its repeats
   if (held_ && !forwarded_[usage]) {
@@ -56,7 +56,7 @@ KeyVerdict ReleaseKey::key(std::uint16_t usage, bool down) {
     return {false, command_of(usage)};
   }
   forwarded_.set(usage);
-  return {true, std::nullopt};
+  return {true};
 }
 
 void ReleaseKey::focus_lost() {

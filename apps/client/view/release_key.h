@@ -5,11 +5,11 @@
 
 #include <bitset>
 #include <cstdint>
-#include <optional>
 
 #include "apps/client/view/keys.h"
 
 enum class ViewCommand {
+  None,
   Statistics,
   FullScreen,
   RelativeMouse,
@@ -23,7 +23,7 @@ enum class ViewCommand {
 
 struct KeyVerdict {
   bool forward = false;  // to the host, as it is
-  std::optional<ViewCommand> command;
+  ViewCommand command = ViewCommand::None;
 };
 
 class ReleaseKey {

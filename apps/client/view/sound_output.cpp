@@ -1,21 +1,24 @@
 #include "apps/client/view/sound_output.h"
 
 #include <algorithm>
+#include <string_view>
+
+#include "connection/clock.h"
 
 namespace {
 
-constexpr Uint16 PORTION_FRAMES = 480;  // 10 ms
-// SDL's drivers keep two portions: one sounds while the next is asked for.
-constexpr std::size_t DEVICE_PORTIONS = 2;
-constexpr std::size_t MOST_FRAMES = SOUND_MOST_MS * PlayoutBuffer::RATE_HZ / 1000;
+// What the device takes at once, and what it then holds. A sound server's buffer is empty, but for
+// a quarter of a portion in the server's own, when SDL asks again; shorter portions run dry on a
+// busy computer. Hardware has two portions: one sounds while the next is asked for.
+struct DeviceBuffer {
+  Uint16 portion_frames;
+  std::size_t full_frames;
+};
+constexpr DeviceBuffer SERVER_BUFFER{960, 1200};
+constexpr DeviceBuffer HARDWARE_BUFFER{480, 960};
 
-// What is left for the buffer beside the device's own. A device that takes all of it, which SDL
-// doesn't choose of its own accord, still gets what a packet and a portion need.
-PlayoutLimits limits_beside(std::size_t device_frames) {
-  PlayoutLimits limits;
-  const std::size_t least = 2 * limits.target_frames;
-  limits.max_frames = std::max(least, MOST_FRAMES - std::min(MOST_FRAMES, device_frames));
-  return limits;
+DeviceBuffer device_buffer(std::string_view driver) {
+  return driver == "alsa" ? HARDWARE_BUFFER : SERVER_BUFFER;
 }
 
 double to_ms(std::size_t frames) {
@@ -24,19 +27,24 @@ double to_ms(std::size_t frames) {
 
 }  // namespace
 
-SoundOutput::SoundOutput() : buffer_(limits_beside(DEVICE_PORTIONS * PORTION_FRAMES)) {}
-
 bool SoundOutput::open(std::string* error) {
   static_assert(PlayoutBuffer::RATE_HZ == SOUND_RATE && PlayoutBuffer::CHANNELS == SOUND_CHANNELS);
   if (SDL_InitSubSystem(SDL_INIT_AUDIO) != 0) {
     *error = SDL_GetError();
     return false;
   }
+  // Where there is none, opening the default one makes some drivers tell their woes at length.
+  if (SDL_GetNumAudioDevices(0) == 0) {
+    *error = "none is there";
+    SDL_QuitSubSystem(SDL_INIT_AUDIO);
+    return false;
+  }
   SDL_AudioSpec wanted{};
   wanted.freq = SOUND_RATE;
   wanted.format = AUDIO_F32SYS;
   wanted.channels = SOUND_CHANNELS;
-  wanted.samples = PORTION_FRAMES;
+  const DeviceBuffer device = device_buffer(SDL_GetCurrentAudioDriver());
+  wanted.samples = device.portion_frames;
   wanted.callback = pull;
   wanted.userdata = this;
   SDL_AudioSpec obtained{};
@@ -46,8 +54,8 @@ bool SoundOutput::open(std::string* error) {
     SDL_QuitSubSystem(SDL_INIT_AUDIO);
     return false;
   }
-  device_frames_ = DEVICE_PORTIONS * obtained.samples;
-  buffer_ = PlayoutBuffer(limits_beside(device_frames_));  // nobody pulls before it is unpaused
+  device_frames_ = device.full_frames * obtained.samples / device.portion_frames;
+  opened_ = true;
   SDL_PauseAudioDevice(device_, 0);
   return true;
 }
@@ -63,13 +71,21 @@ void SDLCALL SoundOutput::pull(void* self, Uint8* stream, int bytes) {
   auto* output = static_cast<SoundOutput*>(self);
   const std::size_t frames = static_cast<std::size_t>(bytes) / sizeof(float) / SOUND_CHANNELS;
   std::lock_guard lock(output->mutex_);
-  output->buffer_.pull(reinterpret_cast<float*>(stream), frames);
+  output->device_left_ = std::min(output->in_device() + frames, output->device_frames_);
+  output->pulled_us_ = lund_now_us();
+  output->buffer_.pull(reinterpret_cast<float*>(stream), frames, output->device_left_);
+  output->most_lately_ = std::max(output->most_lately_, output->buffer_.figures().buffered_frames);
+}
+
+std::size_t SoundOutput::in_device() const {
+  const std::size_t sounded = (lund_now_us() - pulled_us_) * PlayoutBuffer::RATE_HZ / 1'000'000;
+  return device_left_ - std::min(device_left_, sounded);
 }
 
 void SoundOutput::play(const SoundBlock& block) {
   std::lock_guard lock(mutex_);
   if (device_ == 0 || !on_) return;
-  buffer_.push(block.samples, block.frames);
+  buffer_.push(block.samples, block.frames, in_device());
   most_lately_ = std::max(most_lately_, buffer_.figures().buffered_frames);
 }
 
@@ -83,10 +99,9 @@ SoundOutput::Figures SoundOutput::take_figures() {
   std::lock_guard lock(mutex_);
   Figures figures;
   figures.playout = buffer_.figures();
-  const std::size_t device = figures.playout.played_frames > 0 ? device_frames_ : 0;
-  figures.buffered_ms = to_ms(figures.playout.buffered_frames + device);
-  figures.most_ms = to_ms(figures.playout.most_frames + device);
-  figures.most_lately_ms = to_ms(most_lately_ + device);
-  most_lately_ = figures.playout.buffered_frames;
+  figures.buffered_ms = to_ms(figures.playout.buffered_frames);
+  figures.most_ms = to_ms(figures.playout.most_frames);
+  figures.most_lately_ms = to_ms(most_lately_);
+  most_lately_ = 0;
   return figures;
 }

@@ -1,6 +1,6 @@
-// The sound device: what arrives is played, with at most SOUND_MOST_MS waiting, the device's own
-// buffer included. The network thread pushes, the device's thread pulls; one lock over the buffer
-// between them, held for a copy.
+// The sound device: what arrives is played, with at most 60 ms waiting, the device's own
+// buffer included as far as SDL knows it. The network thread pushes, the device's thread pulls; one
+// lock over the buffer between them, held for a copy.
 #pragma once
 
 #include <SDL.h>
@@ -11,11 +11,9 @@
 #include "apps/client/sound_receiver.h"
 #include "apps/client/view/playout.h"
 
-inline constexpr std::size_t SOUND_MOST_MS = 60;
-
 class SoundOutput {
  public:
-  SoundOutput();
+  SoundOutput() = default;
   ~SoundOutput() { close(); }
   SoundOutput(const SoundOutput&) = delete;
   SoundOutput& operator=(const SoundOutput&) = delete;
@@ -23,6 +21,7 @@ class SoundOutput {
   bool open(std::string* error);  // false: this computer has no sound device
   void close();
   bool is_open() const { return device_ != 0; }
+  bool was_open() const { return opened_; }
 
   void play(const SoundBlock& block);  // network thread
   void set_on(bool on);                // off: what waits is forgotten
@@ -37,11 +36,15 @@ class SoundOutput {
 
  private:
   static void SDLCALL pull(void* self, Uint8* stream, int bytes);
+  std::size_t in_device() const;  // frames, about
 
   SDL_AudioDeviceID device_ = 0;
-  std::size_t device_frames_ = 0;  // in the device's own buffer, at most
+  bool opened_ = false;
+  std::size_t device_frames_ = 0;  // the device's own buffer holds no more
   std::mutex mutex_;
   bool on_ = true;
-  PlayoutBuffer buffer_;
+  PlayoutBuffer buffer_{PlayoutLimits{}};
+  std::uint64_t pulled_us_ = 0;  // when the device took its last portion
+  std::size_t device_left_ = 0;  // what it held then
   std::size_t most_lately_ = 0;
 };

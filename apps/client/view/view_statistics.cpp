@@ -1,14 +1,8 @@
 #include "apps/client/view/view_statistics.h"
 
-#include <cmath>
-
 namespace {
 
 constexpr std::size_t PICTURES_A_SECOND = 240;  // the most that a host sends
-
-double to_ms(double us) {
-  return std::round(us) / 1000;
-}
 
 double stage_us(const FrameTimes& times, Stage stage) {
   return times.us[static_cast<std::size_t>(stage)];
@@ -17,10 +11,7 @@ double stage_us(const FrameTimes& times, Stage stage) {
 }  // namespace
 
 ViewStatistics::ViewStatistics() {
-  for (Samples& row : rows_) {
-    row.second.reserve(PICTURES_A_SECOND);
-    row.run.reserve(RUN_SAMPLES);
-  }
+  for (Samples& row : rows_) row.second.reserve(PICTURES_A_SECOND);
 }
 
 const char* ViewStatistics::row_name(std::size_t row) {
@@ -30,14 +21,8 @@ const char* ViewStatistics::row_name(std::size_t row) {
 }
 
 void ViewStatistics::add(Row row, double us) {
-  Samples& samples = rows_[row];
-  samples.second.push_back(us);
-  if (samples.run.size() < RUN_SAMPLES) {
-    samples.run.push_back(us);
-  } else {
-    samples.run[next_[row]] = us;
-    next_[row] = (next_[row] + 1) % RUN_SAMPLES;
-  }
+  rows_[row].second.push_back(us);
+  rows_[row].run.add(us);
 }
 
 void ViewStatistics::shown(const FrameTimes& times, double present_us) {
@@ -65,15 +50,9 @@ ViewStatistics::Second ViewStatistics::finish_second(double seconds) {
   return second;
 }
 
-nlohmann::json ViewStatistics::latency_report() {
+nlohmann::json ViewStatistics::latency_report() const {
   nlohmann::json report = nlohmann::json::object();
-  for (std::size_t row = 0; row < ROWS; ++row) {
-    std::vector<double> samples = rows_[row].run;
-    if (samples.empty()) continue;
-    report[row_name(row)] = {{"p50", to_ms(percentile(samples, 50))},
-                             {"p95", to_ms(percentile(samples, 95))},
-                             {"max", to_ms(percentile(samples, 100))},
-                             {"samples", samples.size()}};
-  }
+  for (std::size_t row = 0; row < ROWS; ++row)
+    if (rows_[row].run.size() > 0) report[row_name(row)] = rows_[row].run.report();
   return report;
 }

@@ -1,5 +1,5 @@
 // What a window measures: how old its pictures are when they are shown, by stage, over the last
-// second and over the run (its last ten minutes). Pure; the window's thread.
+// second and over the run. Pure; the window's thread.
 #pragma once
 
 #include <array>
@@ -25,21 +25,19 @@ class ViewStatistics {
   Second finish_second(double seconds);
 
   std::uint64_t pictures() const { return pictures_; }
-  nlohmann::json latency_report();
+  nlohmann::json latency_report() const;
 
  private:
   enum Row { PAINT, ENCODE, TRANSPORT, QUEUE, DECODE, PRESENT, TOTAL, ROWS };
   static const char* row_name(std::size_t row);
   struct Samples {
     std::vector<double> second;
-    std::vector<double> run;  // a ring of RUN_SAMPLES
+    LatencySamples run;
   };
-  static constexpr std::size_t RUN_SAMPLES = 36'000;
 
   void add(Row row, double us);
 
   std::array<Samples, ROWS> rows_;
-  std::array<std::size_t, ROWS> next_{};
   std::uint64_t pictures_ = 0;
   std::uint32_t second_pictures_ = 0;
 };

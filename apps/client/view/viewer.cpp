@@ -93,7 +93,6 @@ SessionEnd Viewer::run(HostSession& session, std::string* text) {
   SessionEnd end = SessionEnd::Done;
   std::thread network([&] {
     end = session.run(text);
-    session_over_ = true;
     SDL_Event event{};
     event.type = wake_event_;
     SDL_PushEvent(&event);
@@ -161,6 +160,9 @@ void Viewer::take_news() {
 
 void Viewer::take_news_of(Screen& screen) {
   ScreenNews news = inbox_->take_screen(screen.number);
+  if (news.state == ScreenState::Ended && screen.view.state != ScreenState::Ended &&
+      shared_.session == SessionState::Streaming && !screen.closed && !news.text.empty())
+    std::fprintf(stderr, "screen %d: %s\n", screen.number, news.text.c_str());
   screen.view.state = news.state;
   screen.view.text = news.text;
   if (news.granted) {
@@ -176,6 +178,7 @@ void Viewer::take_news_of(Screen& screen) {
 }
 
 void Viewer::show(Screen& screen) {
+  if (screen.closed) return;
   const ShownPicture* picture = inbox_->pictures(screen.number).take();
   if (picture) {
     screen.window->set_picture(*picture);
@@ -238,6 +241,7 @@ bool Viewer::take_snapshots() {
   if (request_.snapshot.empty()) return true;
   bool written = true;
   for (const auto& screen : screens_) {
+    if (screen->closed) continue;
     std::filesystem::path path = request_.snapshot;
     if (screen->number > 0)
       path.replace_filename(path.stem().string() + "-" + std::to_string(screen->number) +
@@ -267,7 +271,7 @@ nlohmann::json Viewer::report(HostSession& session) {
                                {"latency_ms", screen->statistics.latency_report()}});
   }
   const SoundOutput::Figures sound = sound_.take_figures();
-  json["sound"] = {{"device", sound_.is_open()},
+  json["sound"] = {{"device", sound_.was_open()},
                    {"buffered_ms", rounded(sound.buffered_ms)},
                    {"buffered_max_ms", rounded(sound.most_ms)},
                    {"played_ms", rounded(static_cast<double>(sound.playout.played_frames) * 1000 /

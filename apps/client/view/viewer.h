@@ -61,7 +61,7 @@ class Viewer {
     StreamStatistics::Second second;
     bool fitted = false;
     bool exposed = false;
-    std::uint64_t shown_serial = 0;
+    bool closed = false;  // by the user, while the main screen goes on
   };
 
   // viewer.cpp
@@ -87,6 +87,7 @@ class Viewer {
   void point_at(Screen& screen, int x, int y);
   void send_secure_attention();
   void lose_focus(Screen& screen);
+  void close(Screen& screen);
   void update_grabs();
   void set_free(bool free);
   Screen* screen_of(Uint32 window);
@@ -102,7 +103,6 @@ class Viewer {
   HostSession* session_ = nullptr;
   std::string path_;
   bool leaving_ = false;
-  std::atomic<bool> session_over_{false};
   std::uint64_t second_us_ = 0;        // when the running second began
   std::uint64_t counted_from_us_ = 0;  // what `seconds` counts from; 0: not yet
   SoundOutput::Figures sound_figures_;

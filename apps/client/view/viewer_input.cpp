@@ -62,8 +62,7 @@ void Viewer::on_window(const SDL_WindowEvent& event) {
   if (!screen) return;
   switch (event.event) {
     case SDL_WINDOWEVENT_CLOSE:
-      leaving_ = true;
-      return;
+      return close(*screen);
     case SDL_WINDOWEVENT_EXPOSED:
     case SDL_WINDOWEVENT_SIZE_CHANGED:
       screen->exposed = true;
@@ -81,6 +80,18 @@ void Viewer::on_window(const SDL_WindowEvent& event) {
     default:
       return;
   }
+}
+
+// The main screen's window closes all, as the end of its stream would.
+void Viewer::close(Screen& screen) {
+  if (screen.number == 0) {
+    leaving_ = true;
+    return;
+  }
+  lose_focus(screen);
+  screen.closed = true;
+  session_->close_screen(screen.number);
+  SDL_HideWindow(screen.window->window());
 }
 
 void Viewer::lose_focus(Screen& screen) {
@@ -126,7 +137,7 @@ void Viewer::on_key(const SDL_KeyboardEvent& event) {
   const std::uint16_t usage = usage_of_scancode(event.keysym.scancode);
   const KeyVerdict verdict = keys_.key(usage, down);
   if (verdict.forward) input(*screen).key(usage, down);
-  if (verdict.command) on_command(*verdict.command);
+  on_command(verdict.command);
 }
 
 void Viewer::point_at(Screen& screen, int x, int y) {
@@ -226,6 +237,8 @@ void Viewer::on_command(ViewCommand command) {
       return;
     case ViewCommand::SecureAttention:
       return send_secure_attention();
+    case ViewCommand::None:
+      return;
     case ViewCommand::LetGo:
       return set_free(!free_);
   }

@@ -8,11 +8,13 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cmath>
 #include <cstring>
 #include <numbers>
 
+#include "connection/clock.h"
 #include "tests/support/spectrum.h"
 
 namespace {
@@ -154,34 +156,73 @@ bool AnySoundServer::muted(const std::string& sink) const {
   return pactl({"get-sink-mute", sink}).output.find("yes") != std::string::npos;
 }
 
-Tone::Tone(const AnySoundServer& server, double hz, const std::string& sink, double amplitude) {
+Player::Player(const AnySoundServer& server, const std::string& sink, Fill fill)
+    : fill_(std::move(fill)) {
   constexpr pa_sample_spec FORMAT{PA_SAMPLE_FLOAT32NE, RATE, 2};
   const pa_buffer_attr buffer{ANY, PLAY_AHEAD_BYTES, ANY, ANY, ANY};
   int error = 0;
-  stream_ = pa_simple_new(server.address().c_str(), "tone", PA_STREAM_PLAYBACK, sink.c_str(),
-                          "tone", &FORMAT, nullptr, &buffer, &error);
-  EXPECT_NE(stream_, nullptr) << "the tone can't be played: " << pa_strerror(error);
-  if (stream_ != nullptr) thread_ = std::thread([this, hz, amplitude] { play(hz, amplitude); });
+  stream_ = pa_simple_new(server.address().c_str(), "player", PA_STREAM_PLAYBACK,
+                          sink.empty() ? nullptr : sink.c_str(), "player", &FORMAT, nullptr,
+                          &buffer, &error);
+  EXPECT_NE(stream_, nullptr) << "nothing can be played: " << pa_strerror(error);
+  if (stream_ != nullptr) thread_ = std::thread([this] { play(); });
 }
 
-Tone::~Tone() {
+Player::~Player() {
   stop_ = true;
   if (thread_.joinable()) thread_.join();
   if (stream_ != nullptr) pa_simple_free(static_cast<pa_simple*>(stream_));
 }
 
-void Tone::play(double hz, double amplitude) {
+void Player::play() {
   std::vector<float> block(std::size_t{BLOCK_FRAMES} * 2);
   int error = 0;
-  for (std::uint64_t frame = 0; !stop_;) {
-    for (std::size_t i = 0; i < block.size(); i += 2, ++frame) {
-      const double turns = std::fmod(hz * static_cast<double>(frame) / RATE, 1.0);
-      block[i] = block[i + 1] =
-          static_cast<float>(amplitude * std::sin(2 * std::numbers::pi * turns));
-    }
+  while (!stop_) {
+    fill_(block);
     const std::size_t bytes = block.size() * sizeof(float);
     if (pa_simple_write(static_cast<pa_simple*>(stream_), block.data(), bytes, &error) < 0) return;
   }
+}
+
+std::uint64_t Player::ahead_us() const {
+  int error = 0;
+  const pa_usec_t latency_us = pa_simple_get_latency(static_cast<pa_simple*>(stream_), &error);
+  return error == 0 ? latency_us : 0;
+}
+
+Tone::Tone(const AnySoundServer& server, Sine left, Sine right, const std::string& sink)
+    : player_(server, sink, [this, left, right](std::span<float> block) {
+        const auto sample = [this](const Sine& sine) {
+          const double turns = std::fmod(sine.hz * static_cast<double>(frame_) / RATE, 1.0);
+          return static_cast<float>(sine.amplitude * std::sin(2 * std::numbers::pi * turns));
+        };
+        for (std::size_t i = 0; i < block.size(); i += 2, ++frame_) {
+          block[i] = sample(left);
+          block[i + 1] = sample(right);
+        }
+      }) {}
+
+Clicker::Clicker(const AnySoundServer& server, const std::string& sink)
+    : player_(server, sink, [this](std::span<float> block) { fill(block); }) {}
+
+// One block of full sound is 10 ms: long enough for a codec to keep, with a sharp beginning.
+void Clicker::fill(std::span<float> block) {
+  const std::scoped_lock lock(mutex_);
+  std::ranges::fill(block, 0.0F);
+  if (!wanted_) return;
+  for (std::size_t i = 0; i < block.size(); ++i)
+    block[i] = i / 2 % 48 < 24 ? LOUDNESS : -LOUDNESS;  // 1 kHz
+  last_.written_us = lund_now_us();
+  last_.played_us = last_.written_us + player_.ahead_us();
+  wanted_ = false;
+  clicked_.notify_all();
+}
+
+Clicker::Click Clicker::click() {
+  std::unique_lock lock(mutex_);
+  wanted_ = true;
+  EXPECT_TRUE(clicked_.wait_for(lock, START_DEADLINE, [this] { return !wanted_; }));
+  return last_;
 }
 
 Ear::Ear(const AnySoundServer& server, const std::string& sink) {

@@ -1,13 +1,18 @@
 // A sound server of a test's own, without hardware: PulseAudio with null sinks and a socket in a
-// temporary directory, killed at the end; PipeWire is in pipewire_server.h. And a tone to play
-// there. One thread each.
+// temporary directory, killed at the end; PipeWire is in pipewire_server.h. And what is played and
+// listened to there. One thread each.
 #pragma once
 
 #include <atomic>
 #include <chrono>
+#include <condition_variable>
+#include <cstdint>
 #include <filesystem>
+#include <functional>
 #include <map>
 #include <memory>
+#include <mutex>
+#include <span>
 #include <string>
 #include <thread>
 #include <vector>
@@ -72,22 +77,72 @@ class SoundServer final : public AnySoundServer {
   std::unique_ptr<ChildProcess> server_;
 };
 
-// A sine on both channels of a sink, from the moment it is made to its end. It ends early, and
-// says nothing, when its server does.
-class Tone {
+// Plays on a sink what `fill` writes into each block of interleaved stereo at 48 kHz, on a thread
+// of its own, from the moment it is made to its end. It ends early, and says nothing, when its
+// server does.
+class Player {
  public:
-  explicit Tone(const AnySoundServer& server, double hz = 440.0, const std::string& sink = "out",
-                double amplitude = 0.5);
-  ~Tone();
-  Tone(const Tone&) = delete;
-  Tone& operator=(const Tone&) = delete;
+  using Fill = std::function<void(std::span<float> block)>;
+
+  // Without a name of a sink: on the default one, and along when that changes.
+  Player(const AnySoundServer& server, const std::string& sink, Fill fill);
+  ~Player();
+  Player(const Player&) = delete;
+  Player& operator=(const Player&) = delete;
+
+  // In `fill`: how long until what it writes is played.
+  std::uint64_t ahead_us() const;
 
  private:
-  void play(double hz, double amplitude);
+  void play();
 
+  const Fill fill_;
   void* stream_ = nullptr;  // pa_simple
   std::atomic<bool> stop_{false};
   std::thread thread_;
+};
+
+// A sine on both channels, or one on each.
+class Tone {
+ public:
+  struct Sine {
+    double hz = 440.0;
+    double amplitude = 0.5;
+  };
+
+  explicit Tone(const AnySoundServer& server, double hz = 440.0, const std::string& sink = "out",
+                double amplitude = 0.5)
+      : Tone(server, {hz, amplitude}, {hz, amplitude}, sink) {}
+  Tone(const AnySoundServer& server, Sine left, Sine right, const std::string& sink = "out");
+
+ private:
+  std::uint64_t frame_ = 0;
+  Player player_;
+};
+
+// Silence, and a click in it each time that one is asked for.
+class Clicker {
+ public:
+  static constexpr float LOUDNESS = 0.9F;
+
+  explicit Clicker(const AnySoundServer& server, const std::string& sink = "out");
+
+  // When it was handed to the server and when that will have played it, lund_now_us time. Waits for
+  // the former.
+  struct Click {
+    std::uint64_t written_us = 0;
+    std::uint64_t played_us = 0;
+  };
+  Click click();
+
+ private:
+  void fill(std::span<float> block);
+
+  std::mutex mutex_;
+  std::condition_variable clicked_;
+  bool wanted_ = false;
+  Click last_;
+  Player player_;
 };
 
 // Listens to a sink, from the moment it is made. For what it hears: tests/support/spectrum.h.

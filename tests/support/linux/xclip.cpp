@@ -8,6 +8,7 @@
 #include <chrono>
 #include <cstdlib>
 #include <map>
+#include <set>
 #include <string_view>
 
 namespace {
@@ -26,6 +27,8 @@ struct Xclip::Watch {
         connection, xcb_intern_atom(connection, 0, CLIPBOARD.size(), CLIPBOARD.data()), nullptr);
     std::free(xcb_xfixes_query_version_reply(connection, xcb_xfixes_query_version(connection, 5, 0),
                                              nullptr));
+    const std::uint32_t windows = XCB_EVENT_MASK_SUBSTRUCTURE_NOTIFY;
+    xcb_change_window_attributes(connection, screen->root, XCB_CW_EVENT_MASK, &windows);
     xcb_xfixes_select_selection_input(connection, screen->root, atom->atom,
                                       XCB_XFIXES_SELECTION_EVENT_MASK_SET_SELECTION_OWNER);
     event_type =
@@ -39,15 +42,34 @@ struct Xclip::Watch {
   void sync() const {
     std::free(xcb_get_input_focus_reply(connection, xcb_get_input_focus(connection), nullptr));
   }
-  bool has_new_owner() const {
+  // Each new owner once.
+  bool has_new_owner() {
+    return wait_for([this] { return owners > 0; }) && owners-- > 0;
+  }
+  bool is_put_away() {
+    return wait_for([this] { return windows_since.empty(); });
+  }
+  void handle(const xcb_generic_event_t& event) {
+    const int type = event.response_type & 0x7F;
+    if (type == XCB_CREATE_NOTIFY) {
+      windows_since.insert(reinterpret_cast<const xcb_create_notify_event_t&>(event).window);
+    } else if (type == XCB_DESTROY_NOTIFY) {
+      windows_since.erase(reinterpret_cast<const xcb_destroy_notify_event_t&>(event).window);
+    } else if (type == event_type) {
+      windows_since.clear();
+      ++owners;
+    }
+  }
+  template <typename Condition>
+  bool wait_for(Condition condition) {
     const auto until = steady_clock::now() + DEADLINE;
     for (;;) {
       if (auto* event = xcb_poll_for_event(connection)) {
-        const bool owned = (event->response_type & 0x7F) == event_type;
+        handle(*event);
         std::free(event);
-        if (owned) return true;
         continue;
       }
+      if (condition()) return true;
       const auto left =
           std::chrono::duration_cast<std::chrono::milliseconds>(until - steady_clock::now());
       pollfd ready{xcb_get_file_descriptor(connection), POLLIN, 0};
@@ -59,6 +81,8 @@ struct Xclip::Watch {
 
   xcb_connection_t* connection;
   std::uint8_t event_type = 0;
+  int owners = 0;                        // that weren't waited for yet
+  std::set<xcb_window_t> windows_since;  // top-level ones made since the last, and still there
 };
 
 std::string xclip_paste(const std::string& display, const std::string& target) {
@@ -87,8 +111,10 @@ void Xclip::copy(const std::string& content, const std::string& target) {
 
 bool Xclip::given(int times) {
   // It counts requests for contents, not those for the list of targets.
-  return serving_->wait_for_output("selection request number " + std::to_string(times + 1),
-                                   DEADLINE);
+  if (!serving_->wait_for_output("selection request number " + std::to_string(times + 1), DEADLINE))
+    return false;
+  watch_->sync();  // and so it knows of the window, which is older
+  return watch_->is_put_away();
 }
 
 std::string Xclip::paste(const std::string& target) const {

@@ -20,7 +20,8 @@ class Xclip {
 
   // Returns once the server has told everybody. What was copied is served until the next copy.
   void copy(const std::string& content, const std::string& target = "UTF8_STRING");
-  // Waits until the newest copy has been given away whole, this often.
+  // Waits until the newest copy has been given away whole, this often, and whoever asked for it has
+  // put away the window that it came to: a program then has it, whatever is copied next.
   bool given(int times = 1);
   void signal(int number) const { serving_->signal(number); }
 

@@ -14,6 +14,7 @@
 #include "connection/byte_order.h"
 #include "connection/clock.h"
 #include "tests/capture/realtime/received.h"
+#include "tests/support/cursor_images.h"
 #include "tests/support/linux/x11_hand.h"
 #include "tests/support/xvfb.h"
 
@@ -35,34 +36,6 @@ DisplayInfo display_named(const std::string& name) {
   DisplayInfo display;
   EXPECT_TRUE(find_display(name, &display)) << name;
   return display;
-}
-
-// Every alpha from 0 to 255 and colours up to it, as a soft shadow has them.
-Pixels premultiplied_image(int side) {
-  Pixels pixels;
-  for (int y = 0; y < side; ++y) {
-    for (int x = 0; x < side; ++x) {
-      const auto alpha = static_cast<std::uint32_t>((y * side + x) * 7 % 256);
-      const auto part = static_cast<std::uint32_t>(x * 255 / (side - 1));
-      pixels.push_back(alpha << 24 | alpha * part / 255 << 16 | alpha / 2 << 8 | alpha);
-    }
-  }
-  return pixels;
-}
-
-// Of a premultiplied image, worked out in another way than the product does.
-CursorBitmap straight(int side, const Pixels& premultiplied, int hot_x, int hot_y) {
-  CursorBitmap image{side, side, hot_x, hot_y, {}};
-  for (const std::uint32_t pixel : premultiplied) {
-    const double alpha = pixel >> 24;
-    for (unsigned shift = 0; shift < 24; shift += 8) {
-      const double colour = pixel >> shift & 0xFF;
-      image.pixels.push_back(
-          static_cast<std::uint8_t>(alpha > 0 ? std::floor(colour * 255 / alpha + 0.5) : 0));
-    }
-    image.pixels.push_back(static_cast<std::uint8_t>(pixel >> 24));
-  }
-  return image;
 }
 
 void expect_same(const CursorBitmap& seen, const CursorBitmap& expected) {
@@ -209,7 +182,7 @@ TEST_F(X11PointerTest, ImageOfAnySizeComesPixelForPixel) {
     Pixels pixels = side == 1 ? Pixels{0x80402010} : premultiplied_image(side);
     hand_.use_image(side, side, pixels, side / 3, side / 2);
     ASSERT_EQ(acquire(SOON_MS), AcquireResult::PointerOnly);
-    expect_same(shape(), straight(side, pixels, side / 3, side / 2));
+    expect_same(shape(), straight_image(side, side, pixels, side / 3, side / 2));
   }
 }
 
@@ -342,7 +315,7 @@ TEST_F(PipelinePointerX11Test, ArrowIBeamAndACustomImageOf48PixelsComePixelForPi
   expect_same(pointer_.image(2), hand_.glyph_image(X11Hand::I_BEAM, BACKGROUND, COLOUR));
   const Pixels pixels = premultiplied_image(48);
   hand_.use_image(48, 48, pixels, 11, 13);
-  expect_same(pointer_.image(3), straight(48, pixels, 11, 13));
+  expect_same(pointer_.image(3), straight_image(48, 48, pixels, 11, 13));
 }
 
 TEST_F(PipelinePointerX11Test, ImageIsScaledWithThePicture) {
@@ -350,7 +323,7 @@ TEST_F(PipelinePointerX11Test, ImageIsScaledWithThePicture) {
   ASSERT_FALSE(pointer_.image(1).pixels.empty());
   const Pixels pixels = premultiplied_image(48);
   hand_.use_image(48, 48, pixels, 11, 13);
-  expect_same(pointer_.image(2), cursor_scale(straight(48, pixels, 11, 13), 0.5));
+  expect_same(pointer_.image(2), cursor_scale(straight_image(48, 48, pixels, 11, 13), 0.5));
 }
 
 TEST_F(PipelinePointerX11Test, MotionIsReportedAtMost125TimesASecondTheLastPlaceAlways) {

@@ -1,6 +1,5 @@
 // The injector on a real X server, seen by another of its clients.
 #include <gmock/gmock.h>
-#include <poll.h>
 #include <xcb/xcb.h>
 
 #include <chrono>
@@ -12,6 +11,7 @@
 #include "streams/linux/evdev_keys.h"
 #include "streams/linux/xtest_sink.h"
 #include "tests/support/captured_log.h"
+#include "tests/support/linux/x11_input.h"
 #include "tests/support/xvfb.h"
 
 using testing::ElementsAre;
@@ -58,26 +58,11 @@ class Observer {
   std::vector<std::string> events_to_mark() {
     std::vector<std::string> events;
     const int mark = keycode(MARK);
-    const auto deadline = Clock::now() + PATIENCE;
-    while (Clock::now() < deadline) {
-      const auto event = x11::own(xcb_poll_for_event(connection_));
-      if (!event) {
-        pollfd readable{xcb_get_file_descriptor(connection_), POLLIN, 0};
-        poll(&readable, 1, 100);
-        continue;
-      }
-      // Key and button events are of one layout.
-      const auto& input = reinterpret_cast<const xcb_key_press_event_t&>(*event);
-      const int type = event->response_type & 0x7F;
-      if (type < XCB_KEY_PRESS || type > XCB_BUTTON_RELEASE) continue;
-      const bool is_key = type == XCB_KEY_PRESS || type == XCB_KEY_RELEASE;
-      const bool down = type == XCB_KEY_PRESS || type == XCB_BUTTON_PRESS;
-      if (is_key && input.detail == mark) {
-        if (!down) return events;
-        continue;
-      }
-      events.push_back((is_key ? "key " : "button ") + std::to_string(input.detail) +
-                       (down ? " down" : " up"));
+    while (const auto input = next_input(connection_, PATIENCE)) {
+      if (input->kind != X11Input::Kind::Key || input->code != mark)
+        events.push_back(input->text());
+      else if (!input->down)
+        return events;
     }
     ADD_FAILURE() << "the mark didn't come";
     return events;
@@ -315,6 +300,27 @@ TEST_F(XTest, AServerThatHangsHoldsNobodyUp) {
     injector_.mouse_abs(screen_, 65'535, 0);
     return observer_->position() == std::to_string(WIDTH - 1) + ",0";
   }));
+}
+
+// A server drops the requests that it hasn't read yet of a program that is gone.
+TEST(XTestEnd, WhatIsReleasedLastIsPlayedBySlowServersToo) {
+  constexpr std::chrono::milliseconds SLOWNESS{200};  // of a second that the sink has patience
+  Xvfb server(WIDTH, HEIGHT);
+  Observer observer;
+  auto injector = std::make_unique<InputInjector>(make_xtest_sink());
+  injector->key(A, true);
+  injector->key(MARK, true);
+  injector->key(MARK, false);
+  EXPECT_THAT(observer.events_to_mark(), ElementsAre(key_text(A, " down")));
+  server.pause();
+  std::thread end([&] {
+    injector->release_all();
+    injector.reset();
+  });
+  std::this_thread::sleep_for(SLOWNESS);
+  server.resume();
+  end.join();
+  EXPECT_TRUE(eventually([&] { return !observer.any_key_down(); }));
 }
 
 TEST(XTestDesktop, EachConnectionIsADesktopOfItsOwn) {
