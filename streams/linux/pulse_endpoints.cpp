@@ -2,6 +2,8 @@
 
 #include <utility>
 
+#include "streams/linux/pulse_default_sink.h"
+
 namespace {
 
 constexpr pa_usec_t CALL_US = 2'000'000;
@@ -195,7 +197,7 @@ void PulseEndpoints::take_sink(pa_context*, const pa_sink_info* info, int end, v
 
 void PulseEndpoints::observe(const pa_server_info& info) {
   server_name_ = text_of(info.server_name);
-  const std::string name = text_of(info.default_sink_name);
+  const std::string name = default_sink_of(info);
   if (name == default_) return;
   default_ = name;
   listener_->default_changed();

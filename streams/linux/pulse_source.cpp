@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "connection/clock.h"
+#include "streams/linux/pulse_default_sink.h"
 
 namespace {
 
@@ -108,9 +109,11 @@ std::uint32_t PulseSource::open(const std::atomic<bool>& stop, std::string* devi
   pa_operation* subscribing =
       pa_context_subscribe(context_, PA_SUBSCRIPTION_MASK_SERVER, nullptr, nullptr);
   if (const std::uint32_t result = finish(stop, subscribing)) return result;
+  default_sink_.clear();
   pa_operation* asking = pa_context_get_server_info(context_, on_server_info, this);
   if (const std::uint32_t result = finish(stop, asking)) return result;
   const std::string sink = default_sink_;
+  if (sink.empty()) return PA_ERR_NOENTITY;
   monitor_.clear();
   asking = pa_context_get_sink_info_by_name(context_, sink.c_str(), on_sink_info, this);
   if (const std::uint32_t result = finish(stop, asking)) return result;
@@ -122,8 +125,9 @@ std::uint32_t PulseSource::open(const std::atomic<bool>& stop, std::string* devi
 
 void PulseSource::on_server_info(pa_context*, const pa_server_info* info, void* self) {
   if (!info) return;
-  static_cast<PulseSource*>(self)->default_sink_ =
-      info->default_sink_name ? info->default_sink_name : "";
+  // What is recorded goes on until the next one is known.
+  std::string sink = default_sink_of(*info);
+  if (!sink.empty()) static_cast<PulseSource*>(self)->default_sink_ = std::move(sink);
 }
 
 void PulseSource::on_sink_info(pa_context*, const pa_sink_info* info, int, void* self) {

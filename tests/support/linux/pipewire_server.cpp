@@ -25,6 +25,7 @@ context.spa-libs = {
 constexpr const char* DAEMON = R"(
 context.properties = { core.daemon = true core.name = pipewire-0 support.dbus = false }
 context.modules = [
+  { name = libpipewire-module-rt args = { nice.level = -11 } flags = [ ifexists nofail ] }
   { name = libpipewire-module-protocol-native }
   { name = libpipewire-module-metadata }
   { name = libpipewire-module-spa-node-factory }
@@ -49,6 +50,7 @@ context.objects = [
 constexpr const char* PROTOCOL_SERVER = R"(
 context.properties = { support.dbus = false }
 context.modules = [
+  { name = libpipewire-module-rt args = { nice.level = -11 } flags = [ ifexists nofail ] }
   { name = libpipewire-module-protocol-native }
   { name = libpipewire-module-client-node }
   { name = libpipewire-module-adapter }
@@ -112,7 +114,7 @@ PipewireServer::PipewireServer() : AnySoundServer(DEAF_MONITOR) {
   const std::filesystem::path socket = directory_ / "pipewire-0";
   const auto until = std::chrono::steady_clock::now() + START_DEADLINE;
   // Its clients don't wait for it.
-  while (!std::filesystem::exists(socket) && std::chrono::steady_clock::now() < until)
+  while (!accepts_clients(socket) && std::chrono::steady_clock::now() < until)
     std::this_thread::sleep_for(std::chrono::milliseconds(2));
   session_manager_ = start(session_manager());
   if (!wait_for_default_sink()) return;
@@ -149,20 +151,37 @@ std::vector<std::string> PipewireServer::session_manager() const {
           "session.conf"};
 }
 
+// A program of PipeWire's own.
+RunResult PipewireServer::tool(const std::vector<std::string>& command) const {
+  return run_program(command, {{"XDG_RUNTIME_DIR", directory_.path()},
+                               {"PIPEWIRE_RUNTIME_DIR", ""},
+                               {"PIPEWIRE_REMOTE", ""},
+                               {"LC_ALL", "C"}});
+}
+
 // The session manager's choice, which it makes once the sink is ready to be linked.
 bool PipewireServer::wait_for_default_sink() const {
   const auto until = std::chrono::steady_clock::now() + START_DEADLINE;
   std::string output;
   do {
-    output = run_program({"pw-metadata", "0", "default.audio.sink"},
-                         {{"XDG_RUNTIME_DIR", directory_.path()}, {"PIPEWIRE_REMOTE", ""}})
-                 .output;
+    output = tool({"pw-metadata", "0", "default.audio.sink"}).output;
     if (output.find("\"out\"") != std::string::npos) return true;
     session_manager_->wait_for_output({"\0", 1}, std::chrono::milliseconds(5));
   } while (std::chrono::steady_clock::now() < until);
   daemon_->wait_for_output({"\0", 1}, std::chrono::milliseconds(5));
   ADD_FAILURE() << "no default sink: " << output << daemon_->output() << session_manager_->output();
   return false;
+}
+
+bool PipewireServer::pull(const std::string& sink) const {
+  const std::string list = pactl({"list", "sinks"}).output;
+  const std::string label = "object.id = \"";
+  const std::size_t id = list.find(label, list.find("Name: " + sink + "\n"));
+  EXPECT_NE(id, std::string::npos) << "no sink " << sink << " in:\n" << list;
+  if (id == std::string::npos) return false;
+  const std::size_t number = id + label.size();
+  return tool({"pw-cli", "destroy", list.substr(number, list.find('"', number) - number)}).status ==
+         0;
 }
 
 void PipewireServer::kill_protocol_server() {

@@ -27,6 +27,9 @@ class PipewireServer final : public AnySoundServer {
   void kill_protocol_server();
   void restart_protocol_server();
 
+  // Takes away a sink that no `add_sink` made, as a pulled card does.
+  bool pull(const std::string& sink) const;
+
   // A null sink as this protocol's own module makes it: its monitor obeys its volume.
   bool add_sink_with_obedient_monitor(const std::string& name) const;
 
@@ -39,6 +42,7 @@ class PipewireServer final : public AnySoundServer {
  private:
   std::unique_ptr<ChildProcess> start(std::vector<std::string> command) const;
   std::vector<std::string> session_manager() const;
+  RunResult tool(const std::vector<std::string>& command) const;
   bool wait_for_default_sink() const;
 
   std::unique_ptr<ChildProcess> daemon_;

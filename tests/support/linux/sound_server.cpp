@@ -28,19 +28,9 @@ constexpr const char* EXIT_WHEN_IDLE = "--exit-idle-time=600";
 constexpr int RATE = 48'000;
 constexpr int BLOCK_FRAMES = RATE / 100;
 // 200 ms, so that a busy computer doesn't tear it.
+// 200 ms, so that a busy computer doesn't tear it.
 constexpr unsigned PLAY_AHEAD_BYTES = 20 * BLOCK_FRAMES * 2 * sizeof(float);
 constexpr std::uint32_t ANY = ~0U;  // of a buffer's sizes
-
-bool accepts_clients(const std::filesystem::path& socket_path) {
-  const int client = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  sockaddr_un address{};
-  address.sun_family = AF_UNIX;
-  std::strncpy(address.sun_path, socket_path.c_str(), sizeof address.sun_path - 1);
-  const bool accepted =
-      connect(client, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
-  close(client);
-  return accepted;
-}
 
 }  // namespace
 
@@ -55,6 +45,17 @@ std::string AnySoundServer::address() const {
 
 std::map<std::string, std::string> AnySoundServer::environment() const {
   return {{"PULSE_SERVER", address()}, {"PULSE_COOKIE", directory_ / "cookie"}};
+}
+
+bool AnySoundServer::accepts_clients(const std::filesystem::path& socket_path) {
+  const int client = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  std::strncpy(address.sun_path, socket_path.c_str(), sizeof address.sun_path - 1);
+  const bool accepted =
+      connect(client, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
+  close(client);
+  return accepted;
 }
 
 void AnySoundServer::wait_for_clients(ChildProcess& server) {

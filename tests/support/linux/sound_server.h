@@ -7,6 +7,7 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
+#include <filesystem>
 #include <functional>
 #include <map>
 #include <memory>
@@ -45,6 +46,7 @@ class AnySoundServer {
 
  protected:
   explicit AnySoundServer(std::string sink_options);
+  static bool accepts_clients(const std::filesystem::path& socket_path);
   // Fails the test when the server never accepts clients.
   void wait_for_clients(ChildProcess& server);
 

@@ -26,9 +26,11 @@ constexpr std::chrono::seconds ENDPOINTS_DEADLINE{20};
 template <class Condition>
 bool wait_until(Condition condition) {
   const auto until = std::chrono::steady_clock::now() + ENDPOINTS_DEADLINE;
-  while (!condition() && std::chrono::steady_clock::now() < until)
+  while (!condition()) {
+    if (std::chrono::steady_clock::now() >= until) return false;
     std::this_thread::sleep_for(std::chrono::milliseconds(5));
-  return condition();
+  }
+  return true;
 }
 
 class Notes final : public SoundEndpoints::Listener {

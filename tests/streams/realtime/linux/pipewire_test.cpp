@@ -80,6 +80,14 @@ TEST_F(PipewireTest, ASinkThatNothingHasPlayedToYetIsMutedAsTheCaptureBegins) {
   EXPECT_TRUE(server_.muted("fresh"));
 }
 
+TEST_F(PipewireTest, WithoutAnySinkThereIsNoDefaultOne) {
+  open();
+  ASSERT_TRUE(server_.pull("out"));
+  EXPECT_TRUE(wait_until([&] { return endpoints_.default_output().empty(); }));
+  server_.add_sink("second");
+  EXPECT_TRUE(wait_until([&] { return endpoints_.default_output() == "second"; }));
+}
+
 // The sinks live in the daemon, not in what serves the protocol.
 TEST_F(PipewireTest, AMuteOutlivesTheServerOfTheProtocol) {
   open();
