@@ -22,7 +22,7 @@ std::string text_of(const char* text) {
 
 // PulseAudio itself silences what it mixes for a muted sink before the monitor takes its copy, also
 // where the sink has a mute control in hardware (16.1). PipeWire takes the monitor's copy before
-// volume and mute, unless the sink asks for both there.
+// volume and mute, unless the sink asks for both there (0.3.65, 1.4.2).
 bool monitor_outlives_mute(std::string_view server_name, std::string_view channel_volumes) {
   return server_name.find("PipeWire") != std::string_view::npos && channel_volumes != "true" &&
          channel_volumes != "1";
