@@ -2,8 +2,6 @@
 // sink's monitor stays audible, and on PulseAudio, where it doesn't.
 #include <signal.h>
 
-#include <algorithm>
-
 #include "tests/support/linux/pipewire_server.h"
 #include "tests/system/sound_support.h"
 
@@ -91,7 +89,7 @@ TEST_F(MuteTest, AHostThatIsToldNotToLeavesThemOn) {
   start_recording();
   EXPECT_TRUE(hears(440));
   EXPECT_TRUE(records(recording_.seconds() + 0.5));
-  EXPECT_GT(level(), 0.48);
+  EXPECT_TRUE(sound());
   EXPECT_FALSE(server_.muted("speakers"));
   EXPECT_FALSE(contains(status(), "speakers"));
   end_recording();
