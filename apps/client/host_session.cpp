@@ -127,7 +127,9 @@ void HostSession::break_off(std::uint64_t now) {
 void HostSession::note_path(const lund_conn_event& event) {
   const double at_s = static_cast<double>(lund_now_us() - started_us_) / 1e6;
   const std::string line = paths_.begin(event, at_s, main().frame_counts());
-  if (!line.empty()) sinks_.notice(line);
+  if (line.empty()) return;
+  sinks_.path(paths_.where());
+  sinks_.notice(line);
 }
 
 void HostSession::on_event(const lund_conn_event& event) {

@@ -10,13 +10,17 @@ std::string PathHistory::begin(const lund_conn_event& event, double at_s,
   if (event.path == LUND_PATH_NONE) return {};
   periods_.push_back({at_s, event.path, event.addr, event.rtt_us, so_far});
   char line[128];
-  std::snprintf(line, sizeof line, "path: %s %s (rtt %.1f ms)", lund_path_name(event.path),
-                addr_string(event.addr).c_str(), event.rtt_us / 1000.0);
+  std::snprintf(line, sizeof line, "path: %s (rtt %.1f ms)", where().c_str(),
+                event.rtt_us / 1000.0);
   return line;
 }
 
 std::string PathHistory::address() const {
   return addr_string(empty() ? lund_rv_endpoint{} : periods_.back().address);
+}
+
+std::string PathHistory::where() const {
+  return std::string(lund_path_name(path_class())) + " " + address();
 }
 
 std::optional<lund_rv_endpoint> PathHistory::last_of(std::int32_t lowest,

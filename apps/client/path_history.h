@@ -25,6 +25,7 @@ class PathHistory {
   bool empty() const { return periods_.empty(); }
   std::int32_t path_class() const { return empty() ? 0 : periods_.back().path_class; }
   std::string address() const;  // the last path's, "-" without one
+  std::string where() const;    // the last path's class and address: "LAN 192.168.1.5:9876"
   // Where the host was last reached on a path of these classes.
   std::optional<lund_rv_endpoint> last_lan() const;
   std::optional<lund_rv_endpoint> last_outside() const;  // direct or by hole punching

@@ -49,6 +49,7 @@ class SessionSinks {
   virtual void pointer_image(int /*screen*/, const PointerImage&) {}
   virtual void sound(const SoundBlock&) {}
   virtual void second(int /*screen*/, const StreamStatistics::Second&) {}  // is over
+  virtual void path(const std::string& /*where*/) {}                       // taken from now on
   virtual void notice(const std::string& /*line*/) {}  // a path taken, a stream that is back
   // After every batch of datagrams and at least every 50 ms. True ends the session.
   virtual bool step(std::uint64_t /*now_us*/) { return false; }

@@ -50,8 +50,9 @@ TEST(ViewInbox, StatesStandUntilTheyChange) {
   }
 }
 
-TEST(ViewInbox, ANoticeOfAPathIsThePathOfNow) {
+TEST(ViewInbox, NoticesAreTakenOnceAndThePathStays) {
   Inbox i;
+  i.inbox.path("LAN 192.168.1.5:9876");
   i.inbox.notice("path: LAN 192.168.1.5:9876 (rtt 0.4 ms)");
   i.inbox.notice("back after 3.0 s");
   const SessionNews news = i.inbox.take_session();

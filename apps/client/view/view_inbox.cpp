@@ -85,12 +85,15 @@ void ViewInbox::second(int screen, const StreamStatistics::Second& second) {
   at(screen).news.second = second;
 }
 
+void ViewInbox::path(const std::string& where) {
+  std::lock_guard lock(mutex_);
+  session_.path = where;
+}
+
 void ViewInbox::notice(const std::string& line) {
   {
     std::lock_guard lock(mutex_);
     session_.notices.push_back(line);
-    constexpr const char* PATH = "path: ";
-    if (line.rfind(PATH, 0) == 0) session_.path = line.substr(6, line.find(" (") - 6);
   }
   wake();
 }

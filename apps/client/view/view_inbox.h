@@ -50,6 +50,7 @@ class ViewInbox : public SessionSinks {
   void pointer_image(int screen, const PointerImage& image) override;
   void sound(const SoundBlock& block) override { sound_(block); }
   void second(int screen, const StreamStatistics::Second& second) override;
+  void path(const std::string& where) override;
   void notice(const std::string& line) override;
 
  private:

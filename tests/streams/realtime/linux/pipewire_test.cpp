@@ -28,12 +28,12 @@ TEST_F(PipewireTest, AMuteSilencesTheSpeakersAndNotTheCapture) {
   server_.set_default_sink("speakers");
   Speakers speakers(server_, "speakers");
   const Tone tone(server_, 440, "speakers");
-  const auto level = [&] { return tone_amplitude(speakers.listen(100ms), Speakers::RATE, 440); };
+  const auto level = [&] { return tone_amplitude(speakers.listen(50ms), Speakers::RATE, 440); };
   RecordedSound sound;
   OpusAudioCapture capture(make_native_audio_source);
   sound.record(capture);
   capture.start();
-  ASSERT_TRUE(sound.wait_for_sine(440, 0.5));
+  ASSERT_TRUE(sound.wait_for_tone(440));
   ASSERT_TRUE(wait_until([&] { return level() > 0.48; }));
 
   std::string error;
@@ -48,7 +48,7 @@ TEST_F(PipewireTest, AMuteSilencesTheSpeakersAndNotTheCapture) {
   ASSERT_TRUE(endpoints_.set_mute("speakers", false));
   EXPECT_FALSE(server_.muted("speakers"));
   EXPECT_TRUE(wait_until([&] { return level() > 0.48; }));
-  EXPECT_TRUE(sound.wait_for_sine(440, 0.5, sound.count()));
+  EXPECT_TRUE(sound.wait_for_tone(440, sound.count()));
 }
 
 // As the null sinks of its own PulseAudio modules are made.
@@ -72,8 +72,8 @@ TEST_F(PipewireTest, ASinkThatNothingHasPlayedToYetIsMutedAsTheCaptureBegins) {
   server_.set_default_sink("fresh");
   std::string error;
   ASSERT_TRUE(endpoints_.open(&notes_, &error)) << error;
-  OpusAudioCapture capture(make_native_audio_source);
   RecordedSound sound;
+  OpusAudioCapture capture(make_native_audio_source);
   sound.record(capture);
   capture.start();
   EXPECT_TRUE(endpoints_.set_mute("fresh", true));
