@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <memory>
 #include <semaphore>
 #include <thread>
 
@@ -192,24 +193,25 @@ TEST_F(PulseSourceTest, AServerThatHangsMakesSilenceAndIsHeardAgainAfterwards) {
 }
 
 TEST_P(PulseProtocolTest, WhatPlayedWhileTheThreadWasHeldUpIsNotHeardLate) {
-  std::binary_semaphore held(0);
-  std::binary_semaphore carry_on(0);
-  const auto record = capture_.on_packet;
-  capture_.on_packet = [&](const std::uint8_t* data, std::uint64_t size, std::uint64_t time_us) {
+  // Theirs who call it until the capture's end, which is after the test's own.
+  const auto held = std::make_shared<std::binary_semaphore>(0);
+  const auto carry_on = std::make_shared<std::binary_semaphore>(0);
+  capture_.on_packet = [this, held, carry_on, record = capture_.on_packet](
+                           const std::uint8_t* data, std::uint64_t size, std::uint64_t time_us) {
     record(data, size, time_us);
     if (sound_.count() != 20) return;
-    held.release();
-    carry_on.acquire();
+    held->release();
+    carry_on->acquire();
   };
   capture_.start();
-  ASSERT_TRUE(held.try_acquire_for(20s));
+  ASSERT_TRUE(held->try_acquire_for(20s));
   {
     const Tone tone(server_, 440.0);
     Ear ear(server_);
     ASSERT_TRUE(ear.hears(440.0));
     ear.listen(1s);
   }
-  carry_on.release();
+  carry_on->release();
   ASSERT_TRUE(sound_.wait_for_count(150));
   EXPECT_FALSE(sound_.wait_for_tone(440.0, 20, 0ms));
   EXPECT_GE(log_.count("audio: capture stopped (0x"), 1);
