@@ -59,6 +59,15 @@ std::string_view up_to_nul(std::string_view text) {
 
 }  // namespace
 
+bool is_utf8(std::string_view text) {
+  while (!text.empty()) {
+    const std::size_t length = sequence_length(text);
+    if (length == 0) return false;
+    text.remove_prefix(length);
+  }
+  return true;
+}
+
 std::string text_for_wire(std::string_view local) {
   const std::string text = valid_utf8(up_to_nul(local));
   std::string out;

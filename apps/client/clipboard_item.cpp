@@ -5,38 +5,16 @@
 #include <fstream>
 #include <iostream>
 #include <iterator>
+#include <string_view>
+
+#include "streams/clipboard_text.h"
 
 namespace {
 
 constexpr std::array<std::uint8_t, 8> PNG_SIGNATURE = {0x89, 'P', 'N', 'G', '\r', '\n', 0x1A, '\n'};
 
-// RFC 3629: neither overlong forms, surrogates, nor anything beyond U+10FFFF. Text has no NUL.
-bool is_text(const std::vector<std::uint8_t>& bytes) {
-  for (std::size_t i = 0; i < bytes.size();) {
-    const std::uint8_t lead = bytes[i];
-    if (lead == 0) return false;
-    const std::size_t size = lead < 0x80                   ? 1
-                             : lead >= 0xC2 && lead < 0xE0 ? 2
-                             : lead >= 0xE0 && lead < 0xF0 ? 3
-                             : lead >= 0xF0 && lead < 0xF5 ? 4
-                                                           : 0;
-    if (size == 0 || size > bytes.size() - i) return false;
-    for (std::size_t k = 1; k < size; ++k)
-      if ((bytes[i + k] & 0xC0) != 0x80) return false;
-    const std::uint8_t second = size > 1 ? bytes[i + 1] : 0;
-    if ((lead == 0xE0 && second < 0xA0) || (lead == 0xED && second >= 0xA0) ||
-        (lead == 0xF0 && second < 0x90) || (lead == 0xF4 && second >= 0x90))
-      return false;
-    i += size;
-  }
-  return true;
-}
-
-void use_line_feeds(std::vector<std::uint8_t>& text) {
-  std::size_t out = 0;
-  for (std::size_t i = 0; i < text.size(); ++i)
-    if (text[i] != '\r' || i + 1 == text.size() || text[i + 1] != '\n') text[out++] = text[i];
-  text.resize(out);
+std::string_view as_text(const std::vector<std::uint8_t>& bytes) {
+  return {reinterpret_cast<const char*>(bytes.data()), bytes.size()};
 }
 
 }  // namespace
@@ -48,8 +26,10 @@ std::optional<ClipboardItem> clipboard_item(std::vector<std::uint8_t> bytes, std
                       std::equal(PNG_SIGNATURE.begin(), PNG_SIGNATURE.end(), item.bytes.begin());
   if (is_png) {
     item.kind = LUND_CLIP_PNG;
-  } else if (is_text(item.bytes)) {
-    use_line_feeds(item.bytes);
+  } else if (const std::string_view text = as_text(item.bytes);
+             is_utf8(text) && text.find('\0') == std::string_view::npos) {
+    const std::string with_line_feeds = text_for_wire(text);
+    item.bytes.assign(with_line_feeds.begin(), with_line_feeds.end());
   } else {
     *error = "neither a PNG picture nor UTF-8 text";
     return std::nullopt;
