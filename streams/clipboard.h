@@ -19,6 +19,9 @@ inline constexpr std::uint32_t LUND_CLIP_IMAGE_MAX = 16'777'216;  // bytes of PN
 
 enum lund_clip_kind : std::uint8_t { LUND_CLIP_TEXT = 1, LUND_CLIP_PNG = 2 };
 
+// Of an acknowledgement.
+enum ClipStatus : std::uint8_t { CLIP_COMPLETE = 0, CLIP_MISSING = 1, CLIP_REJECTED = 2 };
+
 struct lund_clip;
 
 struct lund_clip_config {

@@ -12,8 +12,6 @@
 
 inline constexpr std::uint32_t CLIP_PACKET_MAX = 1472;  // an Ethernet frame's, as UDP over IPv4
 
-enum ClipStatus : std::uint8_t { CLIP_COMPLETE = 0, CLIP_MISSING = 1, CLIP_REJECTED = 2 };
-
 // From malloc, because an item changes hands through a C interface and a failure is an answer.
 struct ClipFree {
   void operator()(void* memory) const { std::free(memory); }

@@ -6,8 +6,6 @@
 
 namespace {
 
-constexpr std::uint8_t ACK_COMPLETE = 0;
-constexpr std::uint8_t ACK_REJECTED = 2;
 // The engine gives up after 5 s without an answer behind a pass, and a pass of the largest picture
 // takes 3.4 s at its pace.
 constexpr std::uint64_t SILENCE_US = 12'000'000;
@@ -54,7 +52,7 @@ void ClipboardTransfer::session_start(std::uint32_t session, int payload, Send s
 }
 
 void ClipboardTransfer::offer() {
-  const bool done = answer_ == ACK_COMPLETE || answer_ == ACK_REJECTED;
+  const bool done = answer_ == CLIP_COMPLETE || answer_ == CLIP_REJECTED;
   if (!to_send_ || done) return;
   heard_us_ = lund_now_us();
   offered_ =
@@ -90,8 +88,8 @@ void ClipboardTransfer::receive(const std::uint8_t* data, std::uint64_t size) {
 
 ClipboardTransfer::Delivery ClipboardTransfer::delivery(std::uint64_t now_us) const {
   if (!to_send_) return Delivery::Nothing;
-  if (answer_ == ACK_COMPLETE) return Delivery::Delivered;
-  if (answer_ == ACK_REJECTED) return Delivery::Rejected;
+  if (answer_ == CLIP_COMPLETE) return Delivery::Delivered;
+  if (answer_ == CLIP_REJECTED) return Delivery::Rejected;
   const bool silent = offered_ != 0 && now_us - heard_us_ > SILENCE_US;
   return silent ? Delivery::GivenUp : Delivery::Pending;
 }

@@ -22,6 +22,8 @@ struct SelectionAtoms {
 
 inline constexpr char PASSWORD_HINT[] = "x-kde-passwordManagerHint";
 
+inline constexpr std::uint8_t SENT_BY_PROGRAM = 0x80;  // SendEvent's mark in an event's type
+
 // A window that nobody sees, with notifications of its properties. Destroyed with its scope.
 class SelectionWindow {
  public:

@@ -15,8 +15,6 @@ constexpr std::uint64_t TAKING_US = 1'000'000;     // for the server to tell its
 constexpr std::size_t TRANSFERS_MAX = 32;
 constexpr std::uint32_t MULTIPLE_WORDS_MAX = 128;  // 64 pairs
 
-constexpr std::uint8_t SENT_BY_PROGRAM = 0x80;  // SendEvent's mark in an event's type
-
 std::span<const std::uint8_t> as_bytes(const std::string& text) {
   return {reinterpret_cast<const std::uint8_t*>(text.data()), text.size()};
 }

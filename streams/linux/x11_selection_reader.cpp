@@ -11,8 +11,7 @@ namespace {
 constexpr std::uint64_t STEP_US = 1'000'000;  // the answer, and each piece
 constexpr std::uint64_t END_US = 15'000'000;  // the whole
 
-constexpr std::uint8_t SENT_BY_PROGRAM = 0x80;  // SendEvent's mark in an event's type
-constexpr std::uint32_t WORD = 4;               // what properties are measured in, bytes
+constexpr std::uint32_t WORD = 4;  // what properties are measured in, bytes
 
 std::uint64_t value_bytes(const xcb_get_property_reply_t& reply) {
   return static_cast<std::uint64_t>(xcb_get_property_value_length(&reply));
