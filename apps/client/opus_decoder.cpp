@@ -5,10 +5,7 @@
 #include <cstring>
 
 #include "apps/client/sound_receiver.h"
-
-extern "C" {
-#include <libavcodec/avcodec.h>
-}
+#include "capture/ffmpeg_objects.h"
 
 namespace {
 
@@ -18,34 +15,28 @@ constexpr std::uint8_t TOC_ONE_FRAME = 0xFC;  // RFC 6716, 3.1: all but the fram
 }  // namespace
 
 struct OpusSoundDecoder::Impl {
-  AVCodecContext* context = nullptr;
-  AVPacket* packet = av_packet_alloc();
-  AVFrame* frame = av_frame_alloc();
+  ffmpeg::ContextPtr context;
+  ffmpeg::PacketPtr packet{av_packet_alloc()};
+  ffmpeg::FramePtr frame{av_frame_alloc()};
   std::array<std::uint8_t, PACKET_MAX + AV_INPUT_BUFFER_PADDING_SIZE> bytes{};
   int toc = -1;  // of the last packet
-
-  ~Impl() {
-    avcodec_free_context(&context);
-    av_packet_free(&packet);
-    av_frame_free(&frame);
-  }
 };
 
 OpusSoundDecoder::OpusSoundDecoder() : impl_(std::make_unique<Impl>()) {}
 OpusSoundDecoder::~OpusSoundDecoder() = default;
 
 bool OpusSoundDecoder::open() {
-  avcodec_free_context(&impl_->context);
+  impl_->context.reset();
   impl_->toc = -1;
   const AVCodec* codec = avcodec_find_decoder_by_name("libopus");
   if (!codec || !impl_->packet || !impl_->frame) return false;
-  impl_->context = avcodec_alloc_context3(codec);
+  impl_->context.reset(avcodec_alloc_context3(codec));
   if (!impl_->context) return false;
   impl_->context->sample_rate = SOUND_RATE;
   impl_->context->request_sample_fmt = AV_SAMPLE_FMT_FLT;
   impl_->context->log_level_offset = AV_LOG_MAX_OFFSET;  // what comes is the host's: it is counted
   av_channel_layout_default(&impl_->context->ch_layout, SOUND_CHANNELS);
-  if (avcodec_open2(impl_->context, codec, nullptr) < 0) avcodec_free_context(&impl_->context);
+  if (avcodec_open2(impl_->context.get(), codec, nullptr) < 0) impl_->context.reset();
   return impl_->context != nullptr;
 }
 
@@ -56,8 +47,8 @@ std::span<const float> OpusSoundDecoder::decode(const std::uint8_t* packet, std:
               AV_INPUT_BUFFER_PADDING_SIZE, std::uint8_t{0});
   impl_->packet->data = impl_->bytes.data();
   impl_->packet->size = static_cast<int>(size);
-  if (avcodec_send_packet(impl_->context, impl_->packet) < 0 ||
-      avcodec_receive_frame(impl_->context, impl_->frame) < 0)
+  if (avcodec_send_packet(impl_->context.get(), impl_->packet.get()) < 0 ||
+      avcodec_receive_frame(impl_->context.get(), impl_->frame.get()) < 0)
     return {};
   const AVFrame& frame = *impl_->frame;
   if (frame.format != AV_SAMPLE_FMT_FLT || frame.ch_layout.nb_channels != SOUND_CHANNELS) return {};

@@ -5,11 +5,11 @@
 #include <memory>
 #include <new>
 
+#include "capture/ffmpeg_objects.h"
 #include "streams/png_codec.h"
 
 extern "C" {
 #include <libavutil/mem.h>
-#include <libswscale/swscale.h>
 }
 
 namespace {
@@ -37,20 +37,15 @@ class Plane {
   std::unique_ptr<std::uint16_t[], AvFree> values_;
 };
 
-struct FreeContext {
-  void operator()(SwsContext* context) const { sws_freeContext(context); }
-};
-using Context = std::unique_ptr<SwsContext, FreeContext>;
-
 struct Size {
   int width;
   int height;
 };
 
-Context make_context(Size from, Size to) {
-  return Context(sws_getContext(from.width, from.height, AV_PIX_FMT_GRAY16, to.width, to.height,
-                                AV_PIX_FMT_GRAY16, SWS_AREA | SWS_ACCURATE_RND, nullptr, nullptr,
-                                nullptr));
+ffmpeg::ScalerPtr make_context(Size from, Size to) {
+  return ffmpeg::ScalerPtr(sws_getContext(from.width, from.height, AV_PIX_FMT_GRAY16, to.width,
+                                          to.height, AV_PIX_FMT_GRAY16, SWS_AREA | SWS_ACCURATE_RND,
+                                          nullptr, nullptr, nullptr));
 }
 
 // A channel of the source; colours multiplied by alpha.
@@ -89,7 +84,7 @@ std::uint8_t to_8_bits(std::uint32_t value) {
 bool scale_image(const Image& source, std::uint32_t width, std::uint32_t height, Image* out) try {
   const Size from{static_cast<int>(source.width), static_cast<int>(source.height)};
   const Size to{static_cast<int>(width), static_cast<int>(height)};
-  const Context context = make_context(from, to);
+  const ffmpeg::ScalerPtr context = make_context(from, to);
   if (!context) return false;
 
   out->width = width;

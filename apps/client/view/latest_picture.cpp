@@ -1,27 +1,18 @@
 #include "apps/client/view/latest_picture.h"
 
-extern "C" {
-#include <libavutil/pixfmt.h>
-#include <libswscale/swscale.h>
-}
-
 #include <utility>
-
-LatestPicture::~LatestPicture() {
-  sws_freeContext(scaler_);
-}
 
 bool LatestPicture::convert(const DecodedPicture& from, ShownPicture* to) {
   if (!scaler_ || scaler_width_ != from.width || scaler_height_ != from.height) {
-    sws_freeContext(scaler_);
-    scaler_ = sws_getContext(from.width, from.height, AV_PIX_FMT_YUV420P, from.width, from.height,
-                             AV_PIX_FMT_BGRA, SWS_BILINEAR, nullptr, nullptr, nullptr);
+    scaler_.reset(sws_getContext(from.width, from.height, AV_PIX_FMT_YUV420P, from.width,
+                                 from.height, AV_PIX_FMT_BGRA, SWS_BILINEAR, nullptr, nullptr,
+                                 nullptr));
     if (!scaler_) return false;
     const int* coefficients = sws_getCoefficients(SWS_CS_ITU709);
     constexpr int FULL_RANGE = 1;
     constexpr int ONE = 1 << 16;  // contrast and saturation
-    sws_setColorspaceDetails(scaler_, coefficients, FULL_RANGE, coefficients, FULL_RANGE, 0, ONE,
-                             ONE);
+    sws_setColorspaceDetails(scaler_.get(), coefficients, FULL_RANGE, coefficients, FULL_RANGE, 0,
+                             ONE, ONE);
     scaler_width_ = from.width;
     scaler_height_ = from.height;
   }
@@ -31,7 +22,7 @@ bool LatestPicture::convert(const DecodedPicture& from, ShownPicture* to) {
                     4);
   std::uint8_t* planes[] = {to->pixels.data()};
   const int strides[] = {from.width * 4};
-  return sws_scale(scaler_, from.planes, from.strides, 0, from.height, planes, strides) ==
+  return sws_scale(scaler_.get(), from.planes, from.strides, 0, from.height, planes, strides) ==
          from.height;
 }
 

@@ -11,8 +11,7 @@
 
 #include "apps/client/decoder.h"
 #include "apps/client/statistics.h"
-
-struct SwsContext;
+#include "capture/ffmpeg_objects.h"
 
 struct ShownPicture {
   int width = 0;
@@ -25,11 +24,6 @@ struct ShownPicture {
 
 class LatestPicture {
  public:
-  LatestPicture() = default;
-  ~LatestPicture();
-  LatestPicture(const LatestPicture&) = delete;
-  LatestPicture& operator=(const LatestPicture&) = delete;
-
   // Decoder thread. False when there was no memory to convert it.
   bool offer(const DecodedPicture& picture, const FrameTimes& times, std::uint64_t now_us);
 
@@ -40,7 +34,7 @@ class LatestPicture {
  private:
   bool convert(const DecodedPicture& from, ShownPicture* to);
 
-  SwsContext* scaler_ = nullptr;
+  ffmpeg::ScalerPtr scaler_;
   int scaler_width_ = 0, scaler_height_ = 0;
   std::uint64_t serial_ = 0;
 
