@@ -154,6 +154,14 @@ void ClipboardSync::session_up(std::uint32_t session, std::uint64_t payload, Sen
   lund_clip_set_session(core_->engine, session, payload);
 }
 
+void ClipboardSync::resize(std::uint32_t session, std::uint64_t payload) {
+  {
+    const std::lock_guard lock(core_->send_mutex);
+    if (!core_->send || session != core_->listener.session()) return;
+  }
+  lund_clip_set_session(core_->engine, session, payload);
+}
+
 void ClipboardSync::session_down(std::uint32_t session) {
   {
     const std::lock_guard lock(core_->send_mutex);

@@ -33,9 +33,11 @@ class ClipboardSync {
   void set_enabled(bool enabled);
   bool enabled() const;
 
-  // After start. `payload`: the largest packet that the session's path carries, bytes. Again with
-  // another one when that changes, which drops what is in flight.
+  // After start. `payload`: the largest packet that the session's path carries, bytes.
   void session_up(std::uint32_t session, std::uint64_t payload, Send send);
+  // Another payload, which drops what is in flight. Nothing for another session than the present
+  // one.
+  void resize(std::uint32_t session, std::uint64_t payload);
   // Nothing for another session than the present one; 0 means whichever it is.
   void session_down(std::uint32_t session);
   void receive(const std::uint8_t* packet, std::uint64_t length);

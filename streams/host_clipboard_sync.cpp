@@ -28,46 +28,27 @@ HostClipboardSync::Sync HostClipboardSync::sync() const {
   return sync_;
 }
 
-HostClipboardSync::Sync HostClipboardSync::begin(std::uint32_t session, Send send, bool* first) {
+HostClipboardSync::Sync HostClipboardSync::begin(bool* first) {
   const std::lock_guard lock(mutex_);
   *first = !std::exchange(begun_, true);
   if (*first) sync_ = make_sync(make_access_);
-  session_ = session;
-  send_ = std::move(send);
   return sync_;
 }
 
 void HostClipboardSync::session_start(std::uint32_t session, int payload, Send send) {
   bool first = false;
-  const Sync sync = begin(session, send, &first);
+  const Sync sync = begin(&first);
   if (first && (!sync || !sync->start()))
     hlog("clipboard: could not start the clipboard listener; clipboard sync is off");
   if (sync) sync->session_up(session, static_cast<std::uint64_t>(payload), std::move(send));
 }
 
 void HostClipboardSync::resize(std::uint32_t session, int payload) {
-  Sync sync;
-  Send send;
-  {
-    const std::lock_guard lock(mutex_);
-    if (session_ != session || !send_) return;
-    sync = sync_;
-    send = send_;
-  }
-  if (sync) sync->session_up(session, static_cast<std::uint64_t>(payload), std::move(send));
+  if (const Sync to = sync()) to->resize(session, static_cast<std::uint64_t>(payload));
 }
 
 void HostClipboardSync::session_end(std::uint32_t session) {
-  Sync sync;
-  {
-    const std::lock_guard lock(mutex_);
-    if (session_ == session) {
-      session_ = 0;
-      send_ = nullptr;
-    }
-    sync = sync_;
-  }
-  if (sync) sync->session_down(session);
+  if (const Sync to = sync()) to->session_down(session);
 }
 
 void HostClipboardSync::receive(const std::uint8_t* data, std::uint64_t size) {

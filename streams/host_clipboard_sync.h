@@ -26,12 +26,10 @@ class HostClipboardSync final : public HostClipboard {
   using Sync = std::shared_ptr<ClipboardSync>;
 
   Sync sync() const;
-  Sync begin(std::uint32_t session, Send send, bool* first);
+  Sync begin(bool* first);
 
   const MakeAccess make_access_;
   mutable std::mutex mutex_;
   bool begun_ = false;  // tried once
   Sync sync_;           // none before, and none when it couldn't be made
-  std::uint32_t session_ = 0;
-  Send send_;
 };

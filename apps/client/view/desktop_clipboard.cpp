@@ -9,28 +9,15 @@ DesktopClipboard::DesktopClipboard(std::unique_ptr<ClipboardAccess> access)
           std::move(access), [](const std::string& line) { hlog("%s", line.c_str()); }, true) {}
 
 void DesktopClipboard::session_start(std::uint32_t session, int payload, Send send) {
-  {
-    const std::lock_guard lock(mutex_);
-    send_ = send;
-  }
   sync_.session_up(session, static_cast<std::uint64_t>(payload), std::move(send));
 }
 
 void DesktopClipboard::session_end(std::uint32_t session) {
-  {
-    const std::lock_guard lock(mutex_);
-    send_ = nullptr;
-  }
   sync_.session_down(session);
 }
 
 void DesktopClipboard::resize(std::uint32_t session, int payload) {
-  Send send;
-  {
-    const std::lock_guard lock(mutex_);
-    send = send_;
-  }
-  if (send) sync_.session_up(session, static_cast<std::uint64_t>(payload), std::move(send));
+  sync_.resize(session, static_cast<std::uint64_t>(payload));
 }
 
 void DesktopClipboard::receive(const std::uint8_t* data, std::uint64_t size) {

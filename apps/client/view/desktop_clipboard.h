@@ -1,10 +1,8 @@
 // This computer's clipboard as the other end of the host's, for the length of the program. Whether
-// it is shared is the user's choice at the window, and not stored. Any thread; one mutex, released
-// before anything is called.
+// it is shared is the user's choice at the window, and not stored. Any thread.
 #pragma once
 
 #include <memory>
-#include <mutex>
 
 #include "streams/clipboard_bridge.h"
 #include "streams/host_clipboard.h"
@@ -25,6 +23,4 @@ class DesktopClipboard final : public HostClipboard {
 
  private:
   ClipboardSync sync_;
-  std::mutex mutex_;
-  Send send_;
 };
