@@ -27,7 +27,6 @@ constexpr int MAX_FPS = 240;
 constexpr int MAX_CPU_THREADS = 4;
 constexpr int PACKET_WAIT_MS = 100;
 constexpr int PLANE_ALIGNMENT_BYTES = 64;
-constexpr int SWS_UNITY = 0x10000;  // contrast and saturation of 1.0
 constexpr int H264_HIGH = 100;
 constexpr int H264_CONSTRAINED_BASELINE = 578;
 constexpr int HEVC_MAIN = 1;
@@ -121,17 +120,13 @@ bool VideoEncoder::Codec::make_frame(const EncoderSettings& settings) {
   return av_frame_get_buffer(frame.get(), PLANE_ALIGNMENT_BYTES) >= 0;
 }
 
-// Setting the colours rebuilds the converter's tables, so it happens once for a source's size.
 bool VideoEncoder::Codec::make_scaler(int source_width, int source_height) {
   if (scaler && scaler_width == source_width && scaler_height == source_height) return true;
   scaler.reset(sws_getCachedContext(scaler.release(), source_width, source_height, AV_PIX_FMT_BGRA,
                                     frame->width, frame->height, AV_PIX_FMT_YUV420P, SWS_BILINEAR,
                                     nullptr, nullptr, nullptr));
   if (!scaler) return false;
-  const int* bt709 = sws_getCoefficients(SWS_CS_ITU709);
-  constexpr int FULL_RANGE = 1;
-  sws_setColorspaceDetails(scaler.get(), bt709, FULL_RANGE, bt709, FULL_RANGE, 0, SWS_UNITY,
-                           SWS_UNITY);
+  ffmpeg::set_bt709_full_range(scaler.get());
   scaler_width = source_width;
   scaler_height = source_height;
   return true;

@@ -34,4 +34,12 @@ using PacketPtr = std::unique_ptr<AVPacket, PacketFree>;
 using BufferPtr = std::unique_ptr<AVBufferRef, BufferUnref>;
 using ScalerPtr = std::unique_ptr<SwsContext, ScalerFree>;
 
+// The colours of a converter between I420 and BGRA. Rebuilds its tables: once for a size.
+inline void set_bt709_full_range(SwsContext* scaler) {
+  constexpr int FULL_RANGE = 1;
+  constexpr int ONE = 1 << 16;  // contrast and saturation
+  const int* bt709 = sws_getCoefficients(SWS_CS_ITU709);
+  sws_setColorspaceDetails(scaler, bt709, FULL_RANGE, bt709, FULL_RANGE, 0, ONE, ONE);
+}
+
 }  // namespace ffmpeg

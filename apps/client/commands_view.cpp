@@ -4,11 +4,11 @@
 
 #include <cstdio>
 #include <cstdlib>
-#include <fstream>
 #include <string_view>
 
 #include "apps/client/commands.h"
 #include "apps/client/host_access.h"
+#include "apps/client/json_report.h"
 #include "apps/client/view/desktop_clipboard.h"
 #include "apps/client/view/keys.h"
 #include "apps/client/view/sound_output.h"
@@ -49,15 +49,6 @@ class Sdl {
     SDL_Quit();
   }
 };
-
-bool write_report(const std::filesystem::path& path, const nlohmann::json& report,
-                  std::string* error) {
-  std::ofstream file(path, std::ios::trunc);
-  file << report.dump(2) << '\n';
-  file.close();
-  if (!file) *error = "cannot write " + path.string();
-  return static_cast<bool>(file);
-}
 
 ViewRequest view_request(const Arguments& args, const std::string& host_name) {
   ViewRequest request;
@@ -116,7 +107,7 @@ int run_view(const Arguments& args) {
   const SessionEnd end = viewer.run(session, &ended);
   sound.close();
   int status = exit_status(end);
-  if (!args.view.report.empty() && !write_report(args.view.report, viewer.report(session), &error))
+  if (!args.view.report.empty() && !write_json(args.view.report, viewer.report(session), &error))
     status = fail(EXIT_LOCAL, error);
   if (!access.remember(session, &error)) status = fail(EXIT_LOCAL, error);
   return status;

@@ -2,19 +2,15 @@
 
 #include <cmath>
 #include <cstdio>
-#include <fstream>
 
+#include "apps/client/json_report.h"
 #include "apps/client/picture.h"
 #include "connection/clock.h"
 
 namespace {
 
-double rounded_ms(double us) {
-  return std::round(us) / 1000;
-}
-
 nlohmann::json stream_values(const lund_hello_ack& ack) {
-  return {{"codec", ack.codec == 1 ? "HEVC" : "H.264"},
+  return {{"codec", codec_name(ack.codec)},
           {"width", ack.width},
           {"height", ack.height},
           {"fps", ack.fps},
@@ -35,7 +31,7 @@ nlohmann::json report(HostSession& session, HostLink& link) {
   json["paths"] = paths.report(session.main().frame_counts());
   json["reconnects"] = nlohmann::json::array();
   for (const Reconnect& reconnect : session.reconnects())
-    json["reconnects"].push_back({{"at_s", std::round(reconnect.at_s * 1000) / 1000},
+    json["reconnects"].push_back({{"at_s", rounded(reconnect.at_s)},
                                   {"gap_ms", std::round(reconnect.gap_ms)},
                                   {"reason", reconnect.reason}});
   json["hello_to_first_frame_ms"] = session.hello_to_first_frame_ms();
@@ -67,7 +63,7 @@ nlohmann::json report_sound(const SoundReceiver::Counts& counts, const WavWriter
           {"late", counts.late},
           {"concealed", counts.concealed},
           {"undecodable", counts.undecodable},
-          {"seconds", std::round(static_cast<double>(file.frames()) / SOUND_RATE * 1000) / 1000}};
+          {"seconds", rounded(static_cast<double>(file.frames()) / SOUND_RATE)}};
 }
 
 nlohmann::json report_input(const InputSender& input) {
@@ -77,9 +73,9 @@ nlohmann::json report_input(const InputSender& input) {
                          {"packets", counts.packets},    {"repeats", counts.repeated},
                          {"forgotten", counts.forgotten}};
   if (!counts.latency_us.empty())
-    json["acknowledged_after_ms"] = {{"p50", rounded_ms(percentile(counts.latency_us, 50))},
-                                     {"p95", rounded_ms(percentile(counts.latency_us, 95))},
-                                     {"max", rounded_ms(percentile(counts.latency_us, 100))}};
+    json["acknowledged_after_ms"] = {{"p50", rounded(percentile(counts.latency_us, 50) / 1000)},
+                                     {"p95", rounded(percentile(counts.latency_us, 95) / 1000)},
+                                     {"max", rounded(percentile(counts.latency_us, 100) / 1000)}};
   return json;
 }
 
@@ -134,10 +130,7 @@ bool write_results(const std::filesystem::path& out, HostSession& session, HostL
   };
   nlohmann::json json = report(session, link);
   add_extras(json, session, run);
-  std::ofstream file(out / "report.json", std::ios::trunc);
-  file << json.dump(2) << '\n';
-  file.close();
-  if (!file) return refused(out / "report.json");
+  if (!write_json(out / "report.json", json, error)) return false;
   for (std::size_t i = 0; i < session.streams().size(); ++i) {
     const DecodedPicture* picture = session.streams()[i]->decoder().last_picture();
     const auto path = screen_directory(out, i) / "last_frame.png";
@@ -156,7 +149,7 @@ std::string summary(HostSession& session, HostLink& link) {
   std::snprintf(line, sizeof line,
                 "%s %dx%d via %s %s: %u frames in %.1f s (%.1f fps, %.2f Mbps), %u lost, "
                 "%u recovered, rtt %.2f ms, first frame %.0f ms after HELLO\n",
-                ack.codec == 1 ? "HEVC" : "H.264", ack.width, ack.height,
+                codec_name(ack.codec), ack.width, ack.height,
                 json["path"]["class"].get<std::string>().c_str(),
                 json["path"]["host"].get<std::string>().c_str(), json["frames"].get<unsigned>(),
                 json["seconds"].get<double>(), json["fps"].get<double>(),

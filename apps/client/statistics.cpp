@@ -4,14 +4,12 @@
 #include <cmath>
 #include <cstdio>
 
+#include "apps/client/json_report.h"
+
 namespace {
 
 constexpr std::size_t STAGES = static_cast<std::size_t>(Stage::Count);
 constexpr std::size_t SAMPLES_KEPT = 216'000;
-
-double rounded(double value, double steps_per_unit) {
-  return std::round(value * steps_per_unit) / steps_per_unit;
-}
 
 }  // namespace
 
@@ -54,9 +52,9 @@ void LatencySamples::add(double us) {
 
 nlohmann::json LatencySamples::report() const {
   std::vector<double> samples = us_;
-  return {{"p50", rounded(percentile(samples, 50) / 1000, 1000)},
-          {"p95", rounded(percentile(samples, 95) / 1000, 1000)},
-          {"max", rounded(percentile(samples, 100) / 1000, 1000)},
+  return {{"p50", rounded(percentile(samples, 50) / 1000)},
+          {"p95", rounded(percentile(samples, 95) / 1000)},
+          {"max", rounded(percentile(samples, 100) / 1000)},
           {"samples", samples.size()}};
 }
 
@@ -126,7 +124,7 @@ nlohmann::json StreamStatistics::report(double seconds) const {
       latency[stage_name(static_cast<Stage>(stage))] = samples_[stage].report();
   }
   const double lasted = std::max(seconds, 1e-9);
-  return {{"seconds", rounded(seconds, 1000)},
+  return {{"seconds", rounded(seconds)},
           {"frames", decoded_},
           {"keyframes", keyframes_},
           {"frames_lost", lost_},
@@ -135,8 +133,8 @@ nlohmann::json StreamStatistics::report(double seconds) const {
           {"frames_recovered", recovered_frames_},
           {"shards_recovered", recovered_shards_},
           {"bytes", bytes_},
-          {"fps", rounded(decoded_ / lasted, 100)},
-          {"mbps", rounded(static_cast<double>(bytes_) * 8 / lasted / 1e6, 1000)},
-          {"rtt_ms", rounded(rtt_us_ / 1000, 1000)},
+          {"fps", rounded(decoded_ / lasted)},
+          {"mbps", rounded(static_cast<double>(bytes_) * 8 / lasted / 1e6)},
+          {"rtt_ms", rounded(rtt_us_ / 1000)},
           {"latency_ms", latency}};
 }

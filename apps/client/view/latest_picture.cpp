@@ -8,11 +8,7 @@ bool LatestPicture::convert(const DecodedPicture& from, ShownPicture* to) {
                                  from.height, AV_PIX_FMT_BGRA, SWS_BILINEAR, nullptr, nullptr,
                                  nullptr));
     if (!scaler_) return false;
-    const int* coefficients = sws_getCoefficients(SWS_CS_ITU709);
-    constexpr int FULL_RANGE = 1;
-    constexpr int ONE = 1 << 16;  // contrast and saturation
-    sws_setColorspaceDetails(scaler_.get(), coefficients, FULL_RANGE, coefficients, FULL_RANGE, 0,
-                             ONE, ONE);
+    ffmpeg::set_bt709_full_range(scaler_.get());
     scaler_width_ = from.width;
     scaler_height_ = from.height;
   }

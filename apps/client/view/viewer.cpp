@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <thread>
 
+#include "apps/client/json_report.h"
 #include "apps/client/view/overlay.h"
 #include "connection/clock.h"
 
@@ -18,10 +19,6 @@ constexpr std::uint64_t NOTE_US = 2 * SECOND_US;
 constexpr std::uint64_t STOP_LOOK_US = 100'000;  // how often Ctrl+C is looked for
 constexpr int CASCADE = 48;                      // window units between windows on one display
 
-double rounded(double value) {
-  return std::round(value * 1000) / 1000;
-}
-
 // Each on a display of its own while there are enough, else one beside the other.
 void place(int index, WindowRequest* request) {
   if (index == 0) return;
@@ -30,10 +27,6 @@ void place(int index, WindowRequest* request) {
   } else {
     request->x = request->y = index * CASCADE;
   }
-}
-
-const char* codec_name(std::uint8_t codec) {
-  return codec == 1 ? "HEVC" : "H.264";
 }
 
 }  // namespace
