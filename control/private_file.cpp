@@ -21,8 +21,8 @@ std::filesystem::path temporary_beside(const std::filesystem::path& path) {
   return temporary;
 }
 
-using store_platform::Read;
 using std::filesystem::file_type;
+using store_platform::Read;
 
 bool is_machine() {
   return keystore::hostStoreScope() == keystore::Machine;
