@@ -126,7 +126,7 @@ int run(const RendezvousOptions& options) {
                           send_by(socket.get()));
   if (!server.ready()) return fail(EXIT_LOCAL, "the system's random source failed");
   watch_signals();
-  tell_link(setup.server);
+  if (!options.hide_link) tell_link(setup.server);
   tell("Listening on UDP port " + std::to_string(port) + ". Ctrl+C stops.\n");
   const int status = serve(socket.get(), server);
   tell(statistics_text(server.statistics()));
@@ -160,6 +160,8 @@ int run_program(int argc, char** argv) {
   app.add_option("--host", options.host,
                  "Name or address of this server in the link; otherwise "
                  "its first local address");
+  app.add_flag("--hide-link", options.hide_link,
+               "Don't print the relay link, which holds the key; for output that goes into a log");
   app.add_option("--max-hosts", limits.hosts, "Hosts registered at a time")
       ->check(CLI::Range(1, 10'000'000))
       ->capture_default_str();

@@ -16,8 +16,9 @@ struct RendezvousOptions {
   std::optional<std::string> key;                 // as in a link
   std::optional<std::filesystem::path> key_file;  // its first line: a key, or a whole link
   std::optional<std::string> link;
-  std::string bind;  // the local address to listen on and answer from; empty: all
-  std::string host;  // by which clients reach this server; empty: the link's, or found out
+  std::string bind;        // the local address to listen on and answer from; empty: all
+  std::string host;        // by which clients reach this server; empty: the link's, or found out
+  bool hide_link = false;  // what it prints is kept where more people read than may know the key
   RendezvousLimits limits;
 };
 

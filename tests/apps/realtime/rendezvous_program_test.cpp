@@ -100,6 +100,15 @@ TEST(RendezvousProgramTest, ItsLinkOpensItAndTheKeyStandsNowhereElse) {
   EXPECT_EQ(count(server.process().output(), "statistics: now"), 2u);  // asked for, and the end's
 }
 
+TEST(RendezvousProgramTest, SaysItsKeyNowhereWhenItsLinkIsToBeHidden) {
+  RendezvousProgram server({"--hide-link"});
+  server.statistics();
+  server.process().signal(SIGTERM);
+  EXPECT_EQ(server.process().wait(seconds(10)), 0);
+  EXPECT_EQ(count(server.process().output(), RendezvousProgram::KEY), 0u);
+  EXPECT_FALSE(holds(server.process().output(), "lunderhaze-relay:")) << server.process().output();
+}
+
 TEST(RendezvousProgramTest, WithoutAKeyItDrawsADifferentOneEachTime) {
   std::string keys[2];
   for (std::string& key : keys) {
