@@ -39,6 +39,13 @@ endif()
 if(LUND_FUZZ)
   add_compile_options(-fsanitize=fuzzer-no-link)
 endif()
+# What Debian's dpkg-buildflags give with hardening=+all, and said here so that what is packaged is
+# what was tested. The sanitizers bring checks of their own, which these would hide errors from.
+if(NOT WIN32 AND NOT LUND_SANITIZE)
+  add_compile_options(-fPIE -fstack-protector-strong -Wformat -Werror=format-security
+    -Wdate-time -U_FORTIFY_SOURCE -D_FORTIFY_SOURCE=2)
+  add_link_options(-pie -Wl,-z,relro,-z,now)
+endif()
 find_package(Threads REQUIRED)
 target_link_libraries(lund_options INTERFACE Threads::Threads)
 
