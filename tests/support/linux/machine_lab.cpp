@@ -17,23 +17,42 @@ namespace fs = std::filesystem;
 constexpr std::chrono::seconds DEADLINE{20};
 constexpr char READY[] = "the lab is ready";
 // A mount over /run is the lab's own only where mounts don't propagate.
-const std::vector<std::string> HOLDER = {
-    "setpriv",
-    "--pdeathsig",
-    "KILL",
-    "unshare",
-    "--mount",
-    "--net",
-    "--propagation",
-    "private",
-    "sh",
-    "-c",
-    "mount -n -t tmpfs -o mode=755 tmpfs /run && mount -n -t tmpfs -o mode=755 tmpfs /var/lib && "
-    "ip link set lo up && echo the lab is ready && exec sleep infinity"};
+std::vector<std::string> holder(const std::string& script, const std::string& system = {}) {
+  return {"setpriv", "--pdeathsig", "KILL", "unshare", "--mount", "--net", "--propagation",
+          "private", "sh",          "-ec",  script,    "sh",      system};
+}
+const std::vector<std::string> HOLDER = holder(R"(
+  mount -n -t tmpfs -o mode=755 tmpfs /run
+  mount -n -t tmpfs -o mode=755 tmpfs /var/lib
+  ip link set lo up
+  echo the lab is ready
+  exec sleep infinity)");
 
-std::string refusal_of_this_computer() {
+// The other system lies under a layer in memory that takes all changes. By pivot_root, and not by
+// chroot, its root is the root of all that enter the mount namespace.
+std::vector<std::string> holder_with(const fs::path& system) {
+  return holder(R"(
+    ip link set lo up
+    mount -n -t tmpfs -o mode=755 tmpfs /run
+    mkdir /run/changes /run/work /run/root
+    cd "$1"
+    mount -n -t overlay -o lowerdir=.,upperdir=/run/changes,workdir=/run/work overlay /run/root
+    cd /run/root
+    mount -n --rbind /dev dev
+    mount -n --rbind /sys sys
+    mount -n --bind /tmp tmp
+    mount -n -t proc proc proc
+    mount -n -t tmpfs -o mode=755 tmpfs run
+    pivot_root . mnt
+    umount -n -l /mnt
+    echo the lab is ready
+    exec sleep infinity)",
+                system.string());
+}
+
+std::string refusal_of_this_computer(const std::vector<std::string>& how) {
   if (geteuid() != 0) return "a machine's own mounts and network need root";
-  ChildProcess holder(HOLDER);
+  ChildProcess holder(how);
   if (holder.wait_for_output(READY, DEADLINE)) return {};
   return "no mount and network namespaces here: " + holder.output();
 }
@@ -46,11 +65,19 @@ std::string link_target(const std::string& link) {
 }  // namespace
 
 const std::string& MachineLab::missing() {
-  static const std::string reason = refusal_of_this_computer();
+  static const std::string reason = refusal_of_this_computer(HOLDER);
   return reason;
 }
 
+std::string MachineLab::missing(const fs::path& system) {
+  return refusal_of_this_computer(holder_with(system));
+}
+
 MachineLab::MachineLab() : holder_(HOLDER) {
+  EXPECT_TRUE(holder_.wait_for_output(READY, DEADLINE)) << holder_.output();
+}
+
+MachineLab::MachineLab(const fs::path& system) : holder_(holder_with(system)) {
   EXPECT_TRUE(holder_.wait_for_output(READY, DEADLINE)) << holder_.output();
 }
 

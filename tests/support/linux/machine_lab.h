@@ -4,6 +4,9 @@
 // What is mounted, bound or stored inside is never seen outside, and nothing stands between two
 // labs.
 //
+// It may have another system than the computer's own: then all files are that system's but those
+// of /tmp, /dev, /sys and /proc, and whatever is changed in the others is gone with the lab.
+//
 // Processes inside are the computer's own, with the ids that all others know them by, so that a
 // test can be the peer of one. All of them end with the lab. One thread.
 #pragma once
@@ -19,8 +22,11 @@ class MachineLab {
  public:
   // Why there can be no lab on this computer (not root, kernel without); empty when there can be.
   static const std::string& missing();
+  // The same for a lab that has another system.
+  static std::string missing(const std::filesystem::path& system);
 
   MachineLab();
+  explicit MachineLab(const std::filesystem::path& system);  // its root directory
   ~MachineLab();
   MachineLab(const MachineLab&) = delete;
   MachineLab& operator=(const MachineLab&) = delete;
