@@ -4,16 +4,17 @@ SECONDS ?= 10
 JOBS ?= $(shell nproc)
 BUILD = build/linux
 
-.PHONY: help run test lint sanitize soak bench fuzz windows test-windows clean
+.PHONY: help run test lint sanitize soak bench fuzz deb windows test-windows clean
 
 help:
 	@echo "make run [SECONDS=n]  build, stream this computer's screen to a client here, report"
 	@echo "make test             build and run all tests"
-	@echo "make lint             formatting, static analysis, the tree's own rules"
+	@echo "make lint             formatting, static analysis, the tree's own rules, the package"
 	@echo "make sanitize         the tests under address, undefined-behaviour and thread sanitizers"
 	@echo "make soak             the relay under load, ten minutes of streaming and the long tests under ASan"
 	@echo "make bench            benchmarks, each beside a rival"
 	@echo "make fuzz             each fuzz target for FUZZ_SECONDS (default 600)"
+	@echo "make deb              build the Debian package, out/deb/lunderhaze_<version>_<architecture>.deb"
 	@echo "make windows          cross-build for Windows x64 what exists for it"
 	@echo "make test-windows     not there yet: no program runs on Windows so far"
 
@@ -38,6 +39,7 @@ test: | build
 
 lint: | build
 	$(call configure,tools,linux)
+	@cmake --build $(BUILD) -j $(JOBS) --target package_deb
 	@scripts/lint $(BUILD)
 
 sanitize: | build
@@ -62,6 +64,12 @@ fuzz: | build
 	$(call configure,tools,fuzz)
 	@cmake --build build/fuzz -j $(JOBS) --target fuzz_targets
 	@scripts/fuzz build/fuzz/bin $(or $(FUZZ_SECONDS),600)
+
+deb: | build
+	$(call configure,linux,linux,-DLUND_TESTS=OFF -DLUND_BENCH=OFF)
+	@cmake --build $(BUILD) -j $(JOBS) --target package_deb
+	@rm -rf out/deb && mkdir -p out/deb && cp $(BUILD)/deb/*.deb out/deb/
+	@ls out/deb/*.deb
 
 windows: | build
 	@scripts/setup windows

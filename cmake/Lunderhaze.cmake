@@ -91,9 +91,10 @@ endfunction()
 # lund_test(NAME GLOB... LABEL label LIBS libraries...): a GoogleTest program of the sources that
 # match, with each of its tests known to ctest by its own name, and by what it needs: "virtual" runs
 # on the virtual clock, "realtime" has threads, sockets or files, "system" runs the programs. Suites
-# called ...SoakTest take minutes: ctest doesn't know them, scripts/soak runs them.
+# called ...SoakTest take minutes: ctest doesn't know them, scripts/soak runs them. NEEDS names a
+# fixture of ctest's that is set up before.
 function(lund_test name)
-  cmake_parse_arguments(arg "" "LABEL" "LIBS" ${ARGN})
+  cmake_parse_arguments(arg "" "LABEL;NEEDS" "LIBS" ${ARGN})
   file(GLOB sources CONFIGURE_DEPENDS ${arg_UNPARSED_ARGUMENTS})
   if(NOT sources)
     return()
@@ -103,5 +104,5 @@ function(lund_test name)
   target_compile_definitions(${name} PRIVATE
     LUND_SOURCE_DIR="${CMAKE_SOURCE_DIR}" LUND_BIN_DIR="${CMAKE_RUNTIME_OUTPUT_DIRECTORY}")
   gtest_discover_tests(${name} DISCOVERY_TIMEOUT 60 TEST_FILTER "-*SoakTest.*"
-    PROPERTIES TIMEOUT 120 LABELS ${arg_LABEL})
+    PROPERTIES TIMEOUT 120 LABELS ${arg_LABEL} FIXTURES_REQUIRED "${arg_NEEDS}")
 endfunction()

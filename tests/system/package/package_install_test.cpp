@@ -1,0 +1,185 @@
+// The package's life in a Debian system: installed, used, upgraded, removed, purged.
+#include <gmock/gmock.h>
+
+#include <regex>
+
+#include "tests/support/xvfb.h"
+#include "tests/system/package/package_support.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+using namespace std::chrono_literals;
+using testing::AnyOf;
+using testing::HasSubstr;
+using testing::Not;
+
+constexpr char DEFAULTS[] = "/etc/default/lunderhaze-rendezvous";
+
+class PackageInstallTest : public PackageTest {
+ protected:
+  std::vector<std::string> lines(const std::vector<std::string>& arguments) {
+    return lines_of(run(arguments));
+  }
+  // What the package put there, of the folders that match.
+  std::vector<std::string> installed(const std::string& folder) {
+    const std::regex wanted(folder + "/[^/]+");
+    std::vector<std::string> files;
+    for (const std::string& file : lines({"dpkg", "-L", "lunderhaze"}))
+      if (std::regex_match(file, wanted)) files.push_back(file);
+    EXPECT_FALSE(files.empty()) << folder;
+    return files;
+  }
+  std::string read(const std::string& path) { return file_content(debian().path(path)); }
+  void write(const std::string& path, const std::string& content) {
+    fs::create_directories(debian().path(path).parent_path());
+    write_file(debian().path(path), content);
+  }
+  bool there(const std::string& path) { return fs::exists(debian().path(path)); }
+
+  // Puts a systemctl there that writes down what it is told and says that systemd runs.
+  void pretend_systemd() {
+    write("/usr/local/bin/systemctl", "#!/bin/sh\necho \"$@\" >>/run/told\n");
+    fs::permissions(debian().path("/usr/local/bin/systemctl"), fs::perms(0755));
+    fs::create_directories(debian().path("/run/systemd/system"));
+  }
+  std::string told_systemd() {
+    const std::string said = read("/run/told");
+    fs::remove(debian().path("/run/told"));
+    return said;
+  }
+};
+
+TEST_F(PackageInstallTest, ProgramsStartWithNothingButWhatThePackageDependsOn) {
+  install();
+  for (const std::string& program : installed("/usr/s?bin"))
+    EXPECT_TRUE(std::regex_match(run({program, "--version"}),
+                                 std::regex("Lunderhaze \\d+\\.\\d+\\.\\d+ \\(.+\\)\n")))
+        << program;
+}
+
+// Not only by way of what another package depends on.
+TEST_F(PackageInstallTest, NamesThePackageOfEachLibraryThatAProgramNeeds) {
+  install();
+  const std::string depends = ", " + package_field("Depends");
+  std::map<std::string, std::string> paths;
+  const std::regex entry("\\s+(\\S+) \\(libc6,x86-64\\b.*\\) => (\\S+)");
+  for (const std::string& line : lines({"/sbin/ldconfig", "-p"}))
+    if (std::smatch match; std::regex_match(line, match, entry))
+      paths.emplace(match[1], fs::path(match[2].str()).filename().string());
+  std::set<std::string> needed;
+  for (const std::string& program : installed("/usr/s?bin")) {
+    const RunResult elf = run_program({"readelf", "-dW", debian().path(program).string()});
+    const std::regex library("\\(NEEDED\\).*\\[(.*)\\]");
+    for (std::sregex_iterator at(elf.output.begin(), elf.output.end(), library), end; at != end;
+         ++at)
+      needed.insert((*at)[1]);
+  }
+  EXPECT_GT(needed.size(), 5u);
+  for (const std::string& library : needed) {
+    const std::string owner = run({"sh", "-c", "dpkg -S */\"$0\" | head -1", library});
+    const std::string package = owner.substr(0, owner.find(':'));
+    EXPECT_THAT(depends, AnyOf(HasSubstr(", " + package + " "), HasSubstr(", " + package + ",")))
+        << library;
+  }
+}
+
+TEST_F(PackageInstallTest, ManPagesRenderWithoutAWarning) {
+  install();
+  for (const std::string& page : installed("/usr/share/man/man[1-8]")) {
+    EXPECT_EQ(run({"sh", "-c",
+                   "MANROFFSEQ= MANWIDTH=80 man --warnings -E UTF-8 -l -Tutf8 -Z \"$0\" >/dev/null",
+                   page}),
+              "")
+        << page;
+    const std::string text = run({"sh", "-c", "MANWIDTH=80 man -l \"$0\" | col -b", page});
+    EXPECT_THAT(text, HasSubstr("NAME\n")) << page;
+    EXPECT_THAT(text, HasSubstr(fs::path(page).stem().stem().string())) << page;
+  }
+}
+
+TEST_F(PackageInstallTest, UnitsAreSoundAndNoneIsEnabled) {
+  install();
+  for (const std::string& unit : installed("/usr/lib/systemd/system")) {
+    EXPECT_EQ(run({"systemd-analyze", "verify", unit}), "") << unit;
+    const RunResult enabled = debian().run({"systemctl", "is-enabled", fs::path(unit).filename()});
+    EXPECT_EQ(enabled.output, "disabled\n") << unit;
+  }
+}
+
+TEST_F(PackageInstallTest, TheRendezvousServerRunsByItsUnitsCommandLine) {
+  install();
+  write("/etc/lunderhaze/relay.key", "a-key-of-the-administrators\n");
+  const std::string unit = read("/usr/lib/systemd/system/lunderhaze-rendezvous.service");
+  std::smatch command;
+  ASSERT_TRUE(std::regex_search(unit, command, std::regex("\nExecStart=(.*)")));
+  // As systemd does it: the folder of credentials, and the words of the options' file.
+  ChildProcess server(
+      debian().inside(
+          {"sh", "-c", ". " + std::string(DEFAULTS) + "; exec " + command[1].str() + " --port 0"}),
+      {{"CREDENTIALS_DIRECTORY", "/etc/lunderhaze"}});
+  EXPECT_TRUE(server.wait_for_output("Listening on UDP port ", 20s)) << server.output();
+  server.signal(SIGTERM);
+  EXPECT_EQ(server.wait(20s), 0);
+  EXPECT_THAT(server.output(), Not(HasSubstr("a-key-of-the-administrators")));
+}
+
+TEST_F(PackageInstallTest, WhatAnAdministratorEditedSurvivesAReinstallAndARemoval) {
+  install();
+  const std::string edited = read(DEFAULTS) + "LUNDERHAZE_RENDEZVOUS_OPTIONS=--max-hosts=7\n";
+  write(DEFAULTS, edited);
+  write("/var/lib/lunderhaze/host/identity", "secret");
+  install();
+  EXPECT_EQ(read(DEFAULTS), edited);
+  run({"dpkg", "-r", "lunderhaze"});
+  EXPECT_FALSE(there("/usr/bin/lunderhaze"));
+  EXPECT_EQ(read(DEFAULTS), edited);
+  EXPECT_EQ(read("/var/lib/lunderhaze/host/identity"), "secret");
+}
+
+TEST_F(PackageInstallTest, NothingIsSaidToSystemdWhereItDoesNotRun) {
+  pretend_systemd();
+  fs::remove_all(debian().path("/run/systemd"));
+  install();
+  install();
+  run({"dpkg", "-P", "lunderhaze"});
+  EXPECT_EQ(told_systemd(), "");
+}
+
+TEST_F(PackageInstallTest, OnlyWhatTheAdministratorStartedRunsOnAfterAnUpgrade) {
+  pretend_systemd();
+  EXPECT_THAT(install(), HasSubstr("no service has been started"));
+  EXPECT_EQ(told_systemd(), "--system daemon-reload\n");
+  EXPECT_THAT(install(), Not(HasSubstr("no service has been started")));
+  EXPECT_EQ(told_systemd(),
+            "--system daemon-reload\n"
+            "try-restart lunderhaze.service lunderhaze-rendezvous.service\n");
+  run({"dpkg", "-r", "lunderhaze"});
+  EXPECT_EQ(told_systemd(),
+            "stop lunderhaze.service lunderhaze-rendezvous.service\n"
+            "--system daemon-reload\n");
+}
+
+TEST_F(PackageInstallTest, PurgeLeavesNothingBehind) {
+  const auto before = listing();
+  ASSERT_GT(before.size(), 1000u);
+  install();
+  // Used: enabled, configured, with a store and what a killed service leaves.
+  run({"systemctl", "enable", "lunderhaze-rendezvous"});
+  EXPECT_TRUE(there("/etc/systemd/system/multi-user.target.wants"));
+  write("/etc/lunderhaze/relay.key", "key\n");
+  write(DEFAULTS, "LUNDERHAZE_RENDEZVOUS_OPTIONS=--max-hosts=7\n");
+  write("/var/lib/lunderhaze/host/identity", "secret");
+  write("/var/lib/lunderhaze/host/host.log", "log");
+  write("/run/lunderhaze/worker.lock", "");
+  EXPECT_GT(listing().size(), before.size() + 20);
+  run({"dpkg", "-P", "lunderhaze"});
+  const auto after = listing();
+  for (const auto& [path, what] : after) {
+    const auto was = before.find(path);
+    EXPECT_EQ(was == before.end() ? "not there" : was->second, what) << path;
+  }
+  for (const auto& [path, what] : before) EXPECT_TRUE(after.contains(path)) << path << " is gone";
+}
+
+}  // namespace
