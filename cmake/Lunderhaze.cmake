@@ -115,6 +115,10 @@ function(lund_test name)
   target_link_libraries(${name} PRIVATE ${arg_LIBS} GTest::gmock GTest::gtest_main)
   target_compile_definitions(${name} PRIVATE
     LUND_SOURCE_DIR="${CMAKE_SOURCE_DIR}" LUND_BIN_DIR="${CMAKE_RUNTIME_OUTPUT_DIRECTORY}")
+  set(needs)
+  if(arg_NEEDS)
+    set(needs FIXTURES_REQUIRED ${arg_NEEDS})
+  endif()
   gtest_discover_tests(${name} DISCOVERY_TIMEOUT 60 TEST_FILTER "-*SoakTest.*"
-    PROPERTIES TIMEOUT 120 LABELS ${arg_LABEL} FIXTURES_REQUIRED "${arg_NEEDS}")
+    PROPERTIES TIMEOUT 120 LABELS ${arg_LABEL} ${needs})
 endfunction()

@@ -2,6 +2,7 @@
 #include <gmock/gmock.h>
 
 #include <regex>
+#include <thread>
 
 #include "tests/support/xvfb.h"
 #include "tests/system/package/package_support.h"
@@ -36,6 +37,27 @@ class PackageInstallTest : public PackageTest {
     write_file(debian().path(path), content);
   }
   bool there(const std::string& path) { return fs::exists(debian().path(path)); }
+
+  // Serves a screen by the service in the foreground, which is asked for its status and stopped.
+  void serve_for_a_while() {
+    const Xvfb screen(640, 480);
+    ASSERT_TRUE(screen.running());
+    ChildProcess service(
+        debian().inside({"/usr/sbin/lunderhaze-service", "--display", screen.display()}));
+    const auto until = std::chrono::steady_clock::now() + 30s;
+    RunResult status;
+    do {
+      std::this_thread::sleep_for(50ms);
+      status = debian().run({"/usr/sbin/lunderhaze-ctl", "status"});
+    } while (status.output.find("worker PID ") == std::string::npos &&
+             std::chrono::steady_clock::now() < until);
+    EXPECT_EQ(status.status, 0) << status.output;
+    EXPECT_THAT(status.output, HasSubstr("worker PID ")) << service.output();
+    EXPECT_EQ(debian().processes("lunderhaze-worker").size(), 1u);
+    run({"/usr/sbin/lunderhaze-ctl", "stop"});
+    EXPECT_EQ(service.wait(30s), 0) << service.output();
+    EXPECT_TRUE(debian().processes("lunderhaze-worker").empty());
+  }
 
   // Puts a systemctl there that writes down what it is told and says that systemd runs.
   void pretend_systemd() {
@@ -98,6 +120,23 @@ TEST_F(PackageInstallTest, ManPagesRenderWithoutAWarning) {
   }
 }
 
+TEST_F(PackageInstallTest, ManPagesNameEveryOption) {
+  install();
+  const std::regex option("(^|[ ,])(--[a-z][a-z-]+)");
+  for (const std::string& program : installed("/usr/s?bin")) {
+    const std::string page =
+        run({"sh", "-c", "MANWIDTH=80 man \"$(basename \"$0\")\" | col -b", program});
+    int options = 0;
+    for (const std::string& line : lines({program, "--help"}))
+      for (std::sregex_iterator at(line.begin(), line.end(), option), end; at != end; ++at) {
+        ++options;
+        EXPECT_TRUE(std::regex_search(page, std::regex((*at)[2].str() + "(?![a-z-])")))
+            << program << " " << (*at)[2];
+      }
+    EXPECT_GT(options, 1) << program;
+  }
+}
+
 TEST_F(PackageInstallTest, UnitsAreSoundAndNoneIsEnabled) {
   install();
   for (const std::string& unit : installed("/usr/lib/systemd/system")) {
@@ -122,6 +161,11 @@ TEST_F(PackageInstallTest, TheRendezvousServerRunsByItsUnitsCommandLine) {
   server.signal(SIGTERM);
   EXPECT_EQ(server.wait(20s), 0);
   EXPECT_THAT(server.output(), Not(HasSubstr("a-key-of-the-administrators")));
+}
+
+TEST_F(PackageInstallTest, TheServiceRunsInTheForegroundAndAnswersItsAdministrator) {
+  install();
+  serve_for_a_while();
 }
 
 TEST_F(PackageInstallTest, WhatAnAdministratorEditedSurvivesAReinstallAndARemoval) {
@@ -164,13 +208,13 @@ TEST_F(PackageInstallTest, PurgeLeavesNothingBehind) {
   const auto before = listing();
   ASSERT_GT(before.size(), 1000u);
   install();
-  // Used: enabled, configured, with a store and what a killed service leaves.
-  run({"systemctl", "enable", "lunderhaze-rendezvous"});
+  // Used: enabled, configured, run, and with what a killed service leaves.
+  run({"systemctl", "enable", "lunderhaze", "lunderhaze-rendezvous"});
   EXPECT_TRUE(there("/etc/systemd/system/multi-user.target.wants"));
   write("/etc/lunderhaze/relay.key", "key\n");
   write(DEFAULTS, "LUNDERHAZE_RENDEZVOUS_OPTIONS=--max-hosts=7\n");
-  write("/var/lib/lunderhaze/host/identity", "secret");
-  write("/var/lib/lunderhaze/host/host.log", "log");
+  serve_for_a_while();
+  EXPECT_TRUE(there("/var/lib/lunderhaze/host/host.log"));
   write("/run/lunderhaze/worker.lock", "");
   EXPECT_GT(listing().size(), before.size() + 20);
   run({"dpkg", "-P", "lunderhaze"});

@@ -78,6 +78,8 @@ void PackageTest::SetUp() {
   const std::string missing = MachineLab::missing(system);
   if (!missing.empty()) GTEST_SKIP() << missing;
   debian_.emplace(system);
+  // Its first start would have given it one.
+  write_file(debian_->path("/etc/machine-id"), "0123456789abcdef0123456789abcdef\n");
   directory_.emplace();
   fs::copy_file(package_file(), *directory_ / "lunderhaze.deb");
 }
