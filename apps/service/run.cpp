@@ -1,0 +1,114 @@
+#include "apps/service/run.h"
+
+#include <cstdio>
+
+#include "apps/service/admin_server.h"
+#include "apps/service/service_commands.h"
+#include "apps/service/supervisor.h"
+#include "apps/service/worker_link.h"
+#include "apps/version.h"
+#include "control/keystore.h"
+#include "control/log.h"
+#include "control/sysinfo.h"
+
+using namespace service_platform;
+
+namespace {
+
+ServiceExit fail(ServiceExit status, const std::string& text) {
+  std::fprintf(stderr, "lunderhaze-service: %s\n", text.c_str());
+  return status;
+}
+
+void say(const std::string& line) {
+  hsay("%s", line.c_str());
+}
+
+std::string worker_program(const ServiceOptions& options) {
+  return options.worker.empty() ? (exe_path().parent_path() / WORKER_PROGRAM).string()
+                                : options.worker;
+}
+
+SupervisorTimes times_of(const ServiceOptions& options) {
+  SupervisorTimes times;
+  if (options.backoff_ms == 0) return times;
+  const std::uint32_t doublings = times.backoff.longest_ms / times.backoff.first_ms;
+  times.backoff.first_ms = options.backoff_ms;
+  times.backoff.longest_ms = options.backoff_ms * doublings;
+  return times;
+}
+
+// What the next worker starts with. Read anew each time: the worker writes it.
+std::optional<host_service::Settings> stored_settings() {
+  std::string bytes;
+  if (!keystore::readHostFile("settings", &bytes)) return host_service::Settings{};
+  host_service::Settings settings;
+  if (!host_service::decode_settings({bytes.begin(), bytes.end()}, &settings)) return std::nullopt;
+  return settings;
+}
+
+// Tells the service manager what the service does, when that has changed.
+class ManagerStatus {
+ public:
+  void tell(const std::string& doing) {
+    if (doing != told_) tell_manager_status(doing);
+    told_ = doing;
+  }
+
+ private:
+  std::string told_;
+};
+
+}  // namespace
+
+ServiceExit run_service(const ServiceOptions& options) {
+  std::string error;
+  switch (prepare(&error)) {
+    case Ready::Yes:
+      break;
+    case Ready::NotTheSystem:
+    case Ready::NoPlace:
+      return fail(EXIT_NOT_SYSTEM, error);
+  }
+  // Never destroyed: a signal may come until the process ends.
+  static WakeEvent& wake = *new WakeEvent(WakeEvent::Reset::Auto);
+  const std::unique_ptr<SessionSource> sessions = session_source(options.session, wake, &error);
+  if (!sessions) return fail(EXIT_USAGE, error);
+  log_open(true, {});
+  watch_for_stop(wake);
+
+  const std::string program = worker_program(options);
+  Supervisor supervisor({*sessions,
+                         [&program](const std::vector<std::string>& arguments,
+                                    const Environment& environment, std::string* why) {
+                           return start_worker(program, arguments, environment, wake, why);
+                         },
+                         [](const std::string& channel) { return PipeLink::make(channel, say); },
+                         lund_random_bytes, say, wake, host_service::Process::current().id()},
+                        times_of(options));
+  AdminServer admin(
+      host_service::SERVICE_PIPE,
+      [&supervisor](const host_service::Request& request) {
+        return carry_out(request, supervisor, stored_settings);
+      },
+      say);
+  if (!admin.start())
+    return fail(EXIT_SECOND, "another lunderhaze-service runs on this machine, or " +
+                                 std::string(host_service::SERVICE_PIPE) + " can't be made");
+  // Read only, and without it the worker says what is wrong.
+  if (!keystore::configureHostStore(keystore::Machine, &error)) say("machine store: " + error);
+
+  say(LUND_VERSION_TEXT " service running");
+  tell_manager_ready();
+  ManagerStatus manager;
+  while (!supervisor.done()) {
+    if (stop_asked()) supervisor.stop();
+    const std::uint32_t next_ms = supervisor.step();
+    manager.tell(supervisor.state().doing);
+    if (!supervisor.done()) wake.wait(next_ms);
+  }
+  tell_manager_stopping();
+  admin.stop();
+  say("service stopped");
+  return EXIT_OK;
+}
