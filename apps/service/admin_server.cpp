@@ -37,7 +37,9 @@ void AdminServer::serve_instance(Pipe pipe) {
       if (!connect_pipe(pipe, &closing_, WAIT_MS)) continue;
       serve(pipe);
     }
-    pipe = Pipe();  // there are never more instances than threads
+    // The fresh one first, so that the name stays this service's; one at a time, so that there are
+    // never too many.
+    const std::lock_guard lock(renewal_mutex_);
     pipe = create_pipe(name_, true, false);
   }
 }

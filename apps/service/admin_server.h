@@ -1,10 +1,12 @@
 // The service's own pipe, where administrators' programs ask: one request a connection. Several
 // instances are served side by side, each by a thread, and no peer has an instance for longer than
 // CLIENT_LIMIT_MS of its own time, so neither a slow nor a hostile one holds up others for more
-// than that. Who isn't an administrator is sent away unread. Requests and answers are wiped.
+// than that. Who isn't an administrator is sent away unread. Requests and answers are wiped. The
+// mutex is held while an instance is exchanged for a fresh one.
 #pragma once
 
 #include <functional>
+#include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
@@ -20,7 +22,7 @@ class AdminServer {
   static constexpr std::uint32_t CLOSE_LIMIT_MS = 1'000;
   static constexpr std::uint32_t CLIENT_LIMIT_MS =
       REQUEST_LIMIT_MS + ANSWER_LIMIT_MS + CLOSE_LIMIT_MS;
-  static constexpr int INSTANCES = 4;
+  static constexpr int INSTANCES = 3;  // and one that takes another's place
 
   // Runs on the instances' threads. The result may hold a secret.
   using Handler = std::function<host_service::Result(const host_service::Request& request)>;
@@ -40,6 +42,7 @@ class AdminServer {
   const std::string name_;
   const Handler handler_;
   const Say say_;
+  std::mutex renewal_mutex_;
   WakeEvent closing_{WakeEvent::Reset::Manual};
   std::vector<std::thread> threads_;
 };

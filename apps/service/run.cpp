@@ -7,13 +7,15 @@
 #include "apps/service/supervisor.h"
 #include "apps/service/worker_link.h"
 #include "apps/version.h"
-#include "control/keystore.h"
 #include "control/log.h"
+#include "control/private_file.h"
 #include "control/sysinfo.h"
 
 using namespace service_platform;
 
 namespace {
+
+constexpr std::size_t SETTINGS_LIMIT_BYTES = 256;  // a record has 16
 
 ServiceExit fail(ServiceExit status, const std::string& text) {
   std::fprintf(stderr, "lunderhaze-service: %s\n", text.c_str());
@@ -38,13 +40,23 @@ SupervisorTimes times_of(const ServiceOptions& options) {
   return times;
 }
 
-// What the next worker starts with. Read anew each time: the worker writes it.
+// What the next worker starts with. Read anew each time, since the worker writes it; and read only,
+// since what a damaged store means is the worker's to decide.
 std::optional<host_service::Settings> stored_settings() {
+  const std::filesystem::path file = store_platform::machine_store_directory() / "settings";
   std::string bytes;
-  if (!keystore::readHostFile("settings", &bytes)) return host_service::Settings{};
+  switch (read_private_file(file, SETTINGS_LIMIT_BYTES, &bytes)) {
+    case store_platform::Read::Missing:
+      return host_service::Settings{};
+    case store_platform::Read::Failed:
+      return std::nullopt;
+    case store_platform::Read::Ok:
+      break;
+  }
   host_service::Settings settings;
-  if (!host_service::decode_settings({bytes.begin(), bytes.end()}, &settings)) return std::nullopt;
-  return settings;
+  const bool valid = host_service::protected_path(file, true) &&
+                     host_service::decode_settings({bytes.begin(), bytes.end()}, &settings);
+  return valid ? std::optional(settings) : std::nullopt;
 }
 
 // Tells the service manager what the service does, when that has changed.
@@ -95,8 +107,6 @@ ServiceExit run_service(const ServiceOptions& options) {
   if (!admin.start())
     return fail(EXIT_SECOND, "another lunderhaze-service runs on this machine, or " +
                                  std::string(host_service::SERVICE_PIPE) + " can't be made");
-  // Read only, and without it the worker says what is wrong.
-  if (!keystore::configureHostStore(keystore::Machine, &error)) say("machine store: " + error);
 
   say(LUND_VERSION_TEXT " service running");
   tell_manager_ready();
