@@ -78,7 +78,7 @@ TEST_F(ServiceProcessTest, TheWorkerInheritsNoDescriptor) {
   const Descriptor inheritable(open("/etc/hostname", O_RDONLY));
   ASSERT_GE(inheritable.get(), 0);
   const std::string file = (directory_ / "descriptors").string();
-  const auto process = shell("readlink /proc/$$/fd/* >" + file + "; exit 0");
+  const auto process = shell("links=$(readlink /proc/$$/fd/*); echo \"$links\" >" + file);
   ASSERT_TRUE(end_of(*process));
   const std::string open_files = file_content(file);
   EXPECT_EQ(open_files.find("hostname"), std::string::npos) << open_files;
