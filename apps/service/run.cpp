@@ -62,12 +62,18 @@ std::optional<host_service::Settings> stored_settings() {
 // Tells the service manager what the service does, when that has changed.
 class ManagerStatus {
  public:
-  void tell(const std::string& doing) {
+  void tell(const Supervisor& supervisor) {
+    if (!stopping_ && supervisor.stop_wanted()) {
+      tell_manager_stopping();
+      stopping_ = true;
+    }
+    const std::string doing = supervisor.state().doing;
     if (doing != told_) tell_manager_status(doing);
     told_ = doing;
   }
 
  private:
+  bool stopping_ = false;
   std::string told_;
 };
 
@@ -86,7 +92,6 @@ ServiceExit run_service(const ServiceOptions& options) {
   static WakeEvent& wake = *new WakeEvent(WakeEvent::Reset::Auto);
   const std::unique_ptr<SessionSource> sessions = session_source(options.session, wake, &error);
   if (!sessions) return fail(EXIT_USAGE, error);
-  log_open(true, {});
   watch_for_stop(wake);
 
   const std::string program = worker_program(options);
@@ -108,16 +113,16 @@ ServiceExit run_service(const ServiceOptions& options) {
     return fail(EXIT_SECOND, "another lunderhaze-service runs on this machine, or " +
                                  std::string(host_service::SERVICE_PIPE) + " can't be made");
 
+  log_open(true, {});
   say(LUND_VERSION_TEXT " service running");
   tell_manager_ready();
   ManagerStatus manager;
   while (!supervisor.done()) {
     if (stop_asked()) supervisor.stop();
     const std::uint32_t next_ms = supervisor.step();
-    manager.tell(supervisor.state().doing);
+    manager.tell(supervisor);
     if (!supervisor.done()) wake.wait(next_ms);
   }
-  tell_manager_stopping();
   admin.stop();
   say("service stopped");
   return EXIT_OK;

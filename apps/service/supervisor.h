@@ -51,6 +51,7 @@ class Supervisor {
   bool done() const { return phase_ == Phase::Done; }
 
   void stop();  // the worker, then this
+  bool stop_wanted() const;
   // The worker is stopped and started anew, or started at once if it waits; false without a
   // session.
   bool restart();
@@ -78,7 +79,6 @@ class Supervisor {
   void worker_ended(const WorkerEnd& end);
   bool new_channel(std::string* channel);
 
-  bool stop_wanted() const;
   bool restart_wanted() const;
   bool take_restart();
   void enter(Phase phase);
