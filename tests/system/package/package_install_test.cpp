@@ -120,23 +120,6 @@ TEST_F(PackageInstallTest, ManPagesRenderWithoutAWarning) {
   }
 }
 
-TEST_F(PackageInstallTest, ManPagesNameEveryOption) {
-  install();
-  const std::regex option("(^|[ ,])(--[a-z][a-z-]+)");
-  for (const std::string& program : installed("/usr/s?bin")) {
-    const std::string page =
-        run({"sh", "-c", "MANWIDTH=80 man \"$(basename \"$0\")\" | col -b", program});
-    int options = 0;
-    for (const std::string& line : lines({program, "--help"}))
-      for (std::sregex_iterator at(line.begin(), line.end(), option), end; at != end; ++at) {
-        ++options;
-        EXPECT_TRUE(std::regex_search(page, std::regex((*at)[2].str() + "(?![a-z-])")))
-            << program << " " << (*at)[2];
-      }
-    EXPECT_GT(options, 1) << program;
-  }
-}
-
 TEST_F(PackageInstallTest, UnitsAreSoundAndNoneIsEnabled) {
   install();
   for (const std::string& unit : installed("/usr/lib/systemd/system")) {
