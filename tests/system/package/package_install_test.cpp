@@ -126,6 +126,11 @@ TEST_F(PackageInstallTest, UnitsAreSoundAndNoneIsEnabled) {
     EXPECT_EQ(run({"systemd-analyze", "verify", unit}), "") << unit;
     const RunResult enabled = debian().run({"systemctl", "is-enabled", fs::path(unit).filename()});
     EXPECT_EQ(enabled.output, "disabled\n") << unit;
+    // Out of 100: what an intruder in the service could do, by what the unit leaves open.
+    const RunResult exposure =
+        debian().run({"systemd-analyze", "security", "--no-pager", "--offline=true",
+                      "--threshold=30", fs::path(unit).filename()});
+    EXPECT_EQ(exposure.status, 0) << exposure.output;
   }
 }
 
