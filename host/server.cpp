@@ -42,10 +42,6 @@ std::string address_list(const lund_rv_endpoint* list, int count, const char* no
   return count == 0 ? none : text;
 }
 
-const char* plural(int count) {
-  return count == 1 ? "" : "s";
-}
-
 }  // namespace
 
 HostServer::HostServer(const HostOptions& options, const DisplayInfo& display, Platform platform)
