@@ -82,7 +82,7 @@ bool HostServer::open(std::string* error) {
     socket_.close();
     return false;
   }
-  const std::string driver = virtual_displays_->probe();
+  const std::string driver = virtual_displays_->probe().describe();
   hlog("virtual display driver: %s%s", driver.c_str(),
        virtual_displays_->enabled == VIRTUAL_DISPLAY_OFF ? " (not used: --virtual-display off)"
                                                          : "");
