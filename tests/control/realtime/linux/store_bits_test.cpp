@@ -290,6 +290,20 @@ TEST_F(UserStoreBits, AnyOfTheClientsIsSaidOrChangesOneValueAlone) {
   EXPECT_EQ(lines_with("authorized_clients is malformed: no paired devices loaded"), refused);
 }
 
+TEST_F(UserStoreBits, AnyOfTheSettingsIsRefusedOrChangesOneValueAlone) {
+  const host_service::Settings whole = settings_in(whole_.at("settings"));
+  int refused = 0;
+  flip_each_bit_of("settings", [&](std::size_t) {
+    try {
+      host_app::load_settings();
+      EXPECT_EQ(differences(whole, settings_in(damaged_)), 1);
+    } catch (const std::runtime_error&) {
+      ++refused;
+    }
+  });
+  EXPECT_GT(refused, 16);
+}
+
 TEST_F(UserStoreBits, AnyOfTheHostIdReplacesOrChangesIt) {
   flip_each_bit_of("host_id", [&](std::size_t) {
     const std::uint32_t id = load_or_create_host_id();
