@@ -1,6 +1,8 @@
-// A store in either scope, for tests that damage it; in memory where the test may mount, which
-// spares the disk thousands of flushes. One at a time.
+// A store in either scope, for tests that damage it; in memory where there is a place for that,
+// which spares the disk thousands of flushes. One at a time.
 #pragma once
+
+#include <unistd.h>
 
 #include <filesystem>
 #include <string>
@@ -8,7 +10,6 @@
 
 #include "control/keystore.h"
 #include "control/keystore_internal.h"
-#include "tests/support/linux/environment.h"
 #include "tests/support/machine_store.h"
 
 class ScopedStore {
@@ -44,9 +45,13 @@ class ScopedStore {
   }
 
  private:
+  static std::filesystem::path memory() {
+    const char* const shared = "/dev/shm";
+    return access(shared, W_OK | X_OK) == 0 ? shared : std::filesystem::temp_directory_path();
+  }
+
   keystore::HostStoreScope scope_;
-  MachineStore store_;
-  Mount memory_ = Mount::tmpfs(store_.parent(), "size=4m,mode=0700");
+  MachineStore store_{memory()};
 };
 
 inline const char* scope_name(keystore::HostStoreScope scope) {

@@ -79,7 +79,9 @@ class StoreBits : public testing::Test {
     for (const auto& entry : fs::directory_iterator(store_->path())) {
       if (!whole_.contains(entry.path().filename())) fs::remove(entry.path());
     }
-    for (const auto& [name, content] : whole_) write_private_text(*store_ / name, content);
+    for (const auto& [name, content] : whole_) {
+      if (file_content(*store_ / name) != content) write_private_text(*store_ / name, content);
+    }
   }
 
   bool same_identity(const lund_keypair& other) const {

@@ -10,6 +10,7 @@
 #include "control/keystore_internal.h"
 #include "control/log.h"
 #include "control/sysinfo.h"
+#include "tests/support/linux/environment.h"
 #include "tests/support/linux/scoped_store.h"
 #include "tests/support/stored_value.h"
 
