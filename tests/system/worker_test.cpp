@@ -11,6 +11,7 @@
 #include "control/security.h"
 #include "tests/support/linux/forked.h"
 #include "tests/support/linux/machine_lab.h"
+#include "tests/support/linux/process_image.h"
 #include "tests/support/linux/screen_saver.h"
 #include "tests/support/supervisor.h"
 #include "tests/support/temp_directory.h"
@@ -405,6 +406,35 @@ TEST_F(WorkerProgramTest, AClientsChordAsksTheServiceForAttention) {
   EXPECT_EQ(hand_->leave(), 0);
   EXPECT_TRUE(service_->wait_heartbeats(3));
   EXPECT_EQ(service_->attentions(), 1);
+}
+
+TEST_F(WorkerProgramTest, WhatTheServiceSentAndGotOfSecretsIsNowhereInItsMemory) {
+  start_worker();
+  const std::string password = "correct horse battery staple";
+  const std::string relay_key = "a-key-of-a-relay-server";
+  EXPECT_EQ(ask(Verb::SetPassword, {password.begin(), password.end()}), "completed");
+  const std::string relays =
+      "lunderhaze-relays-v1\nlunderhaze-relay://relay.example:9877#" + relay_key + "\n";
+  EXPECT_EQ(ask(Verb::SetRelays, {relays.begin(), relays.end()}), "completed");
+  const std::string pin = ask(Verb::PairingOpen, {60, 0, 0, 0});
+  EXPECT_EQ(client({"pair", "--host", host_address(), "--pin", pin}).status, 0);
+  EXPECT_EQ(ask(Verb::PairingClose), "completed");
+  const RunResult paired = client({"pair", "--host", host_address(), "--password", password});
+  EXPECT_EQ(paired.status, 0) << paired.output;
+  EXPECT_TRUE(service_->wait_heartbeats(1));
+
+  worker_->signal(SIGSTOP);
+  const auto in_memory = [this](const std::string& text) {
+    return image_count(worker_->pid(),
+                       {reinterpret_cast<const std::uint8_t*>(text.data()), text.size()});
+  };
+  EXPECT_GE(in_memory("--supervisor"), 1);  // the eye sees
+  EXPECT_EQ(in_memory(password), 0);
+  EXPECT_EQ(in_memory(relay_key), 0);
+  EXPECT_LE(in_memory(pin), 1);  // in the engine's own record, until the next one
+  worker_->signal(SIGCONT);
+  EXPECT_THAT(log(), testing::AllOf(Not(HasSubstr(password)), Not(HasSubstr(relay_key)),
+                                    Not(HasSubstr(pin))));
 }
 
 TEST_F(WorkerProgramTest, TheScreenStaysAwakeWhileAClientIsConnected) {
