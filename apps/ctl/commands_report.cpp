@@ -13,8 +13,13 @@ using nlohmann::ordered_json;
 
 namespace {
 
-const host_service::Result NO_WORKER{host_service::Status::Unavailable,
-                                     "the worker is not running"};
+// Why a report has nothing of a worker's.
+Outcome no_worker(const HostReport& report) {
+  return failure({host_service::Status::Unavailable,
+                  report.worker_trouble.empty()
+                      ? "the worker is not running"
+                      : "the worker does not answer (" + report.worker_trouble + ")"});
+}
 
 std::string hex_of(const DeviceLine& device) {
   char hex[2 * LUND_KEY_SIZE + 1];
@@ -139,7 +144,7 @@ std::optional<std::vector<DeviceLine>> ask_devices(ServiceLink& service, Outcome
   auto report = ask_status(service, refusal);
   if (!report) return std::nullopt;
   if (report->worker) return std::move(report->devices);
-  *refusal = failure(NO_WORKER);
+  *refusal = no_worker(*report);
   return std::nullopt;
 }
 
@@ -160,7 +165,7 @@ Outcome show_status(ServiceLink& service) {
   Outcome outcome;
   const auto report = ask_status(service, &outcome);
   if (!report) return outcome;
-  if (!report->worker) outcome = failure(NO_WORKER);
+  if (!report->worker) outcome = no_worker(*report);
   outcome.text = report_text(*report);
   outcome.json["service"] = service_json(report->service);
   outcome.json["stored"] = settings_json(report->stored);

@@ -16,30 +16,30 @@ constexpr const char* EXIT_NAMES[] = {"done",        "usage",       "invalid", "
 // The texts of transact are its own, whoever else answers with the same status.
 struct Advice {
   Status status;
-  const char* text;  // null: any other
   Exit exit;
+  const char* text;   // null: any other
   const char* words;  // behind the text
 };
 constexpr Advice ADVICE[] = {
-    {Status::Invalid, nullptr, Exit::Invalid, ""},
-    {Status::Denied, "untrusted service endpoint", Exit::Denied,
+    {Status::Invalid, Exit::Invalid, nullptr, ""},
+    {Status::Denied, Exit::Denied, "untrusted service endpoint",
      ": the program that serves the service's pipe is not the system's own, and was told nothing; "
      "end it, and start lunderhaze-service"},
-    {Status::Denied, nullptr, Exit::Denied, ": the service doesn't allow this"},
-    {Status::Unavailable, "service unavailable or access denied", Exit::Unavailable,
+    {Status::Denied, Exit::Denied, nullptr, ": the service doesn't allow this"},
+    {Status::Unavailable, Exit::Unavailable, "service unavailable or access denied",
      ": start it with \"systemctl start lunderhaze-service\", or look why it ended with "
      "\"journalctl -u lunderhaze-service\""},
-    {Status::Unavailable, nullptr, Exit::Unavailable,
+    {Status::Unavailable, Exit::Unavailable, nullptr,
      ": \"lunderhaze-ctl status\" shows how the last worker ended, \"journalctl -u "
      "lunderhaze-service\" more"},
-    {Status::Persistence, nullptr, Exit::Persistence,
+    {Status::Persistence, Exit::Persistence, nullptr,
      ": the host could not write its store, and the worker stops; see to the disk and to the owner "
      "and mode of the store's directory, then \"lunderhaze-ctl restart\""},
-    {Status::Failed, "bounded IPC request failed", Exit::Failed,
+    {Status::Failed, Exit::Failed, "bounded IPC request failed",
      ": the service broke off or gave no answer in time; \"lunderhaze-ctl status\" shows what has "
      "come of it"},
-    {Status::Failed, "device not paired", Exit::NotFound, ""},
-    {Status::Failed, nullptr, Exit::Failed, ""},
+    {Status::Failed, Exit::NotFound, "device not paired", ""},
+    {Status::Failed, Exit::Failed, nullptr, ""},
 };
 
 }  // namespace

@@ -111,6 +111,8 @@ void read_line(std::string_view line, HostReport* report) {
     report->stored = read_settings(rest);
   else if (take(&rest, "worker running; "))
     read_worker(rest, report);
+  else if (take(&rest, "worker: "))
+    report->worker_trouble = rest;
   else if (take(&rest, "defaults "))
     report->running = read_settings(rest);
   else if (take(&rest, "pairing "))

@@ -3,7 +3,7 @@
 //
 //   service running; worker PID 4242; session 1; starts 3; last exit: WORDS
 //   stored 9876 60 20000 1 1 1 1 1400         the settings of the worker's next start
-//   worker running; code 7K2M-Q9TX; idle      or connected
+//   worker running; code 7K2M-Q9TX; idle      or connected; "worker: WHY" when it didn't answer
 //   defaults 9876 60 20000 1 1 1 1 1400       the settings that it runs with
 //   pairing closed; password unset; lockout inactive
 //   screen 0; X11 CPU / libopenh264; 1920x1080
@@ -58,7 +58,8 @@ struct WorkerStatus {
 struct HostReport {
   std::optional<ServiceStatus> service;
   std::optional<host_service::Settings> stored;
-  std::optional<WorkerStatus> worker;  // nothing when none runs
+  std::optional<WorkerStatus> worker;  // nothing when none runs, or it didn't answer
+  std::string worker_trouble;          // why one that runs didn't
   std::optional<host_service::Settings> running;
   std::optional<PairingLine> pairing;
   std::vector<ScreenLine> screens;

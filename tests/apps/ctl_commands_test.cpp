@@ -80,6 +80,16 @@ TEST_F(CtlCommandsTest, StatusWithoutAWorkerIsShownAndCountsAsUnavailable) {
   EXPECT_EQ(json["stored"]["codec"], "h264");
 }
 
+TEST_F(CtlCommandsTest, AWorkerThatDoesNotAnswerIsTold) {
+  service_.ok(SERVICE_LINES + "worker: bounded IPC request failed\x1b\n");
+  const Outcome outcome = show_status(service_);
+  EXPECT_EQ(outcome.exit, Exit::Unavailable);
+  EXPECT_TRUE(
+      outcome.error.starts_with("the worker does not answer (bounded IPC request failed?): "))
+      << outcome.error;
+  EXPECT_TRUE(outcome.text.starts_with("service running; worker PID 4242"));
+}
+
 TEST_F(CtlCommandsTest, StatusSaysWhenTheAnswerWasCutOff) {
   const std::string row = device_row(DESK_KEY, "AAAA-BBBB", "desk");
   service_.ok(worker_lines() + row + row.substr(0, row.size() - 1));

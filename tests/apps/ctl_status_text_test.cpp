@@ -132,11 +132,10 @@ TEST(StatusText, ADeviceNeedsAWholeKey) {
 }
 
 TEST(StatusText, SettingsThatCouldNotBeStoredAreNone) {
-  for (const char* record :
-       {"0 60 20000 1 1 1 1 1400", "9876 60 20000 1 1 1 1", "9876 60 20000 1 1 1 1 1400 0",
-        "9876 60 20000 257 1 1 1 1400", "75412 60 20000 1 1 1 1 1400",
-        "9876  60 20000 1 1 1 1 1400", "9876 60 -1 1 1 1 1 1400", "9876 60 4294967296 1 1 1 1 1400",
-        "9876 60 20000 1 1 1 1 1400 ", ""}) {
+  for (const char* record : {"0 60 20000 1 1 1 1 1400", "9876 60 20000 1 1 1 1",
+                             "9876 60 20000 1 1 1 1 1400 0", "9876 60 20000 257 1 1 1 1400",
+                             "75412 60 20000 1 1 1 1 1400", "9876  60 20000 1 1 1 1 1400",
+                             "9876 60 -1 1 1 1 1 1400", "9876 60 4294967296 1 1 1 1 1400", ""}) {
     EXPECT_FALSE(parse_status("stored " + std::string(record) + "\n").stored) << record;
     EXPECT_FALSE(parse_status("defaults " + std::string(record) + "\n").running) << record;
   }
