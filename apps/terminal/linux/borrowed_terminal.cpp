@@ -105,7 +105,7 @@ BorrowedTerminal::Event BorrowedTerminal::wait(WakeEvent* wake) {
                        {static_cast<int>(resumed_.native_handle()), POLLIN, 0},
                        {reading ? STDIN_FILENO : -1, POLLIN, 0}};
     if (ppoll(polled, 3, reading || gone_ ? nullptr : &FOREGROUND_CHECK, nullptr) < 0) continue;
-    if (polled[0].revents != 0 && wake->wait(0)) return Event::Woken;
+    if (wake != nullptr && polled[0].revents != 0 && wake->wait(0)) return Event::Woken;
     if (polled[1].revents != 0) {
       resumed_.reset();
       told_taken_ = false;
