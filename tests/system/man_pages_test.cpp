@@ -125,7 +125,7 @@ INSTANTIATE_TEST_SUITE_P(
     Programs, ManPageTest,
     testing::Values(Page{"lunderhaze.1", {}}, Page{"lunderhaze-client.1", {}},
                     Page{"lunderhaze-ctl.8", {}}, Page{"lunderhaze-rendezvous.8", {}},
-                    Page{"lunderhaze-testscreen.1", {}},
+                    Page{"lunderhaze-service.8", {}}, Page{"lunderhaze-testscreen.1", {}},
                     Page{"lunderhaze-worker.8", {"--supervisor", "--channel", "--version"}}),
     [](const auto& page) {
       return std::regex_replace(page.param.program(), std::regex("-"), "_");
