@@ -23,7 +23,7 @@
 #include "tests/support/engine_peer.h"
 #include "tests/support/fake_platform.h"
 #include "tests/support/linux/machine_lab.h"
-#include "tests/support/supervisor.h"
+#include "tests/support/small_service.h"
 #include "tests/support/temporary_store.h"
 #include "tests/support/xvfb.h"
 #include "worker/admin_commands.h"
@@ -129,7 +129,7 @@ void status_through_pipes(benchmark::State& state) {
   const TempDirectory directory;
   std::filesystem::permissions(directory.path(), std::filesystem::perms::owner_all);
   const std::string name = directory / "channel";
-  Supervisor service(name);
+  SmallService service(name);
   if (!service.serves()) return state.SkipWithError("only the system may serve pipes");
   WakeEvent stop(WakeEvent::Reset::Manual);
   host_app::WorkerChannel channel(
@@ -224,7 +224,7 @@ class IdleWorker {
  private:
   Xvfb desktop_;
   MachineLab lab_;
-  std::optional<Supervisor> service_;
+  std::optional<SmallService> service_;
   std::unique_ptr<ChildProcess> worker_;
   bool ok_ = false;
 };

@@ -18,7 +18,7 @@
 #include "control/settings.h"
 #include "tests/support/fake_platform.h"
 #include "tests/support/machine_store.h"
-#include "tests/support/supervisor.h"
+#include "tests/support/small_service.h"
 
 using host_app::ExitCode;
 using host_app::WorkerSystem;
@@ -184,7 +184,7 @@ class WorkerLife : public testing::Test {
   FakePlatform platform_;
   Platform record_;
   std::optional<MachineStore> store_;
-  std::optional<Supervisor> service_;
+  std::optional<SmallService> service_;
   std::future<ExitCode> ended_;
 };
 
