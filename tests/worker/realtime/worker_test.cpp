@@ -103,9 +103,9 @@ class RecordingSystem final : public WorkerSystem {
 class RecordingDisplays final : public VirtualDisplays {
  public:
   explicit RecordingDisplays(CallBook& book) : book_(book) {}
-  std::string probe() override {
+  VddState probe() override {
     book_.add("host starts");
-    return "fake driver";
+    return {};
   }
   bool usable() override { return false; }
   bool acquire(int, int, int, int, const DesktopPoint*, DisplayInfo*, std::string*) override {
