@@ -68,6 +68,18 @@ if(NOT WIN32)
   find_package(PNG REQUIRED)
 endif()
 
+# lund_version_header(FOLDER): "FOLDER/version.h" for the programs of the calling folder.
+execute_process(COMMAND git -C ${CMAKE_SOURCE_DIR} describe --always --dirty
+  OUTPUT_VARIABLE LUND_BUILD_ID OUTPUT_STRIP_TRAILING_WHITESPACE ERROR_QUIET)
+if(NOT LUND_BUILD_ID)
+  set(LUND_BUILD_ID "no revision")
+endif()
+function(lund_version_header folder)
+  configure_file(${CMAKE_SOURCE_DIR}/cmake/version.h.in
+    ${CMAKE_BINARY_DIR}/generated/${folder}/version.h @ONLY)
+  include_directories(${CMAKE_BINARY_DIR}/generated)
+endfunction()
+
 # lund_library(NAME folder's direct dependencies...): the library of the calling folder. A source
 # belongs to it by lying in the folder; one in linux/ or windows/ by being of this platform.
 function(lund_library name)

@@ -82,6 +82,7 @@ bool decode_response(const unsigned char* bytes, unsigned long long size, Verb e
                      Status* status, std::string* text);
 
 std::vector<unsigned char> encode_settings(const Settings& settings);
+// `settings` may be null: then it only judges.
 bool decode_settings(const std::vector<unsigned char>& bytes, Settings* settings);
 
 }  // namespace host_service

@@ -41,9 +41,10 @@ class Pipe {
   std::unique_ptr<End> end_;
 };
 
-// The server's end of one instance, of at most 4. `admin_access`: administrators may open it, not
-// only the system. `first_instance`: fails where somebody serves that name already. Empty on
-// failure.
+// The server's end of one instance, of at most 4 at a time, each for one client: the name is served
+// while any instance is there, so make the next before the last one goes. `admin_access`:
+// administrators may open it, not only the system. `first_instance`: fails where somebody serves
+// that name already. Empty on failure.
 Pipe create_pipe(const std::string& name, bool admin_access, bool first_instance);
 // The client's end; tries every 25 ms while the name is missing or busy. Empty on failure.
 Pipe open_pipe(const std::string& name, WakeEvent* stop, std::uint32_t timeout_ms);
@@ -59,7 +60,7 @@ bool write_frame(Pipe& pipe, const std::vector<unsigned char>& frame, WakeEvent*
 // Until the peer closes, sends anything, or the limit ends.
 void wait_client_close(Pipe& pipe, WakeEvent* stop, std::uint32_t timeout_ms);
 
-// The process at the other end; 0 when it can't be told.
+// The process at the other end; 0 when it can't be told, as when that end has been closed.
 std::uint32_t pipe_client_id(Pipe& pipe);
 std::uint32_t pipe_server_id(Pipe& pipe);
 // Is the client an administrator's program (`require_admin`), or else this very worker, the

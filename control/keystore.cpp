@@ -1,8 +1,6 @@
 // Scope, health and files. What the files mean is in keystore_records.cpp.
 #include "control/keystore.h"
 
-#include <atomic>
-#include <mutex>
 #include <stdexcept>
 
 #include "control/keystore_internal.h"
@@ -11,23 +9,8 @@
 
 namespace keystore {
 
-namespace {
-
-struct Store {
-  bool configured = false;
-  HostStoreScope scope = User;
-  std::filesystem::path directory;  // empty: the user's own
-  std::atomic<bool> healthy{true};  // goes false once and for all
-  std::mutex mutex;                 // guards `failure`
-  std::string failure;
-};
-
-Store& store() {
-  static Store& instance = *new Store;
-  return instance;
-}
-
-}  // namespace
+using internal::store;
+using internal::Store;
 
 bool configureHostStore(HostStoreScope scope, std::string* error) {
   Store& state = store();
@@ -36,10 +19,9 @@ bool configureHostStore(HostStoreScope scope, std::string* error) {
     if (error != nullptr) *error = "Host store scope already configured";
     return false;
   }
-  if (scope == Machine) return internal::configure_machine(error);
   state.configured = true;
   state.scope = scope;
-  return true;
+  return scope == User || internal::configure_machine(error);
 }
 
 HostStoreScope hostStoreScope() {
@@ -48,7 +30,9 @@ HostStoreScope hostStoreScope() {
 
 std::filesystem::path hostStoreDirectory() {
   const Store& state = store();
-  return state.directory.empty() ? store_platform::user_store_directory() : state.directory;
+  if (!state.directory.empty()) return state.directory;
+  return state.scope == Machine ? store_platform::machine_store_directory()
+                                : store_platform::user_store_directory();
 }
 
 bool hostStoreHealthy(std::string* error) {
@@ -97,6 +81,11 @@ bool writeHostFile(const char* name, const void* data, std::size_t size) {
 
 namespace internal {
 
+Store& store() {
+  static Store& instance = *new Store;
+  return instance;
+}
+
 bool is_machine() {
   return store().scope == Machine;
 }
@@ -130,7 +119,7 @@ std::filesystem::path path_of(const char* name) {
 Read read_plain(const char* name, std::string* bytes) {
   const std::filesystem::path path = path_of(name);
   if (path.empty()) return Read::Missing;
-  return store_platform::read_file(path, FILE_LIMIT_BYTES, bytes);
+  return read_private_file(path, FILE_LIMIT_BYTES, bytes);
 }
 
 Read read_protected(const char* name, std::string* text) {
@@ -143,7 +132,6 @@ Read read_protected(const char* name, std::string* text) {
 }
 
 bool write_private(const char* name, const void* data, std::size_t size) {
-  if (is_machine() && !hostStoreHealthy(nullptr)) return false;
   const std::filesystem::path directory = hostStoreDirectory();
   if (directory.empty()) return false;
   if (!is_machine()) store_platform::make_directory(directory);
@@ -152,19 +140,10 @@ bool write_private(const char* name, const void* data, std::size_t size) {
 
 bool write_protected(const char* name, const std::string& text) {
   const std::filesystem::path directory = hostStoreDirectory();
-  if (directory.empty()) return false;
+  if (directory.empty() || !hostStoreHealthy(nullptr)) return false;
   std::string sealed;
   return store_platform::protect(hostStoreScope(), directory, name, text, &sealed) &&
          write_private(name, sealed.data(), sealed.size());
-}
-
-void reset_for_test(HostStoreScope scope, const std::filesystem::path& directory) {
-  Store& state = store();
-  state.configured = false;
-  state.scope = scope;
-  state.directory = directory;
-  state.failure.clear();
-  state.healthy = true;
 }
 
 }  // namespace internal

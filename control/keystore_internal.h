@@ -1,7 +1,9 @@
 // The store's own parts, for its files and its tests: scope and health, whole files, secret files.
 #pragma once
 
+#include <atomic>
 #include <filesystem>
+#include <mutex>
 #include <string>
 
 #include "connection/secure.h"
@@ -22,6 +24,18 @@ struct Secret {
   Secret(const Secret&) = delete;
   Secret& operator=(const Secret&) = delete;
 };
+
+// The process's one store. Configured on the main thread before any other starts; later on only
+// its health changes.
+struct Store {
+  bool configured = false;
+  HostStoreScope scope = User;
+  std::filesystem::path directory;  // empty: the scope's own
+  std::atomic<bool> healthy{true};  // goes false once and for all
+  std::mutex mutex;                 // guards `failure`
+  std::string failure;
+};
+Store& store();
 
 bool is_machine();
 
@@ -44,10 +58,12 @@ Read read_protected(const char* name, std::string* text);
 bool write_private(const char* name, const void* data, std::size_t size);
 bool write_protected(const char* name, const std::string& text);
 
-// The machine scope's way through configureHostStore.
+// The machine scope's way through configureHostStore: a damaged store is found before anything
+// serves from it, and the identity exists from then on.
 bool configure_machine(std::string* error);
 
 // As a new process in that scope, its store in `directory`; an empty one means the scope's own.
+// tests/support defines it: no program can move its store, or heal it.
 void reset_for_test(HostStoreScope scope, const std::filesystem::path& directory);
 
 }  // namespace keystore::internal

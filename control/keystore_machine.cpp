@@ -1,13 +1,72 @@
 // The machine store: a directory that only the system may reach, whose every anomaly is fatal.
+#include <exception>
+#include <system_error>
+
+#include "connection/secure.h"
+#include "control/ipc_protocol.h"
+#include "control/keystore.h"
 #include "control/keystore_internal.h"
+#include "control/security.h"
 
 namespace keystore::internal {
 
-// Refused for as long as this platform can't prove that the directory and its files are private:
-// secrets must not lie where that is only hoped for.
+namespace {
+
+void make_directories(const std::filesystem::path& directory) {
+  if (directory.empty()) fatal(store_platform::NO_MACHINE_DIRECTORY);
+  if (!host_service::create_private_directory(directory.parent_path()) ||
+      !host_service::create_private_directory(directory)) {
+    fatal("machine directory protection invalid");
+  }
+}
+
+void check_entries(const std::filesystem::path& directory) {
+  std::error_code error;
+  bool all_private = true;
+  for (std::filesystem::directory_iterator entry(directory, error), end; !error && entry != end;
+       entry.increment(error)) {
+    all_private = host_service::protected_path(entry->path(), true) && all_private;
+  }
+  if (error) fatal("machine directory enumeration failed");
+  if (!all_private) fatal("machine file protection invalid");
+}
+
+void check_settings() {
+  std::string bytes;
+  if (!readHostFile("settings", &bytes)) return;
+  host_service::Settings settings;
+  if (!host_service::decode_settings({bytes.begin(), bytes.end()}, &settings)) {
+    fatal("machine settings malformed");
+  }
+}
+
+// Each throws when what it loads is damaged.
+void check_records() {
+  lund_keypair identity = load_or_create_identity(nullptr);
+  lund_secure_wipe(&identity, sizeof identity);
+  load_clients();
+  std::string blob = load_password_blob();
+  lund_secure_wipe(blob.data(), blob.size());
+  lund_relay_config relays = load_relays();
+  lund_secure_wipe(&relays, sizeof relays);
+}
+
+}  // namespace
+
 bool configure_machine(std::string* error) {
-  if (error != nullptr) *error = "machine store not supported on this system";
-  return false;
+  if (!hostStoreHealthy(error)) return false;
+  try {
+    const std::filesystem::path directory = hostStoreDirectory();
+    make_directories(directory);
+    check_entries(directory);
+    check_settings();
+    check_records();
+  } catch (const std::exception& failure) {
+    failHostStore(failure.what());
+    if (error != nullptr) *error = failure.what();
+    return false;
+  }
+  return hostStoreHealthy(error);
 }
 
 }  // namespace keystore::internal

@@ -6,6 +6,7 @@
 #include "control/keystore.h"
 #include "control/keystore_internal.h"
 #include "control/log.h"
+#include "control/private_file.h"
 #include "control/text.h"
 
 namespace keystore {
@@ -147,7 +148,10 @@ bool save_password_blob(const std::string& blob) {
 void delete_password_blob() {
   if (is_machine() && !hostStoreHealthy(nullptr)) return;
   const std::filesystem::path path = path_of(PASSWORD);
-  if (!path.empty() && !store_platform::remove_file(path)) {
+  if (path.empty()) return;
+  if (!trusted_or_absent(path)) {
+    failHostStore("machine password ACL invalid");
+  } else if (!store_platform::remove_file(path)) {
     failHostStore("machine password deletion failed");
   }
 }

@@ -6,8 +6,10 @@
 #include <mutex>
 
 #include "connection/clock.h"
+#include "control/keystore.h"
 #include "control/log_format.h"
 #include "control/log_platform.h"
+#include "control/private_file.h"
 
 namespace platform = log_platform;
 
@@ -37,9 +39,23 @@ Log& instance() {
   return log;
 }
 
+// What happens on a machine must be on record, out of everybody's reach: its store fails with its
+// log. In the user scope failHostStore does nothing, and only the file is missing.
 void open_file_locked(Log& log) {
-  log.file = platform::open_append(log.path);
-  log.size = log.file == platform::NO_FILE ? 0 : platform::file_size(log.file);
+  log.size = 0;
+  if (!trusted_or_absent(log.path)) {
+    keystore::failHostStore("machine log protection invalid");
+    return;
+  }
+  switch (platform::open_append(keystore::hostStoreScope(), log.path, &log.file)) {
+    case platform::Opening::Done:
+      log.size = platform::file_size(log.file);
+      return;
+    case platform::Opening::Unprotected:
+      return keystore::failHostStore("machine log security unavailable");
+    case platform::Opening::Failed:
+      return keystore::failHostStore("machine log open failed");
+  }
 }
 
 void close_file_locked(Log& log) {

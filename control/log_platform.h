@@ -5,6 +5,8 @@
 #include <cstdint>
 #include <filesystem>
 
+#include "control/keystore.h"
+
 namespace log_platform {
 
 // Local time of day.
@@ -24,9 +26,12 @@ unsigned long process_id();
 // The user's own place for logs, created if missing; empty when there is none.
 std::filesystem::path user_log_directory();
 
+enum class Opening { Done, Unprotected, Failed };
+
 // Opens for appending: every write lands at the end, whoever else writes, and others may read,
-// rename or delete the file meanwhile. NO_FILE on failure.
-File open_append(const std::filesystem::path& path);
+// rename or delete the file meanwhile. A new file is its owner's alone; in the machine scope it is
+// Unprotected when the system can't promise that. Sets `file` only when it is done.
+Opening open_append(keystore::HostStoreScope scope, const std::filesystem::path& path, File* file);
 std::int64_t file_size(File file);  // 0 when it can't be had
 // Bytes written in one call, 0 on failure.
 std::size_t write(File file, const char* bytes, std::size_t size);

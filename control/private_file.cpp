@@ -1,7 +1,10 @@
 #include "control/private_file.h"
 
+#include <system_error>
+
 #include "connection/secure.h"
-#include "control/store_platform.h"
+#include "control/keystore.h"
+#include "control/security.h"
 
 namespace {
 
@@ -18,9 +21,41 @@ std::filesystem::path temporary_beside(const std::filesystem::path& path) {
   return temporary;
 }
 
+using std::filesystem::file_type;
+using store_platform::Read;
+
+bool is_machine() {
+  return keystore::hostStoreScope() == keystore::Machine;
+}
+
+// A link counts as itself; none when it can't be told.
+file_type type_of(const std::filesystem::path& path) {
+  std::error_code ignored;
+  return std::filesystem::symlink_status(path, ignored).type();
+}
+
+bool may_write(const std::filesystem::path& path) {
+  return !is_machine() ||
+         (keystore::hostStoreHealthy(nullptr) &&
+          host_service::protected_path(path.parent_path(), true) && trusted_or_absent(path));
+}
+
 }  // namespace
 
+bool trusted_or_absent(const std::filesystem::path& path) {
+  return !is_machine() || type_of(path) == file_type::not_found ||
+         host_service::protected_path(path, true);
+}
+
+Read read_private_file(const std::filesystem::path& path, std::size_t limit_bytes,
+                       std::string* bytes) {
+  bytes->clear();
+  if (!trusted_or_absent(path)) return Read::Failed;
+  return store_platform::read_file(path, limit_bytes, bytes);
+}
+
 bool write_private_file(const std::filesystem::path& path, const void* data, std::size_t size) {
+  if (!may_write(path)) return false;
   const std::filesystem::path temporary = temporary_beside(path);
   if (temporary.empty() || !store_platform::create_file(temporary, data, size)) return false;
   if (store_platform::replace_file(temporary, path)) return true;

@@ -18,6 +18,8 @@ class Process {
  public:
   static Process current();
   static Process open(std::uint32_t id);  // empty when there is none, or none that may be asked
+  // Takes over the platform's handle of the process `id`: a pidfd, a process handle.
+  static Process adopt(std::intptr_t handle, std::uint32_t id);
 
   Process();
   ~Process();

@@ -11,7 +11,9 @@
 
 namespace store_platform {
 
-std::filesystem::path user_store_directory();                 // empty when the user has none
+std::filesystem::path user_store_directory();     // empty when the user has none
+std::filesystem::path machine_store_directory();  // empty when the system has no place for it
+extern const char* const NO_MACHINE_DIRECTORY;    // what is said then
 bool make_directory(const std::filesystem::path& directory);  // for the user alone
 
 enum class Read { Ok, Missing, Failed };
@@ -29,7 +31,8 @@ bool replace_file(const std::filesystem::path& from, const std::filesystem::path
 bool remove_file(const std::filesystem::path& path);  // true when it is gone
 
 // Encrypts for this computer and, in the user scope, this user. What was protected under one
-// purpose isn't accepted under another.
+// purpose isn't accepted under another. What a key lies in that is damaged makes way for a new one
+// in the user scope; in the machine scope it is a failure, now and at the next start.
 bool protect(keystore::HostStoreScope scope, const std::filesystem::path& directory,
              std::string_view purpose, std::string_view plain, std::string* sealed);
 bool unprotect(keystore::HostStoreScope scope, const std::filesystem::path& directory,

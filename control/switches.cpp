@@ -67,7 +67,7 @@ Place find_place(std::string_view text, std::string_view section, std::string_vi
 // Never a file in whatever directory is the current one.
 Read read(const std::filesystem::path& directory, const char* name, std::string* text) {
   if (directory.empty()) return Read::Missing;
-  return store_platform::read_file(directory / name, FILE_LIMIT_BYTES, text);
+  return read_private_file(directory / name, FILE_LIMIT_BYTES, text);
 }
 
 bool write(const std::filesystem::path& directory, const char* name, const std::string& text) {

@@ -67,6 +67,7 @@ class HostServer {
   std::shared_ptr<ScreenSession> find_session(std::uint32_t session);
   DisplayInfo display();
   std::string key_code() const { return key_code_; }
+  const HostOptions& options() const { return options_; }
   lund_pairing_status pairing_status();
   // Each relay server's name with a text on its state; the lines of a report on how this computer
   // can be reached.

@@ -8,8 +8,5 @@
 // becomes U+FFFD, byte for byte.
 std::string text_for_wire(std::string_view local);
 
-// Whether all of it is valid UTF-8 (RFC 3629).
-bool is_utf8(std::string_view text);
-
 // What has come in, up to its first NUL. With `crlf`, a LF without a CR before it becomes CR LF.
 std::string text_for_programs(std::string_view wire, bool crlf);

@@ -255,8 +255,8 @@ bool HostMute::open(bool stopping) {
 
 void HostMute::repair() {
   std::string text;
-  if (directory_.empty() || store_platform::read_file(directory_ / STATE_NAME, STATE_LIMIT_BYTES,
-                                                      &text) != store_platform::Read::Ok)
+  if (directory_.empty() || read_private_file(directory_ / STATE_NAME, STATE_LIMIT_BYTES, &text) !=
+                                store_platform::Read::Ok)
     return;
   logic_.recover(HostMuteLogic::parse(text));
 }

@@ -7,6 +7,7 @@
 #include <iterator>
 #include <string_view>
 
+#include "control/utf8.h"
 #include "streams/clipboard_text.h"
 
 namespace {

@@ -6,6 +6,8 @@
 
 #include "connection/clock.h"
 
+inline constexpr std::uint64_t NO_DEADLINE = UINT64_MAX;
+
 inline timespec time_left(std::uint64_t deadline_us) {
   const std::uint64_t now_us = lund_now_us();
   const std::uint64_t us = deadline_us > now_us ? deadline_us - now_us : 0;

@@ -5,8 +5,10 @@
 #include <cstdio>
 #include <ctime>
 
+#include "control/linux/descriptor.h"
 #include "control/linux/user_directories.h"
 #include "control/log_platform.h"
+#include "control/security.h"
 
 namespace log_platform {
 
@@ -33,15 +35,20 @@ std::filesystem::path user_log_directory() {
 }
 
 // Non-blocking, since a pipe in the file's place would hold the caller up.
-File open_append(const std::filesystem::path& path) {
-  const int file =
+Opening open_append(keystore::HostStoreScope scope, const std::filesystem::path& path, File* file) {
+  Descriptor opened(
       open(path.c_str(),
-           O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_NOCTTY | O_NONBLOCK, 0600);
-  if (file < 0) return NO_FILE;
+           O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_NOCTTY | O_NONBLOCK, 0600));
   struct stat status {};
-  if (fstat(file, &status) == 0 && S_ISREG(status.st_mode)) return file;
-  ::close(file);
-  return NO_FILE;
+  if (opened.get() < 0 || fstat(opened.get(), &status) != 0 || !S_ISREG(status.st_mode)) {
+    return Opening::Failed;
+  }
+  // A directory's default ACL, or a file system without owners, can open a new file to others.
+  if (scope == keystore::Machine && !host_service::protected_path(path, true)) {
+    return Opening::Unprotected;
+  }
+  *file = opened.release();
+  return Opening::Done;
 }
 
 std::int64_t file_size(File file) {

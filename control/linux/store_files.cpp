@@ -44,8 +44,17 @@ void flush_directory(const std::filesystem::path& directory) {
 
 }  // namespace
 
+const char* const NO_MACHINE_DIRECTORY = "state directory unavailable";
+
 std::filesystem::path user_store_directory() {
   return user_directory("XDG_CONFIG_HOME", ".config");
+}
+
+std::filesystem::path machine_store_directory() {
+  const std::filesystem::path state = "/var/lib";
+  std::error_code ignored;
+  if (!std::filesystem::is_directory(state, ignored)) return {};
+  return state / "lunderhaze" / "host";
 }
 
 bool make_directory(const std::filesystem::path& directory) {

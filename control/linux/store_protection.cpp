@@ -18,6 +18,8 @@
 #include <optional>
 
 #include "connection/secure.h"
+#include "control/private_file.h"
+#include "control/security.h"
 #include "control/store_platform.h"
 
 namespace store_platform {
@@ -68,11 +70,16 @@ std::string machine_id() {
   return {};
 }
 
+bool is_place_for_key(keystore::HostStoreScope scope, const std::filesystem::path& directory) {
+  return scope == keystore::Machine ? host_service::protected_path(directory, true)
+                                    : make_directory(directory);
+}
+
 enum class KeyState { Ok, Missing, Unreadable, Damaged };
 
 KeyState read_key_file(const std::filesystem::path& path, KeyFile* key_file) {
   std::string bytes;
-  const Read result = read_file(path, KEY_FILE_LIMIT_BYTES, &bytes);
+  const Read result = read_private_file(path, KEY_FILE_LIMIT_BYTES, &bytes);
   if (result == Read::Missing) return KeyState::Missing;
   if (result == Read::Failed) return KeyState::Unreadable;
   const bool whole = bytes.size() == KEY_FILE_BYTES && bytes.starts_with(KEY_MAGIC) &&
@@ -101,22 +108,25 @@ bool create_key_file(const std::filesystem::path& path) {
   return remove_file(temporary) && linked;
 }
 
-// A damaged key opens nothing any more, so it makes way for a new one when something is to be
-// written; it is kept aside, as a copy of the right one may turn up. One that merely can't be read
-// now stays.
-bool obtain_key_file(const std::filesystem::path& directory, Creation creation, KeyFile* key_file) {
+// A user's damaged key opens nothing any more, so it makes way for a new one when something is to
+// be written; it is kept aside, as a copy of the right one may turn up. One that merely can't be
+// read now stays, and so does the machine's, whatever its damage.
+bool obtain_key_file(keystore::HostStoreScope scope, const std::filesystem::path& directory,
+                     Creation creation, KeyFile* key_file) {
   const std::filesystem::path path = directory / "store.key";
   const KeyState state = read_key_file(path, key_file);
   if (state == KeyState::Ok) return true;
   if (creation == Creation::No || state == KeyState::Unreadable) return false;
-  make_directory(directory);
+  if (state == KeyState::Damaged && scope == keystore::Machine) return false;
+  if (!is_place_for_key(scope, directory)) return false;
   if (state == KeyState::Damaged && !replace_file(path, directory / "store.key.bad")) return false;
   return create_key_file(path) && read_key_file(path, key_file) == KeyState::Ok;
 }
 
-bool derive_key(const std::filesystem::path& directory, Creation creation, Key* key) {
+bool derive_key(keystore::HostStoreScope scope, const std::filesystem::path& directory,
+                Creation creation, Key* key) {
   KeyFile key_file;
-  if (!obtain_key_file(directory, creation, &key_file)) return false;
+  if (!obtain_key_file(scope, directory, creation, &key_file)) return false;
   const std::uint8_t bound = key_file[KEY_MAGIC.size()];
   const std::string id = bound != 0 ? machine_id() : std::string();
   if (bound != 0 && id.empty()) return false;
@@ -136,11 +146,11 @@ std::string associated_data(std::string_view purpose) {
 
 }  // namespace
 
-bool protect(keystore::HostStoreScope, const std::filesystem::path& directory,
+bool protect(keystore::HostStoreScope scope, const std::filesystem::path& directory,
              std::string_view purpose, std::string_view plain, std::string* sealed) {
   Key key;
   std::array<std::uint8_t, NONCE_BYTES> nonce{};
-  if (!derive_key(directory, Creation::Yes, &key) ||
+  if (!derive_key(scope, directory, Creation::Yes, &key) ||
       lund_random_bytes(nonce.data(), nonce.size()) != LUND_OK) {
     return false;
   }
@@ -154,12 +164,12 @@ bool protect(keystore::HostStoreScope, const std::filesystem::path& directory,
   return true;
 }
 
-bool unprotect(keystore::HostStoreScope, const std::filesystem::path& directory,
+bool unprotect(keystore::HostStoreScope scope, const std::filesystem::path& directory,
                std::string_view purpose, std::string_view sealed, std::string* plain) {
   plain->clear();
   Key key;
   if (sealed.size() < SECRET_HEADER_BYTES || !sealed.starts_with(SECRET_MAGIC) ||
-      !derive_key(directory, Creation::No, &key)) {
+      !derive_key(scope, directory, Creation::No, &key)) {
     return false;
   }
   const std::string ad = associated_data(purpose);

@@ -242,7 +242,8 @@ TEST_F(ViewTest, ADesktopInUseIsShownWithItsFiguresAndKeys) {
   // Between the columns' end and their ground's: a quarter of the picture's light.
   ASSERT_TRUE(comes_true([&] { return close_colours(user_->colour(266, 140), 0x0B1219, 10); }))
       << std::hex << user_->colour(266, 140);
-  const auto figures = [&] { return user_->content({0, "", 12, 12, 255, 230}).pixels; };
+  // Of the two columns, away from the moving time mark.
+  const auto figures = [&] { return user_->content({0, "", 130, 36, 136, 106}).pixels; };
   for (int second = 0; second < 2; ++second)
     EXPECT_TRUE(comes_true([&, last = figures()] { return figures() != last; }))
         << "they follow what happens";

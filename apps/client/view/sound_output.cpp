@@ -47,14 +47,16 @@ bool SoundOutput::open(std::string* error) {
   wanted.samples = device.portion_frames;
   wanted.callback = pull;
   wanted.userdata = this;
-  SDL_AudioSpec obtained{};
-  device_ = SDL_OpenAudioDevice(nullptr, 0, &wanted, &obtained, SDL_AUDIO_ALLOW_SAMPLES_CHANGE);
+  // Nothing may differ from what is wanted: where a driver takes other portions, SDL then cuts them
+  // to size itself. Left to us (SDL_AUDIO_ALLOW_SAMPLES_CHANGE), SDL 2.26 asks for more than its
+  // buffer holds with drivers that round the portion up.
+  device_ = SDL_OpenAudioDevice(nullptr, 0, &wanted, nullptr, 0);
   if (device_ == 0) {
     *error = SDL_GetError();
     SDL_QuitSubSystem(SDL_INIT_AUDIO);
     return false;
   }
-  device_frames_ = device.full_frames * obtained.samples / device.portion_frames;
+  device_frames_ = device.full_frames;
   opened_ = true;
   SDL_PauseAudioDevice(device_, 0);
   return true;

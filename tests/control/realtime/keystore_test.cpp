@@ -3,13 +3,13 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
-#include <stdexcept>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "control/keystore_internal.h"
 #include "control/log.h"
+#include "tests/support/store_values.h"
 #include "tests/support/temp_directory.h"
 
 namespace {
@@ -18,16 +18,14 @@ using keystore::Machine;
 using keystore::User;
 using keystore::internal::read_protected;
 using keystore::internal::reset_for_test;
-using keystore::internal::write_private;
 using keystore::internal::write_protected;
 
-const std::string BLOB =
-    "lunderhaze-pw1 " + std::string(32, 'a') + " 65536 3 " + std::string(64, 'b');
+const std::string BLOB = password_blob();
 
 class Store : public testing::Test {
  protected:
   void SetUp() override {
-    use(User);
+    reset_for_test(User, directory_.path());
     log_open(false, logs_.path());
   }
   void TearDown() override {
@@ -35,53 +33,19 @@ class Store : public testing::Test {
     reset_for_test(User, {});
   }
 
-  // As a new process.
-  void use(keystore::HostStoreScope scope) { reset_for_test(scope, directory_.path()); }
-
   std::filesystem::path file(const std::string& name) const { return directory_ / name; }
   bool logged(const std::string& line) const {
     return file_content(logs_ / "host.log").find("] " + line + "\r\n") != std::string::npos;
-  }
-  std::string failure() const {
-    std::string error;
-    keystore::hostStoreHealthy(&error);
-    return error;
   }
   // A directory in the file's place can be neither read nor replaced.
   void block(const std::string& name) {
     std::filesystem::remove(file(name));
     std::filesystem::create_directories(file(name) / "in the way");
   }
-  template <typename Call>
-  std::string thrown(Call call) {
-    try {
-      call();
-    } catch (const std::runtime_error& error) {
-      return error.what();
-    }
-    return "nothing thrown";
-  }
 
   TempDirectory directory_;
   TempDirectory logs_;
 };
-
-lund_client_list clients_named(const std::string& name, int count) {
-  lund_client_list clients;
-  for (int i = 0; i < count; ++i) {
-    std::uint8_t key[LUND_KEY_SIZE] = {};
-    key[0] = static_cast<std::uint8_t>(i + 1);
-    EXPECT_EQ(lund_client_list_add(&clients, key, name.c_str()), i);
-  }
-  return clients;
-}
-
-lund_relay_config one_relay() {
-  lund_relay_config relays;
-  EXPECT_EQ(lund_relay_config_add_link(&relays, "lunderhaze-relay://relay.example:1234#secret-key"),
-            0);
-  return relays;
-}
 
 // Configuration and health
 
@@ -105,20 +69,6 @@ TEST_F(Store, FailingAUsersStoreDoesNothing) {
   EXPECT_TRUE(keystore::hostStoreHealthy(nullptr));
 }
 
-TEST_F(Store, AFailedMachineStoreKeepsItsFirstReasonAndRefusesEveryWrite) {
-  use(Machine);
-  keystore::failHostStore("first");
-  keystore::failHostStore("second");
-  EXPECT_FALSE(keystore::hostStoreHealthy(nullptr));
-  EXPECT_EQ(failure(), "first");
-  EXPECT_FALSE(write_private("anything", "x", 1));
-  EXPECT_FALSE(keystore::writeHostFile("anything", "x", 1));
-  EXPECT_EQ(entry_count(directory_.path()), 0u);
-  EXPECT_EQ(failure(), "first");
-  EXPECT_EQ(thrown([] { keystore::load_or_create_identity(nullptr); }),
-            "machine store already failed");
-}
-
 TEST_F(Store, ProtectionWorksHere) {
   EXPECT_TRUE(keystore::verifyHostProtection());
 }
@@ -137,7 +87,6 @@ TEST_F(Store, AHostFileIsReadBackAsWritten) {
 }
 
 TEST_F(Store, AMissingHostFileIsFalseAndNoFailure) {
-  use(Machine);
   std::string bytes;
   EXPECT_FALSE(keystore::readHostFile("settings", &bytes));
   EXPECT_TRUE(keystore::hostStoreHealthy(nullptr));
@@ -149,18 +98,13 @@ TEST_F(Store, AHostFileCanOnlyBeAPlainNameInsideTheStore) {
   }
   EXPECT_FALSE(keystore::writeHostFile(nullptr, "x", 1));
   EXPECT_EQ(entry_count(directory_.path()), 0u);
-  use(Machine);
-  EXPECT_FALSE(keystore::writeHostFile("a.b", "x", 1));
-  EXPECT_EQ(failure(), "machine file write failed");
 }
 
-TEST_F(Store, AnUnreadableHostFileFailsTheMachineStoreOnly) {
+TEST_F(Store, AnUnreadableHostFileIsAsGoodAsMissing) {
   block("settings");
   std::string bytes;
   EXPECT_FALSE(keystore::readHostFile("settings", &bytes));
-  use(Machine);
-  EXPECT_EQ(thrown([&] { keystore::readHostFile("settings", &bytes); }), "machine file unreadable");
-  EXPECT_EQ(failure(), "machine file unreadable");
+  EXPECT_TRUE(keystore::hostStoreHealthy(nullptr));
 }
 
 TEST_F(Store, AFileOfOneMebibyteCannotBeReadAndOneByteLessCan) {
@@ -214,20 +158,16 @@ TEST_F(Store, OfConcurrentWritersOneWinsAndReadersNeverSeeAMixture) {
 // Identity
 
 TEST_F(Store, AnEmptyStoreGetsAnIdentityThatLasts) {
-  for (const keystore::HostStoreScope scope : {User, Machine}) {
-    std::filesystem::remove(file("identity"));
-    use(scope);
-    bool created = false;
-    const lund_keypair first = keystore::load_or_create_identity(&created);
-    EXPECT_TRUE(created);
-    char code[LUND_KEY_CODE_TEXT];
-    lund_key_code(code, first.public_key);
-    EXPECT_TRUE(logged("identity: created a new key for this PC (" + std::string(code) + ")"));
-    use(scope);
-    const lund_keypair second = keystore::load_or_create_identity(&created);
-    EXPECT_FALSE(created);
-    EXPECT_EQ(std::memcmp(&first, &second, sizeof(first)), 0);
-  }
+  bool created = false;
+  const lund_keypair first = keystore::load_or_create_identity(&created);
+  EXPECT_TRUE(created);
+  char code[LUND_KEY_CODE_TEXT];
+  lund_key_code(code, first.public_key);
+  EXPECT_TRUE(logged("identity: created a new key for this PC (" + std::string(code) + ")"));
+  reset_for_test(User, directory_.path());
+  const lund_keypair second = keystore::load_or_create_identity(&created);
+  EXPECT_FALSE(created);
+  EXPECT_EQ(std::memcmp(&first, &second, sizeof(first)), 0);
 }
 
 TEST_F(Store, TheSecretKeyIsNotInAnyFile) {
@@ -315,32 +255,17 @@ TEST_F(Store, AnIdentityThatCannotBeReadIsKeptAsideToo) {
   EXPECT_TRUE(std::filesystem::is_regular_file(file("identity")));
 }
 
-TEST_F(Store, AnIdentityOf63CharactersIsDamagedInBothScopes) {
+TEST_F(Store, AnIdentityOf63CharactersIsDamaged) {
   ASSERT_TRUE(write_protected("identity", std::string(63, 'a')));
   bool created = false;
   keystore::load_or_create_identity(&created);
   EXPECT_TRUE(created);
-  use(Machine);
-  ASSERT_TRUE(write_protected("identity", std::string(63, 'a')));
-  const std::string before = file_content(file("identity"));
-  EXPECT_EQ(thrown([] { keystore::load_or_create_identity(nullptr); }),
-            "machine identity is unreadable or malformed");
-  EXPECT_EQ(failure(), "machine identity is unreadable or malformed");
-  EXPECT_EQ(file_content(file("identity")), before);
 }
 
-TEST_F(Store, AnIdentityOf65CharactersIsLoadedForAUserAndRefusedForAMachine) {
+TEST_F(Store, AnIdentityOf65CharactersIsLoaded) {
   const std::string digits(64, '7');
   ASSERT_TRUE(write_protected("identity", digits + "\n"));
   bool created = true;
-  keystore::load_or_create_identity(&created);
-  EXPECT_FALSE(created);
-  use(Machine);
-  ASSERT_TRUE(write_protected("identity", digits + "\n"));
-  EXPECT_EQ(thrown([] { keystore::load_or_create_identity(nullptr); }),
-            "machine identity is unreadable or malformed");
-  use(Machine);
-  ASSERT_TRUE(write_protected("identity", digits));
   keystore::load_or_create_identity(&created);
   EXPECT_FALSE(created);
 }
@@ -381,36 +306,26 @@ TEST_F(Store, ClientsAreReadBackAsSaved) {
   EXPECT_TRUE(file_content(file("authorized_clients")).starts_with("lunderhaze-clients-v1\n"));
 }
 
-TEST_F(Store, WithoutAClientsFileTheListIsEmptyInBothScopes) {
+TEST_F(Store, WithoutAClientsFileTheListIsEmpty) {
   EXPECT_EQ(keystore::load_clients().count, 0);
-  use(Machine);
-  EXPECT_EQ(keystore::load_clients().count, 0);
-  EXPECT_TRUE(keystore::hostStoreHealthy(nullptr));
 }
 
 TEST_F(Store, AMalformedClientsFileLoadsNobodyAndStays) {
   write_file(file("authorized_clients"), "lunderhaze-clients-v1\nnonsense\n");
   EXPECT_EQ(keystore::load_clients().count, 0);
   EXPECT_TRUE(logged("authorized_clients is malformed: no paired devices loaded"));
-  use(Machine);
-  EXPECT_EQ(thrown([] { keystore::load_clients(); }), "machine authorized clients malformed");
   EXPECT_EQ(file_content(file("authorized_clients")), "lunderhaze-clients-v1\nnonsense\n");
 }
 
-TEST_F(Store, AnUnreadableClientsFileIsFatalForAMachineOnly) {
+TEST_F(Store, AnUnreadableClientsFileLoadsNobody) {
   block("authorized_clients");
   EXPECT_EQ(keystore::load_clients().count, 0);
-  use(Machine);
-  EXPECT_EQ(thrown([] { keystore::load_clients(); }), "machine authorized clients unreadable");
 }
 
 TEST_F(Store, ClientsThatCannotBeSavedAreReported) {
   block("authorized_clients");
   EXPECT_FALSE(keystore::save_clients(clients_named("x", 1)));
   EXPECT_TRUE(logged("could not save the paired devices list"));
-  use(Machine);
-  EXPECT_FALSE(keystore::save_clients(clients_named("x", 1)));
-  EXPECT_EQ(failure(), "machine persistence failed");
 }
 
 // Pairing password
@@ -430,38 +345,17 @@ TEST_F(Store, AnUnreadablePasswordTurnsPasswordPairingOff) {
   write_file(file("pairing_password"), "not sealed");
   EXPECT_EQ(keystore::load_password_blob(), "");
   EXPECT_TRUE(logged("pairing_password is unreadable: password pairing is off"));
-  use(Machine);
-  EXPECT_EQ(thrown([] { keystore::load_password_blob(); }), "machine pairing password unreadable");
 }
 
-TEST_F(Store, OnlyAMachineChecksThePasswordsText) {
-  for (const std::string& bad : {std::string("free text"), BLOB + " more", BLOB.substr(0, 60),
-                                 std::string("lunderhaze-pw2") + BLOB.substr(14)}) {
-    use(User);
-    ASSERT_TRUE(keystore::save_password_blob(bad));
-    EXPECT_EQ(keystore::load_password_blob(), bad);
-    use(Machine);
-    ASSERT_TRUE(keystore::save_password_blob(bad));
-    EXPECT_EQ(thrown([] { keystore::load_password_blob(); }), "machine pairing password malformed")
-        << bad;
-  }
-  use(Machine);
-  ASSERT_TRUE(keystore::save_password_blob(BLOB + "\n"));
-  EXPECT_EQ(keystore::load_password_blob(), BLOB + "\n");
+TEST_F(Store, ThePasswordsTextIsNotJudgedHere) {
+  ASSERT_TRUE(keystore::save_password_blob("free text"));
+  EXPECT_EQ(keystore::load_password_blob(), "free text");
 }
 
 TEST_F(Store, APasswordThatCannotBeSavedIsReported) {
   block("pairing_password");
   EXPECT_FALSE(keystore::save_password_blob(BLOB));
   EXPECT_TRUE(logged("could not save the pairing password; it lasts until quit"));
-}
-
-TEST_F(Store, APasswordThatCannotBeDeletedFailsTheMachineStore) {
-  block("pairing_password");
-  keystore::delete_password_blob();
-  use(Machine);
-  keystore::delete_password_blob();
-  EXPECT_EQ(failure(), "machine password deletion failed");
 }
 
 // Relays
@@ -483,16 +377,12 @@ TEST_F(Store, UnreadableRelaysGiveNone) {
   write_file(file("relays"), "lunderhaze-relays-v1\n");  // plain where sealed is expected
   EXPECT_EQ(keystore::load_relays().count, 0);
   EXPECT_TRUE(logged("relays is unreadable (another user's or damaged): no relay servers"));
-  use(Machine);
-  EXPECT_EQ(thrown([] { keystore::load_relays(); }), "machine relays unreadable");
 }
 
 TEST_F(Store, MalformedRelaysGiveNone) {
   ASSERT_TRUE(write_protected("relays", "lunderhaze-relays-v1\nhttp://example\n"));
   EXPECT_EQ(keystore::load_relays().count, 0);
   EXPECT_TRUE(logged("relays is malformed: no relay servers"));
-  use(Machine);
-  EXPECT_EQ(thrown([] { keystore::load_relays(); }), "machine relays malformed");
 }
 
 TEST_F(Store, RelaysThatCannotBeSavedAreReported) {

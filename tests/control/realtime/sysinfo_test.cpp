@@ -8,15 +8,26 @@
 
 #include "control/keystore.h"
 #include "control/keystore_internal.h"
+#include "tests/support/machine_store.h"
 #include "tests/support/temp_directory.h"
 
 namespace {
 
 using keystore::internal::reset_for_test;
 
+void use_store(keystore::HostStoreScope scope, const TempDirectory& directory) {
+  std::filesystem::permissions(directory.path(), std::filesystem::perms::owner_all);
+  reset_for_test(scope, directory.path());
+}
+
 class HostId : public testing::TestWithParam<keystore::HostStoreScope> {
  protected:
-  void SetUp() override { reset_for_test(GetParam(), directory_.path()); }
+  void SetUp() override {
+    if (GetParam() == keystore::Machine && !MachineStore::possible()) {
+      GTEST_SKIP() << MachineStore::WHY_NOT;
+    }
+    use_store(GetParam(), directory_);
+  }
   void TearDown() override { reset_for_test(keystore::User, {}); }
   std::filesystem::path file() const { return directory_ / "host_id"; }
   TempDirectory directory_;
@@ -31,7 +42,7 @@ TEST_P(HostId, AMissingOneIsDrawnAndKept) {
 }
 
 TEST_P(HostId, DigitsFollowedByCrLfAreValid) {
-  write_file(file(), "4711\r\n");
+  write_private_text(file(), "4711\r\n");
   EXPECT_EQ(load_or_create_host_id(), 4711u);
   EXPECT_EQ(file_content(file()), "4711\r\n");
 }
@@ -43,7 +54,7 @@ INSTANTIATE_TEST_SUITE_P(Scopes, HostId, testing::Values(keystore::User, keystor
 
 class StoreScope : public testing::Test {
  protected:
-  void use(keystore::HostStoreScope scope) { reset_for_test(scope, directory_.path()); }
+  void use(keystore::HostStoreScope scope) { use_store(scope, directory_); }
   void TearDown() override { reset_for_test(keystore::User, {}); }
   TempDirectory directory_;
 };
@@ -59,9 +70,10 @@ TEST_F(StoreScope, AMalformedHostIdIsReplacedForAUser) {
 }
 
 TEST_F(StoreScope, AMalformedHostIdFailsTheMachineStoreAndStays) {
+  if (!MachineStore::possible()) GTEST_SKIP() << MachineStore::WHY_NOT;
   for (const char* text : {"12a", "0", "4294967296", "", "12 "}) {
     use(keystore::Machine);
-    write_file(directory_ / "host_id", text);
+    write_private_text(directory_ / "host_id", text);
     EXPECT_THROW(load_or_create_host_id(), std::runtime_error) << text;
     std::string error;
     EXPECT_FALSE(keystore::hostStoreHealthy(&error));

@@ -1,6 +1,5 @@
 #include "tests/support/linux/net_lab.h"
 
-#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sched.h>
 #include <signal.h>
@@ -12,7 +11,8 @@
 #include <filesystem>
 #include <fstream>
 #include <sstream>
-#include <thread>
+
+#include "tests/support/linux/namespaces.h"
 
 namespace {
 
@@ -323,14 +323,7 @@ std::string NetLab::run(const std::string& node, const std::vector<std::string>&
 }
 
 void NetLab::call(const std::string& node, const std::function<void()>& function) const {
-  std::thread([&] {
-    const std::string path = std::string(NAMESPACES) + "/" + namespace_of(node);
-    const int descriptor = open(path.c_str(), O_RDONLY | O_CLOEXEC);
-    const bool there = descriptor >= 0 && setns(descriptor, CLONE_NEWNET) == 0;
-    close(descriptor);
-    EXPECT_TRUE(there) << "cannot enter " << path;
-    if (there) function();
-  }).join();
+  call_inside({{CLONE_NEWNET, std::string(NAMESPACES) + "/" + namespace_of(node)}}, function);
 }
 
 void NetLab::set_parameter(const std::string& node, const std::string& name,

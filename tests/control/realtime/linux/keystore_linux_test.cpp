@@ -70,13 +70,6 @@ TEST_F(LinuxStore, WithoutTheVariableItLiesBelowTheHomeDirectory) {
   }
 }
 
-TEST_F(LinuxStore, TheMachineScopeIsRefusedInClearWords) {
-  std::string error;
-  EXPECT_FALSE(keystore::configureHostStore(keystore::Machine, &error));
-  EXPECT_EQ(error, "machine store not supported on this system");
-  EXPECT_EQ(keystore::hostStoreScope(), User);
-}
-
 TEST_F(LinuxStore, SecretsStayShutOnAnotherComputer) {
   keystore::load_or_create_identity(nullptr);
   std::string text;

@@ -1,0 +1,585 @@
+// Pipes as real sockets between real processes. Limits that a test expects to run into are short;
+// those that it expects not to, far beyond what a busy machine takes.
+#include "control/ipc_transport.h"
+
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+
+#include <atomic>
+#include <chrono>
+#include <functional>
+#include <thread>
+
+#include "control/linux/unix_socket.h"
+#include "tests/support/linux/forked.h"
+#include "tests/support/temp_directory.h"
+
+namespace {
+
+using namespace host_service;
+namespace fs = std::filesystem;
+using std::chrono::milliseconds;
+using std::chrono::steady_clock;
+using Bytes = std::vector<unsigned char>;
+
+constexpr std::uint32_t LONG_MS = 60'000;
+constexpr milliseconds AT_ONCE{30'000};  // as told from LONG_MS
+constexpr std::uint32_t SHORT_MS = 500;
+
+Bytes request() {
+  return encode_request({Verb::SetRelays, Bytes(100, 'r')});
+}
+
+class Stopwatch {
+ public:
+  milliseconds elapsed() const {
+    return std::chrono::duration_cast<milliseconds>(steady_clock::now() - start_);
+  }
+
+ private:
+  steady_clock::time_point start_ = steady_clock::now();
+};
+
+// A client that doesn't keep to the rules.
+class RawPeer {
+ public:
+  explicit RawPeer(const std::string& name) : socket_(unix_socket()) {
+    UnixAddress address;
+    connected_ = address.fill(name) && connect(socket_.get(), address.get(), address.size()) == 0;
+  }
+  bool connected() const { return connected_; }
+  bool send(const Bytes& bytes) const {
+    return ::send(socket_.get(), bytes.data(), bytes.size(), MSG_NOSIGNAL) ==
+           static_cast<ssize_t>(bytes.size());
+  }
+
+ private:
+  Descriptor socket_;
+  bool connected_;
+};
+
+class IpcPipes : public testing::Test {
+ protected:
+  void SetUp() override {
+    if (geteuid() != 0) GTEST_SKIP() << "pipes are root's own";
+  }
+  Pipe serve(bool first_instance = true) { return create_pipe(name_, true, first_instance); }
+  // A pair within this process.
+  void connect_ends() {
+    server_ = serve();
+    client_ = open_pipe(name_, nullptr, LONG_MS);
+    ASSERT_TRUE(connect_pipe(server_, nullptr, LONG_MS));
+    ASSERT_TRUE(client_);
+  }
+
+  TempDirectory directory_;
+  const std::string name_ = directory_ / "run/pipe";
+  Pipe server_, client_;
+  WakeEvent stop_{WakeEvent::Reset::Manual};
+  Bytes frame_;
+};
+
+TEST_F(IpcPipes, TheLargestFrameGoesEachWay) {
+  connect_ends();
+  const Bytes asked = encode_request({Verb::SetRelays, Bytes(PAYLOAD_MAX, 'r')});
+  const Bytes answered =
+      encode_response(Verb::SetRelays, Status::Ok, std::string(RESPONSE_TEXT_MAX, 'a'));
+  ASSERT_TRUE(write_frame(client_, asked, &stop_, LONG_MS));
+  ASSERT_TRUE(read_frame(server_, &frame_, &stop_, LONG_MS));
+  EXPECT_EQ(frame_, asked);
+  ASSERT_TRUE(write_frame(server_, answered, &stop_, LONG_MS));
+  ASSERT_TRUE(read_frame(client_, &frame_, &stop_, LONG_MS));
+  EXPECT_EQ(frame_, answered);
+}
+
+TEST_F(IpcPipes, FramesGoBothWaysAtTheSameTimeFromTwoThreadsAnEnd) {
+  connect_ends();
+  constexpr int FRAMES = 200;
+  const auto writes = [](Pipe& pipe, Verb verb) {
+    for (int i = 0; i < FRAMES; ++i) {
+      const std::string text(static_cast<std::size_t>(i * 80), static_cast<char>('a' + i % 26));
+      if (!write_frame(pipe, encode_response(verb, Status::Ok, text), nullptr, LONG_MS)) return;
+    }
+  };
+  const auto reads = [](Pipe& pipe, Verb verb, int* whole) {
+    Bytes frame;
+    Status status{};
+    std::string text;
+    for (int i = 0; i < FRAMES && read_frame(pipe, &frame, nullptr, LONG_MS); ++i) {
+      const bool right =
+          decode_response(frame.data(), frame.size(), verb, &status, &text) &&
+          text == std::string(static_cast<std::size_t>(i * 80), static_cast<char>('a' + i % 26));
+      *whole += right;
+    }
+  };
+  int at_server = 0, at_client = 0;
+  {
+    std::thread a([&] { writes(server_, Verb::Status); });
+    std::thread b([&] { writes(client_, Verb::Stop); });
+    std::thread c([&] { reads(server_, Verb::Stop, &at_server); });
+    reads(client_, Verb::Status, &at_client);
+    a.join();
+    b.join();
+    c.join();
+  }
+  EXPECT_EQ(at_server, FRAMES);
+  EXPECT_EQ(at_client, FRAMES);
+}
+
+TEST_F(IpcPipes, AClientMayComeBeforeItsServer) {
+  std::thread late([this] { server_ = serve(); });
+  client_ = open_pipe(name_, nullptr, LONG_MS);
+  late.join();
+  EXPECT_TRUE(client_);
+  EXPECT_TRUE(connect_pipe(server_, nullptr, LONG_MS));
+}
+
+TEST_F(IpcPipes, TransactAsksAndIsAnswered) {
+  server_ = serve();
+  std::thread server([this] {
+    Request asked;
+    if (connect_pipe(server_, nullptr, LONG_MS) && pipe_client(server_, true, nullptr, 0) &&
+        read_frame(server_, &frame_, nullptr, LONG_MS) &&
+        decode_request(frame_.data(), frame_.size(), &asked))
+      write_frame(server_, encode_response(asked.verb, Status::Persistence, "words"), nullptr,
+                  LONG_MS);
+  });
+  const Result result = transact(name_, {Verb::ClearPassword, {}}, nullptr);
+  server.join();
+  EXPECT_EQ(result.status, Status::Persistence);
+  EXPECT_EQ(result.text, "words");
+}
+
+TEST_F(IpcPipes, TransactWithNobodyThereSaysUnavailableWhenItIsStopped) {
+  stop_.set();
+  const Result result = transact(name_, {Verb::Status, {}}, &stop_);
+  EXPECT_EQ(result.status, Status::Unavailable);
+  EXPECT_EQ(result.text, "service unavailable or access denied");
+}
+
+TEST_F(IpcPipes, APathLongerThanASocketsNameWorks) {
+  const fs::path deep = directory_ / std::string(150, 'd');
+  const std::string name = deep / "pipe";
+  Pipe server = create_pipe(name, false, true);
+  ASSERT_TRUE(server);
+  EXPECT_TRUE(fs::is_socket(name));
+  Pipe client = open_pipe(name, nullptr, LONG_MS);
+  EXPECT_TRUE(connect_pipe(server, nullptr, LONG_MS));
+  EXPECT_TRUE(pipe_server(client, static_cast<std::uint32_t>(getpid())));
+}
+
+// ---- Names and instances
+
+TEST_F(IpcPipes, ANameIsAFileOfRootsAloneAndGoesWithItsLastInstance) {
+  server_ = serve();
+  ASSERT_TRUE(server_);
+  struct stat file {
+  }, directory{};
+  ASSERT_EQ(stat(name_.c_str(), &file), 0);
+  ASSERT_EQ(stat((directory_ / "run").c_str(), &directory), 0);
+  EXPECT_EQ(file.st_mode & 07777, 0600u);
+  EXPECT_EQ(directory.st_mode & 07777, 0700u);
+  Pipe second = serve(false);
+  server_ = Pipe();
+  EXPECT_TRUE(fs::is_socket(name_));
+  second = Pipe();
+  EXPECT_EQ(entry_count(directory_ / "run"), 0u);
+}
+
+TEST_F(IpcPipes, ANameHasFourInstancesAtMost) {
+  std::vector<Pipe> instances;
+  for (int i = 0; i < 4; ++i) {
+    instances.push_back(serve(i == 0));
+    EXPECT_TRUE(instances.back());
+  }
+  EXPECT_FALSE(serve(false));
+  instances.pop_back();
+  EXPECT_TRUE(serve(false));
+}
+
+TEST_F(IpcPipes, EachInstanceHasAClientOfItsOwn) {
+  Pipe first = serve(), second = serve(false);
+  Pipe one = open_pipe(name_, nullptr, LONG_MS), two = open_pipe(name_, nullptr, LONG_MS);
+  ASSERT_TRUE(connect_pipe(first, nullptr, LONG_MS));
+  ASSERT_TRUE(connect_pipe(second, nullptr, LONG_MS));
+  ASSERT_TRUE(write_frame(one, request(), nullptr, LONG_MS));
+  EXPECT_TRUE(read_frame(first, &frame_, nullptr, LONG_MS));
+  stop_.set();
+  EXPECT_FALSE(read_frame(second, &frame_, &stop_, LONG_MS));
+}
+
+TEST_F(IpcPipes, TheFirstInstanceFailsWhereThisProcessServesTheName) {
+  server_ = serve();
+  EXPECT_FALSE(serve());
+  EXPECT_TRUE(serve(false));
+}
+
+TEST_F(IpcPipes, ThePlaceOfAKilledServerIsTaken) {
+  const Signal up;
+  Forked killed([&] {
+    const Pipe pipe = serve();
+    up.give();
+    pause();
+    return 0;
+  });
+  up.take();
+  ASSERT_TRUE(fs::is_socket(name_));
+  EXPECT_FALSE(serve());
+  killed.end();
+  ASSERT_TRUE(fs::is_socket(name_));
+  connect_ends();
+  EXPECT_TRUE(pipe_server(client_, static_cast<std::uint32_t>(getpid())));
+}
+
+TEST_F(IpcPipes, APipeIsNotMadeWhereOthersCouldReplaceIt) {
+  const fs::path open_to_all = directory_ / "open";
+  fs::create_directory(open_to_all);
+  EXPECT_FALSE(create_pipe(open_to_all / "pipe", true, true));
+  fs::permissions(open_to_all, fs::perms::all);
+  EXPECT_FALSE(create_pipe(open_to_all / "run/pipe", true, true));
+  EXPECT_FALSE(create_pipe("pipe", true, true));
+  EXPECT_FALSE(create_pipe("", true, true));
+  EXPECT_FALSE(open_pipe("", nullptr, LONG_MS));
+}
+
+// ---- Waits
+
+TEST_F(IpcPipes, ElevenHeaderBytesFailAtTheDeadline) {
+  server_ = serve();
+  const RawPeer peer(name_);
+  ASSERT_TRUE(connect_pipe(server_, nullptr, LONG_MS));
+  const Bytes whole = request();
+  ASSERT_TRUE(peer.send(Bytes(whole.begin(), whole.begin() + 11)));
+  const Stopwatch watch;
+  EXPECT_FALSE(read_frame(server_, &frame_, &stop_, SHORT_MS));
+  EXPECT_GE(watch.elapsed(), milliseconds(SHORT_MS));
+}
+
+TEST_F(IpcPipes, ASlowPeerFailsAtTheDeadline) {
+  server_ = serve();
+  const RawPeer peer(name_);
+  ASSERT_TRUE(connect_pipe(server_, nullptr, LONG_MS));
+  std::thread slow([this, &peer] {
+    // Its 112 bytes would take 22 seconds.
+    for (const unsigned char byte : request()) {
+      if (!peer.send({byte}) || stop_.wait(200)) return;
+    }
+  });
+  const Stopwatch watch;
+  EXPECT_FALSE(read_frame(server_, &frame_, nullptr, SHORT_MS));
+  EXPECT_GE(watch.elapsed(), milliseconds(SHORT_MS));
+  EXPECT_LT(watch.elapsed(), milliseconds(20'000));
+  stop_.set();
+  slow.join();
+}
+
+TEST_F(IpcPipes, APeerThatTakesNothingFailsTheWriteAtTheDeadline) {
+  connect_ends();
+  const Bytes largest = encode_request({Verb::SetRelays, Bytes(PAYLOAD_MAX, 'r')});
+  const Stopwatch watch;
+  while (write_frame(client_, largest, nullptr, SHORT_MS)) {
+    ASSERT_LT(watch.elapsed(), AT_ONCE);
+  }
+  EXPECT_GE(watch.elapsed(), milliseconds(SHORT_MS));
+}
+
+TEST_F(IpcPipes, AHeaderWithALengthOf16385FailsBeforeThePayload) {
+  server_ = serve();
+  const RawPeer peer(name_);
+  ASSERT_TRUE(connect_pipe(server_, nullptr, LONG_MS));
+  ASSERT_TRUE(peer.send({'L', 'H', 'I', 'P', 1, 0, 7, 0, 0x01, 0x40, 0, 0}));
+  const Stopwatch watch;
+  EXPECT_FALSE(read_frame(server_, &frame_, nullptr, LONG_MS));
+  EXPECT_LT(watch.elapsed(), AT_ONCE);
+}
+
+TEST_F(IpcPipes, APeerThatDiesInMidFrameFailsTheReadAtOnce) {
+  server_ = serve();
+  Forked peer([this] {
+    const Bytes whole = request();
+    return RawPeer(name_).send(Bytes(whole.begin(), whole.begin() + 50)) ? 0 : 1;
+  });
+  ASSERT_TRUE(connect_pipe(server_, nullptr, LONG_MS));
+  const Stopwatch watch;
+  EXPECT_FALSE(read_frame(server_, &frame_, nullptr, LONG_MS));
+  EXPECT_LT(watch.elapsed(), AT_ONCE);
+  EXPECT_EQ(peer.wait(), 0);
+}
+
+TEST_F(IpcPipes, AWriteToAPeerThatIsGoneFailsAndIsNoSignal) {
+  connect_ends();
+  server_ = Pipe();
+  EXPECT_FALSE(write_frame(client_, request(), nullptr, LONG_MS));
+}
+
+TEST_F(IpcPipes, ASetStopEventEndsEachWaitAtOnce) {
+  connect_ends();
+  Pipe waiting = serve(false);
+  const Bytes largest = encode_request({Verb::SetRelays, Bytes(PAYLOAD_MAX, 'r')});
+  const std::string missing = name_ + "-missing";
+  const std::function<void()> waits[] = {
+      [&] { EXPECT_FALSE(open_pipe(missing, &stop_, LONG_MS)); },
+      [&] { EXPECT_FALSE(connect_pipe(waiting, &stop_, LONG_MS)); },
+      [&] { EXPECT_FALSE(read_frame(client_, &frame_, &stop_, LONG_MS)); },
+      [&] {  // nobody reads: one of them waits for room
+        while (write_frame(client_, largest, &stop_, LONG_MS)) {
+        }
+      },
+      [&] { wait_client_close(client_, &stop_, LONG_MS); },
+  };
+  for (const auto& wait : waits) {
+    const Stopwatch watch;
+    stop_.reset();
+    std::atomic<bool> begun = false;
+    std::thread stopper([&] {
+      while (!begun) std::this_thread::yield();
+      stop_.set();
+    });
+    begun = true;
+    wait();
+    stopper.join();
+    EXPECT_LT(watch.elapsed(), AT_ONCE);
+  }
+}
+
+TEST_F(IpcPipes, WhatHasArrivedIsReadThoughStopIsSet) {
+  connect_ends();
+  ASSERT_TRUE(write_frame(client_, request(), nullptr, LONG_MS));
+  stop_.set();
+  EXPECT_TRUE(read_frame(server_, &frame_, &stop_, LONG_MS));
+  EXPECT_FALSE(read_frame(server_, &frame_, &stop_, LONG_MS));
+}
+
+TEST_F(IpcPipes, WaitingForTheClientsCloseEndsWithItWithDataAndAtTheLimit) {
+  connect_ends();
+  Stopwatch watch;
+  wait_client_close(server_, nullptr, SHORT_MS);
+  EXPECT_GE(watch.elapsed(), milliseconds(SHORT_MS));
+  const Stopwatch rest;
+  ASSERT_TRUE(write_frame(client_, request(), nullptr, LONG_MS));
+  wait_client_close(server_, nullptr, LONG_MS);
+  ASSERT_TRUE(read_frame(server_, &frame_, nullptr, LONG_MS));
+  client_ = Pipe();
+  wait_client_close(server_, nullptr, LONG_MS);
+  EXPECT_LT(rest.elapsed(), AT_ONCE);
+}
+
+// ---- Whom to trust
+
+TEST_F(IpcPipes, EachEndKnowsTheOthersProcess) {
+  server_ = serve();
+  const auto self = static_cast<std::uint32_t>(getpid());
+  const Signal done;
+  Forked child([&] {
+    Pipe pipe = open_pipe(name_, nullptr, LONG_MS);
+    const bool right = pipe_server(pipe, self) && pipe_server(pipe, 0) &&
+                       !pipe_server(pipe, self + 1) && pipe_server_id(pipe) == self &&
+                       pipe_client_id(pipe) == 0 && !pipe_client(pipe, true, nullptr, 0);
+    done.take();
+    return right ? 0 : 1;
+  });
+  ASSERT_TRUE(connect_pipe(server_, nullptr, LONG_MS));
+  EXPECT_EQ(pipe_client_id(server_), static_cast<std::uint32_t>(child.pid()));
+  EXPECT_EQ(pipe_server_id(server_), 0u);
+  EXPECT_FALSE(pipe_server(server_, 0));
+  EXPECT_TRUE(pipe_client(server_, true, nullptr, 0));
+  done.give();
+  EXPECT_EQ(child.wait(), 0);
+  EXPECT_FALSE(pipe_client(server_, true, nullptr, 0));
+  EXPECT_EQ(pipe_client_id(server_), 0u);
+}
+
+TEST_F(IpcPipes, AWorkerIsTheVeryProcessInItsSession) {
+  server_ = serve();
+  const Signal done;
+  const auto client = [&] {
+    const Pipe pipe = open_pipe(name_, nullptr, LONG_MS);
+    done.take();
+    return 0;
+  };
+  const auto sleeper = [] {
+    pause();
+    return 0;
+  };
+  Forked worker(client), other(sleeper);
+  ASSERT_TRUE(connect_pipe(server_, nullptr, LONG_MS));
+  const Process process = Process::open(static_cast<std::uint32_t>(worker.pid()));
+  const Process another = Process::open(static_cast<std::uint32_t>(other.pid()));
+  std::uint32_t session = 0;
+  ASSERT_TRUE(system_process(process, &session));
+  EXPECT_TRUE(pipe_client(server_, false, &process, session));
+  EXPECT_FALSE(pipe_client(server_, false, &process, session + 1));
+  EXPECT_FALSE(pipe_client(server_, false, &another, session));
+  EXPECT_FALSE(pipe_client(server_, false, nullptr, session));
+  done.give();
+  EXPECT_EQ(worker.wait(), 0);
+  EXPECT_FALSE(pipe_client(server_, false, &process, session));
+}
+
+TEST_F(IpcPipes, AnOrdinaryUserCannotOpenAChannel) {
+  server_ = serve();
+  chmod(directory_.path().c_str(), 0755);
+  Forked user([this] {
+    if (!become_ordinary()) return 1;
+    return open_pipe(name_, nullptr, LONG_MS) || RawPeer(name_).connected() ? 2 : 0;
+  });
+  EXPECT_EQ(user.wait(), 0);
+  // Nor by a path to the file that its directory doesn't guard.
+  const fs::path linked = directory_ / "linked";
+  fs::create_hard_link(name_, linked);
+  Forked again([&] {
+    if (!become_ordinary()) return 1;
+    return RawPeer(linked).connected() ? 2 : 0;
+  });
+  EXPECT_EQ(again.wait(), 0);
+}
+
+TEST_F(IpcPipes, AnOrdinaryUsersConnectionIsNobodysHoweverItCameAboutAndWhateverItsUserTurnsInto) {
+  server_ = serve();
+  chmod(directory_.path().c_str(), 0755);
+  chmod((directory_ / "run").c_str(), 0755);
+  chmod(name_.c_str(), 0666);
+  const Signal done;
+  Forked user([&] {
+    if (setresuid(ORDINARY_USER, ORDINARY_USER, 0) != 0) return 1;
+    const RawPeer peer(name_);
+    if (!peer.connected() || setresuid(0, 0, 0) != 0) return 2;
+    done.take();
+    return 0;
+  });
+  ASSERT_TRUE(connect_pipe(server_, nullptr, LONG_MS));
+  EXPECT_FALSE(pipe_client(server_, true, nullptr, 0));
+  EXPECT_EQ(pipe_client_id(server_), 0u);
+  done.give();
+  EXPECT_EQ(user.wait(), 0);
+}
+
+TEST_F(IpcPipes, AProcessThatServesTheNameFirstKeepsTheServiceFromItAndIsNotItsServer) {
+  const Signal up;
+  Forked guesser([&] {
+    Pipe pipe = serve();
+    up.give();
+    connect_pipe(pipe, nullptr, LONG_MS);
+    pause();
+    return 0;
+  });
+  up.take();
+  EXPECT_FALSE(serve());
+  EXPECT_FALSE(serve(false));
+  client_ = open_pipe(name_, nullptr, LONG_MS);
+  EXPECT_TRUE(client_);
+  EXPECT_FALSE(pipe_server(client_, static_cast<std::uint32_t>(getpid())));
+  EXPECT_TRUE(pipe_server(client_, static_cast<std::uint32_t>(guesser.pid())));
+}
+
+// Somebody's own socket by that name, without the lock.
+struct Impostor {
+  explicit Impostor(const std::string& name) {
+    UnixAddress address;
+    if (address.fill(name)) socket = listen_at(address, 4);
+  }
+  Descriptor socket;
+};
+
+TEST_F(IpcPipes, AServerThatDoesNotKeepToTheLockIsSeenToo) {
+  fs::create_directory(directory_ / "run");
+  fs::permissions(directory_ / "run", fs::perms::owner_all);
+  const Impostor impostor(name_);
+  ASSERT_GE(impostor.socket.get(), 0);
+  EXPECT_FALSE(serve());
+  EXPECT_TRUE(fs::is_socket(name_));
+}
+
+TEST_F(IpcPipes, AnOrdinaryUsersServerIsUntrustedAndToldNothing) {
+  chmod(directory_.path().c_str(), 0777);
+  const std::string name = directory_ / "guessed";
+  const Signal up;
+  Forked impostor([&] {
+    if (!become_ordinary()) return 1;
+    const Impostor served(name);
+    up.give();
+    const Descriptor peer = accept_peer(served.socket.get(), UINT64_MAX, nullptr);
+    char byte;
+    // Its client closes without having said anything.
+    return receive_some(peer.get(), &byte, 1, UINT64_MAX, nullptr) == 0 ? 0 : 2;
+  });
+  up.take();
+  const Result result =
+      transact(name, {Verb::SetPassword, {'s', 'e', 'c', 'r', 'e', 't'}}, nullptr);
+  EXPECT_EQ(result.status, Status::Denied);
+  EXPECT_EQ(result.text, "untrusted service endpoint");
+  EXPECT_EQ(impostor.wait(), 0);
+}
+
+TEST_F(IpcPipes, AReusedProcessIdIsNotTakenForThePeer) {
+  // The connection outlives the peer, held by a child of it, so that only the process tells.
+  const auto hold_and_end = [](const Signal& end) {
+    const pid_t holder = fork();
+    if (holder == 0) {
+      pause();
+      _exit(0);
+    }
+    end.take();
+  };
+  const auto sleeper = [] {
+    pause();
+    return 0;
+  };
+  const auto as_client = [&] {
+    const Signal end;
+    Pipe server = serve();
+    Forked peer([&] {
+      const Pipe pipe = open_pipe(name_, nullptr, LONG_MS);
+      hold_and_end(end);
+      return 0;
+    });
+    const pid_t id = peer.pid();
+    if (!connect_pipe(server, nullptr, LONG_MS)) return 1;
+    if (!pipe_client(server, true, nullptr, 0)) return 2;
+    end.give();
+    peer.wait();
+    if (!choose_next_id(id)) return NO_NAMESPACE;
+    Forked second(sleeper);
+    if (second.pid() != id) return 3;
+    const Process process = Process::open(static_cast<std::uint32_t>(id));
+    std::uint32_t session = 0;
+    if (!system_process(process, &session)) return 4;
+    if (pipe_client_id(server) != static_cast<std::uint32_t>(id)) return 5;  // that is, still open
+    if (pipe_client(server, true, nullptr, 0)) return 6;
+    if (pipe_client(server, false, &process, session)) return 7;
+    return 0;
+  };
+  const auto as_server = [&] {
+    const Signal end, up;
+    Forked peer([&] {
+      Pipe pipe = serve();
+      up.give();
+      connect_pipe(pipe, nullptr, LONG_MS);
+      hold_and_end(end);
+      return 0;
+    });
+    const pid_t pid = peer.pid();
+    const auto id = static_cast<std::uint32_t>(pid);
+    up.take();
+    Pipe client = open_pipe(name_, nullptr, LONG_MS);
+    if (!pipe_server(client, id)) return 11;
+    end.give();
+    peer.wait();
+    if (!choose_next_id(pid)) return NO_NAMESPACE;
+    Forked second(sleeper);
+    if (second.pid() != pid) return 12;
+    if (!system_process(Process::open(id), nullptr)) return 13;
+    if (pipe_server_id(client) != id) return 14;
+    if (pipe_server(client, id) || pipe_server(client, 0)) return 15;
+    return 0;
+  };
+  for (const std::function<int()>& end :
+       {std::function<int()>(as_client), std::function<int()>(as_server)}) {
+    const int result = in_pid_namespace(end);
+    if (result == NO_NAMESPACE) GTEST_SKIP() << "no namespace of process ids here";
+    EXPECT_EQ(result, 0);
+  }
+}
+
+}  // namespace

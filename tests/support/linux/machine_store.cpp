@@ -1,0 +1,7 @@
+#include "tests/support/machine_store.h"
+
+#include <unistd.h>
+
+bool MachineStore::possible() {
+  return geteuid() == 0;
+}

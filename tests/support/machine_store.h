@@ -1,0 +1,39 @@
+// A machine store of a test's own, in a fresh temporary directory that goes with it: as the real
+// one, a private directory in a private directory. Only where the test is the system's own process.
+#pragma once
+
+#include <filesystem>
+#include <string>
+
+#include "tests/support/temp_directory.h"
+
+class MachineStore {
+ public:
+  static bool possible();
+  static constexpr const char* WHY_NOT = "only the system's own process may have a machine store";
+
+  MachineStore();  // neither made nor configured yet
+  ~MachineStore();
+  MachineStore(const MachineStore&) = delete;
+  MachineStore& operator=(const MachineStore&) = delete;
+
+  std::filesystem::path path() const { return parent_ / "host"; }
+  std::filesystem::path parent() const { return parent_.path(); }
+  std::filesystem::path operator/(const std::string& name) const { return path() / name; }
+
+  void restart() const;           // as a new process, in the machine scope and not configured yet
+  std::string configure() const;  // the same, then configured: what is said, empty for success
+
+ private:
+  TempDirectory parent_;
+};
+
+// A file for its owner alone, as the store's are.
+inline void write_private_text(const std::filesystem::path& path, const std::string& content) {
+  using std::filesystem::perms;
+  write_file(path, content);
+  std::filesystem::permissions(path, perms::owner_read | perms::owner_write);
+}
+
+// Why the process's store failed; empty while it is healthy.
+std::string store_failure();

@@ -1,0 +1,17 @@
+// lunderhaze-worker: started by the service alone.
+#include <cstdio>
+#include <string>
+#include <vector>
+
+#include "worker/version.h"
+#include "worker/worker.h"
+
+int main(int argc, char** argv) {
+  const std::vector<std::string> arguments(argv + 1, argv + argc);
+  if (arguments.size() == 1 && arguments[0] == "--version") {
+    std::printf("%s\n", LUND_VERSION_TEXT);
+    return 0;
+  }
+  const auto system = host_app::native_worker_system();
+  return static_cast<int>(host_app::run_worker(arguments, *system, native_platform()));
+}
