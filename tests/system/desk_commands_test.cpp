@@ -84,7 +84,7 @@ case "$*" in
     sed -n "s/^ufw allow from \([^ ]*\) to any port \([0-9]*\) proto udp.*/\2\/udp ALLOW IN \1/p" "$RULES" ;;
   "show added") echo "Added user rules (see 'ufw status' for running firewall):"; cat "$RULES" ;;
   "delete allow from "*)
-    grep -v "^ufw allow from $5 to any port $9 proto udp" "$RULES" > "$RULES.new"
+    grep -v "^ufw allow from $4 to any port $8 proto udp" "$RULES" > "$RULES.new"
     mv "$RULES.new" "$RULES" ;;
   "allow proto udp from "*)
     echo "ufw allow from $5 to any port $9 proto udp comment '${11}'" >> "$RULES" ;;
