@@ -157,7 +157,9 @@ bool decode_response(const unsigned char* bytes, unsigned long long size, Verb e
   const std::uint32_t number = read_u32(payload.data());
   if (number > LAST_STATUS) return false;
   *status = static_cast<Status>(number);
-  text->assign(payload.begin() + STATUS_BYTES, payload.end());
+  const Bytes words = payload.subspan(STATUS_BYTES);
+  // By iterators of bytes it would go through a string of its own, and an answer may hold a PIN.
+  text->assign(reinterpret_cast<const char*>(words.data()), words.size());
   return true;
 }
 

@@ -2,10 +2,12 @@
 // own. Killed and reaped with its scope. One thread.
 #pragma once
 
+#include <grp.h>
 #include <gtest/gtest.h>
 #include <sched.h>
 #include <signal.h>
 #include <sys/mount.h>
+#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -19,7 +21,10 @@ class Forked {
  public:
   // Ends with what `body` returns.
   explicit Forked(const std::function<int()>& body) : pid_(fork()) {
-    if (pid_ == 0) _exit(body());
+    if (pid_ == 0) {
+      prctl(PR_SET_PDEATHSIG, SIGKILL);  // a test that crashes leaves nobody behind
+      _exit(body());
+    }
     EXPECT_GT(pid_, 0);
   }
   ~Forked() { end(); }
@@ -45,7 +50,8 @@ class Forked {
 };
 
 inline bool become_ordinary() {
-  return setresgid(ORDINARY_USER, ORDINARY_USER, ORDINARY_USER) == 0 &&
+  return setgroups(0, nullptr) == 0 &&
+         setresgid(ORDINARY_USER, ORDINARY_USER, ORDINARY_USER) == 0 &&
          setresuid(ORDINARY_USER, ORDINARY_USER, ORDINARY_USER) == 0;
 }
 

@@ -11,8 +11,10 @@
 #include <functional>
 #include <thread>
 
+#include "connection/secure.h"
 #include "control/linux/unix_socket.h"
 #include "tests/support/linux/forked.h"
+#include "tests/support/linux/process_image.h"
 #include "tests/support/temp_directory.h"
 
 namespace {
@@ -363,6 +365,61 @@ TEST_F(IpcPipes, WaitingForTheClientsCloseEndsWithItWithDataAndAtTheLimit) {
   client_ = Pipe();
   wait_client_close(server_, nullptr, LONG_MS);
   EXPECT_LT(rest.elapsed(), AT_ONCE);
+}
+
+// ---- What it leaves behind
+
+TEST_F(IpcPipes, AnExchangeLeavesNoSecretInTheMemoryOfEitherEnd) {
+  // Made where it is wanted, so that nothing else in the process' memory is like it.
+  const auto write_secret = [](auto* out, std::size_t size) {
+    for (std::size_t i = 0; i < size; ++i) out[i] = static_cast<char>('a' + (i * i + 5 * i) % 26);
+  };
+  constexpr std::size_t SIZE = 48;
+  const Signal holds, looked, done, over;
+  Forked client([&] {
+    Request asked{Verb::SetPassword, Bytes(SIZE)};
+    write_secret(asked.payload.data(), SIZE);
+    holds.give();
+    looked.take();
+    Result result = transact(name_, asked, nullptr);
+    const bool right = result.text.size() == SIZE;
+    lund_secure_wipe(asked.payload.data(), SIZE);
+    lund_secure_wipe(result.text.data(), result.text.size());
+    done.give();
+    over.take();
+    return right ? 0 : 1;
+  });
+  Forked server([&] {
+    Pipe pipe = serve();
+    Bytes frame;
+    std::string text(SIZE, '\0');
+    if (!connect_pipe(pipe, nullptr, LONG_MS) || !read_frame(pipe, &frame, nullptr, LONG_MS))
+      return 1;
+    lund_secure_wipe(frame.data(), frame.size());
+    write_secret(text.data(), SIZE);
+    frame = encode_response(Verb::SetPassword, Status::Ok, text);
+    if (!write_frame(pipe, frame, nullptr, LONG_MS)) return 2;
+    lund_secure_wipe(text.data(), SIZE);
+    lund_secure_wipe(frame.data(), frame.size());
+    done.give();
+    over.take();
+    return 0;
+  });
+  Bytes secret(SIZE);
+  write_secret(secret.data(), SIZE);
+  // Freeing memory writes over its start, which hides what it held from nobody.
+  secret.erase(secret.begin(), secret.begin() + SIZE / 2);
+  holds.take();
+  EXPECT_TRUE(image_holds(client.pid(), secret));
+  looked.give();
+  done.take();
+  done.take();
+  EXPECT_FALSE(image_holds(client.pid(), secret));
+  EXPECT_FALSE(image_holds(server.pid(), secret));
+  over.give();
+  over.give();
+  EXPECT_EQ(client.wait(), 0);
+  EXPECT_EQ(server.wait(), 0);
 }
 
 // ---- Whom to trust

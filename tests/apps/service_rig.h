@@ -1,0 +1,170 @@
+// A service's supervisor among scripted sessions, workers and pipes, in virtual time. One thread.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "apps/service/supervisor.h"
+#include "connection/clock.h"
+#include "connection/secure.h"
+#include "tests/support/virtual_time.h"
+
+namespace service_test {
+
+inline GraphicalSession session(std::uint32_t number, const std::string& user = "anna") {
+  const std::string display = ":" + std::to_string(number - 1);
+  return {"session " + std::to_string(number) + " of " + user, number, {{"DISPLAY", display}}};
+}
+
+// What the supervisor did to one worker, and how that one behaves.
+struct FakeWorker {
+  std::uint32_t id = 0;
+  std::vector<std::string> arguments;
+  Environment environment;
+  std::uint64_t started_us = 0;
+  std::uint32_t attached_session = 0;
+  bool heartbeats = true;
+  std::uint64_t last_heartbeat_us = 0;
+  bool obeys_stop = true, obeys_sigterm = true;
+  bool stop_asked = false, terminated = false, killed = false, closed = false;
+  std::uint64_t stop_asked_us = 0, terminated_us = 0, killed_us = 0;
+  std::vector<host_service::Request> requests;
+  host_service::Result answer{host_service::Status::Ok, "worker running\n"};
+  std::optional<WorkerEnd> end;
+
+  void exit(int code) { end = WorkerEnd{WorkerEnd::Kind::Exited, code}; }
+  void die(int signal) { end = WorkerEnd{WorkerEnd::Kind::Signalled, signal}; }
+};
+
+class ServiceRig : public testing::Test {
+ protected:
+  ServiceRig() { virtual_time::reset(); }
+
+  // Steps as often as the supervisor asks, with heartbeats in between, for so long.
+  void run_ms(std::uint64_t ms) {
+    const std::uint64_t until_us = lund_now_us() + ms * 1'000;
+    for (;;) {
+      beat();
+      const std::uint32_t next_ms = supervisor_.step();
+      longest_wait_ms_ = std::max(longest_wait_ms_, next_ms);
+      const std::uint64_t left_us = until_us - lund_now_us();
+      if (left_us == 0 || supervisor_.done()) return;
+      // A worker beats each 100 ms, which here need not be shown more often than that.
+      virtual_time::advance_us(
+          std::min<std::uint64_t>({left_us, std::max(next_ms, 1u) * 1'000ull, 100'000ull}));
+    }
+  }
+  void step() { run_ms(0); }
+
+  FakeWorker& worker() { return *workers_.back(); }
+  std::size_t starts() const { return workers_.size(); }
+  bool running() const { return !workers_.empty() && !workers_.back()->closed; }
+  int said(const std::string& part) const {
+    return static_cast<int>(std::ranges::count_if(
+        lines_, [&part](const std::string& line) { return line.find(part) != line.npos; }));
+  }
+  void activate(const GraphicalSession& session) { sessions_.view = {session, ""}; }
+  void no_session(const std::string& why) { sessions_.view = {std::nullopt, why}; }
+  // Runs the worker for so long, lets it end, and gives the pause until the next start.
+  std::uint64_t pause_after_ms(int exit_code, std::uint64_t ran_ms = 0) {
+    run_ms(ran_ms);
+    const std::size_t before = starts();
+    worker().exit(exit_code);
+    const std::uint64_t ended_us = lund_now_us();
+    while (starts() == before && lund_now_us() - ended_us < 200'000'000) run_ms(10);
+    EXPECT_EQ(starts(), before + 1);
+    return (worker().started_us - ended_us) / 1'000;
+  }
+
+  struct FakeSessions final : SessionSource {
+    SessionView view{session(1), ""};
+    SessionView active() override { return view; }
+  };
+  struct FakeProcess final : WorkerProcess {
+    explicit FakeProcess(std::shared_ptr<FakeWorker> of) : worker(std::move(of)) {}
+    std::uint32_t id() const override { return worker->id; }
+    std::optional<WorkerEnd> ended() override { return worker->end; }
+    void terminate() override {
+      worker->terminated = true;
+      worker->terminated_us = lund_now_us();
+      if (worker->obeys_sigterm) worker->die(15);
+    }
+    void kill() override {
+      worker->killed = true;
+      worker->killed_us = lund_now_us();
+      worker->die(9);
+    }
+    std::shared_ptr<FakeWorker> worker;
+  };
+  // Made before its worker is: the worker is the one that attach names.
+  struct FakeLink final : WorkerLink {
+    explicit FakeLink(std::vector<std::shared_ptr<FakeWorker>>& all) : workers(all) {}
+    void attach(std::uint32_t, std::uint32_t session) override {
+      worker = workers.back();
+      worker->attached_session = session;
+    }
+    std::uint64_t heard_us() const override { return worker->last_heartbeat_us; }
+    host_service::Result request(const host_service::Request& request) override {
+      worker->requests.push_back(request);
+      return worker->answer;
+    }
+    void ask_to_stop() override {
+      worker->stop_asked = true;
+      worker->stop_asked_us = lund_now_us();
+      if (worker->obeys_stop) worker->exit(0);
+    }
+    void close() override { worker->closed = true; }
+    std::vector<std::shared_ptr<FakeWorker>>& workers;
+    std::shared_ptr<FakeWorker> worker;
+  };
+
+  Supervisor::Parts parts() {
+    return {sessions_,
+            [this](const std::vector<std::string>& arguments, const Environment& environment,
+                   std::string* error) -> std::unique_ptr<WorkerProcess> {
+              if (!start_error_.empty()) {
+                *error = start_error_;
+                return nullptr;
+              }
+              auto made = std::make_shared<FakeWorker>();
+              made->id = 100 + static_cast<std::uint32_t>(workers_.size());
+              made->arguments = arguments;
+              made->environment = environment;
+              made->started_us = lund_now_us();
+              made->heartbeats = heartbeats_;
+              workers_.push_back(made);
+              return std::make_unique<FakeProcess>(made);
+            },
+            [this](const std::string& channel) -> std::shared_ptr<WorkerLink> {
+              channels_.push_back(channel);
+              return pipes_ ? std::make_shared<FakeLink>(workers_) : nullptr;
+            },
+            [this](void* bytes, std::size_t size) { return random_(bytes, size); },
+            [this](const std::string& line) { lines_.push_back(line); },
+            wake_,
+            4711};
+  }
+  void beat() {
+    if (!workers_.empty() && !worker().closed && worker().heartbeats && !worker().end)
+      worker().last_heartbeat_us = lund_now_us();
+  }
+
+  FakeSessions sessions_;
+  std::vector<std::shared_ptr<FakeWorker>> workers_;
+  std::vector<std::string> channels_;
+  std::vector<std::string> lines_;
+  std::string start_error_;
+  bool pipes_ = true;
+  bool heartbeats_ = true;  // of the workers to come
+  std::function<int(void*, std::size_t)> random_ = lund_random_bytes;
+  std::uint32_t longest_wait_ms_ = 0;
+  WakeEvent wake_{WakeEvent::Reset::Auto};
+  Supervisor supervisor_{parts(), SupervisorTimes{}};
+};
+
+}  // namespace service_test
