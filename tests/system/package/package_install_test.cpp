@@ -59,10 +59,13 @@ class PackageInstallTest : public PackageTest {
     EXPECT_TRUE(debian().processes("lunderhaze-worker").empty());
   }
 
+  void put_program(const std::string& path, const std::string& script) {
+    write(path, "#!/bin/sh\n" + script);
+    fs::permissions(debian().path(path), fs::perms(0755));
+  }
   // Puts a systemctl there that writes down what it is told and says that systemd runs.
   void pretend_systemd() {
-    write("/usr/local/bin/systemctl", "#!/bin/sh\necho \"$@\" >>/run/told\n");
-    fs::permissions(debian().path("/usr/local/bin/systemctl"), fs::perms(0755));
+    put_program("/usr/local/bin/systemctl", "echo \"$@\" >>/run/told\n");
     fs::create_directories(debian().path("/run/systemd/system"));
   }
   std::string told_systemd() {
@@ -190,6 +193,21 @@ TEST_F(PackageInstallTest, OnlyWhatTheAdministratorStartedRunsOnAfterAnUpgrade) 
   EXPECT_EQ(told_systemd(),
             "stop lunderhaze.service lunderhaze-rendezvous.service\n"
             "--system daemon-reload\n");
+}
+
+TEST_F(PackageInstallTest, ItsFirewallRuleGoesWithIt) {
+  install();
+  // What ufw says of rules that were added, and what it is asked to change.
+  put_program("/usr/sbin/ufw", R"(case "$*" in
+  status) echo "Status: active" ;;
+  "show added") echo "ufw allow from 10.0.0.0/8 to any port 9876 proto udp comment 'Lunderhaze'" ;;
+  *) echo "$*" >>/run/asked ;;
+esac
+)");
+  install();
+  EXPECT_FALSE(there("/run/asked")) << read("/run/asked");
+  run({"dpkg", "-r", "lunderhaze"});
+  EXPECT_THAT(read("/run/asked"), HasSubstr("delete allow from 10.0.0.0/8 to any port 9876"));
 }
 
 TEST_F(PackageInstallTest, PurgeLeavesNothingBehind) {
