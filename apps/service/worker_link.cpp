@@ -121,9 +121,9 @@ Result PipeLink::exchange_in_turn(const Request& request) {
 }
 
 Result PipeLink::exchange(const Request& request) {
-  const Wiped frame(encode_request(request));
+  const WipedBytes frame(encode_request(request));
   if (frame.value.empty()) return {Status::Invalid, "invalid request"};
-  Wiped<std::vector<unsigned char>> answer;
+  WipedBytes<std::vector<unsigned char>> answer;
   Result result;
   if (write_frame(commands_, frame.value, &closing_, times_.frame_ms) &&
       read_frame(commands_, &answer.value, &closing_, times_.answer_ms) &&

@@ -123,7 +123,7 @@ class ServiceRig : public testing::Test {
     std::shared_ptr<FakeWorker> worker;
   };
 
-  Supervisor::Parts parts() {
+  WorkerSupervisor::Parts parts() {
     return {sessions_,
             [this](const std::vector<std::string>& arguments, const Environment& environment,
                    std::string* error) -> std::unique_ptr<WorkerProcess> {
@@ -164,7 +164,7 @@ class ServiceRig : public testing::Test {
   std::function<int(void*, std::size_t)> random_ = lund_random_bytes;
   std::uint32_t longest_wait_ms_ = 0;
   WakeEvent wake_{WakeEvent::Reset::Auto};
-  Supervisor supervisor_{parts(), SupervisorTimes{}};
+  WorkerSupervisor supervisor_{parts(), SupervisorTimes{}};
 };
 
 }  // namespace service_test
