@@ -50,7 +50,8 @@ soak: | build
 	@$(BUILD)/bin/rendezvous_load
 	$(call configure,tests,linux-asan)
 	@cmake --build build/linux-asan -j $(JOBS) \
-	  --target lunderhaze lunderhaze-client lunderhaze-testscreen system_test
+	  --target lunderhaze lunderhaze-client lunderhaze-testscreen system_test \
+	  control_realtime_test
 	@scripts/soak build/linux-asan/bin
 
 bench: | build

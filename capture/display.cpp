@@ -4,22 +4,15 @@
 #include <cstdio>
 #include <cstdlib>
 
+#include "control/text.h"
+
 namespace {
 
 constexpr int IDENTITY_ROTATION = 1;
 
-char lower(char c) {
-  return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
-}
-
-bool same_name(const std::string& a, const std::string& b) {
-  return std::equal(a.begin(), a.end(), b.begin(), b.end(),
-                    [](char x, char y) { return lower(x) == lower(y); });
-}
-
 bool any_named(const std::vector<std::string>& names, const std::string& name) {
   return std::any_of(names.begin(), names.end(),
-                     [&](const std::string& other) { return same_name(other, name); });
+                     [&](const std::string& other) { return same_but_for_case(other, name); });
 }
 
 void append(std::vector<DisplayInfo>* list, DisplayInfo display) {
@@ -44,7 +37,7 @@ std::vector<DisplayInfo> merge_displays(const std::vector<DisplayInfo>& adapter_
   }
   for (const DisplayInfo& monitor : monitors) {
     const bool known = std::any_of(list.begin(), list.end(), [&](const DisplayInfo& other) {
-      return same_name(other.device, monitor.device);
+      return same_but_for_case(other.device, monitor.device);
     });
     if (known || monitor.right <= monitor.left || monitor.bottom <= monitor.top) continue;
     append(&list, monitor);
@@ -57,9 +50,9 @@ std::vector<DisplayInfo> merge_displays(const std::vector<DisplayInfo>& adapter_
 
 bool find_display(const std::vector<DisplayInfo>& displays, const std::string& device,
                   DisplayInfo* out) {
-  const auto found =
-      std::find_if(displays.begin(), displays.end(),
-                   [&](const DisplayInfo& display) { return same_name(display.device, device); });
+  const auto found = std::find_if(
+      displays.begin(), displays.end(),
+      [&](const DisplayInfo& display) { return same_but_for_case(display.device, device); });
   if (found == displays.end()) return false;
   *out = *found;
   return true;

@@ -64,6 +64,7 @@ if(NOT WIN32)
   target_link_libraries(ffmpeg INTERFACE ${FFMPEG_STATIC_LIBRARIES})
   pkg_check_modules(XCB REQUIRED IMPORTED_TARGET
     xcb xcb-shm xcb-damage xcb-xfixes xcb-randr xcb-xtest xcb-xinput)
+  pkg_check_modules(XCB_SCREENSAVER REQUIRED IMPORTED_TARGET xcb-screensaver)
   pkg_check_modules(PULSE REQUIRED IMPORTED_TARGET libpulse)
   find_package(PNG REQUIRED)
 endif()

@@ -1,7 +1,6 @@
 // Pairing on the host's side: one exchange context for the PIN, one for the password, each with its
 // attempt limit. A PIN is for one device and is replaced when its attempts are used up; a password
 // is for many and locks for a time instead.
-#include <cstdio>
 #include <cstring>
 
 #include "connection/byte_order.h"
@@ -43,6 +42,7 @@ pair_way password_way(lund_host* host) {
 
 // A uniform draw of six digits; false when the random source fails.
 bool draw_pin(char pin[8]) {
+  constexpr std::size_t PIN_DIGITS = 6;
   constexpr std::uint32_t LAST_UNSKEWED = 4'293'999'999;  // a multiple of 1,000,000 less one
   std::uint8_t bytes[4];
   std::uint32_t drawn;
@@ -50,7 +50,11 @@ bool draw_pin(char pin[8]) {
     if (lund_random_bytes(bytes, sizeof bytes) != LUND_OK) return false;
     drawn = load_le<std::uint32_t>(bytes);
   } while (drawn > LAST_UNSKEWED);
-  std::snprintf(pin, 8, "%06u", drawn % 1'000'000);
+  lund_secure_wipe(bytes, sizeof bytes);
+  // By hand: printf would leave the digits behind in its own buffer.
+  pin[PIN_DIGITS] = '\0';
+  for (std::size_t digit = PIN_DIGITS; digit-- > 0; drawn /= 10)
+    pin[digit] = static_cast<char>('0' + drawn % 10);
   return true;
 }
 

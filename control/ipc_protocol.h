@@ -31,7 +31,7 @@ enum class Verb : std::uint16_t {  // request payload:
   SetPassword = 4,                 // 1 to 256 bytes of text
   ClearPassword = 5,               // empty
   RemoveDevice = 6,                // the device's 32-byte key
-  SetRelays = 7,                   // text, a link a line
+  SetRelays = 7,                   // text, as lund_relay_config_save makes it
   SetSettings = 8,                 // a Settings record
   Verb9 = 9,                       // empty; the worker denies it, the service may use it
   Stop = 10,                       // empty

@@ -1,7 +1,9 @@
 // What the store's files mean, and what damage to each costs. The texts inside are the connection
 // library's.
+#include <algorithm>
 #include <cctype>
 #include <memory>
+#include <string_view>
 
 #include "control/keystore.h"
 #include "control/keystore_internal.h"
@@ -54,6 +56,24 @@ int count_fields(const std::string& text) {
     inside = !blank;
   }
   return count;
+}
+
+std::string_view behind_field(std::string_view line) {
+  line.remove_prefix(std::min(line.find_first_not_of(' '), line.size()));
+  line.remove_prefix(std::min(line.find(' '), line.size()));
+  line.remove_prefix(std::min(line.find_first_not_of(' '), line.size()));
+  return line;
+}
+
+// No name is written that is longer than an entry holds. One that is has swallowed the line behind
+// it, by damage to the line end between them: a device would be missing, and nobody told.
+bool holds_swallowed_line(std::string_view text) {
+  while (!text.empty()) {
+    const std::string_view line = text.substr(0, text.find('\n'));
+    text.remove_prefix(std::min(line.size() + 1, text.size()));
+    if (behind_field(behind_field(line)).size() >= sizeof(lund_client_entry::name)) return true;
+  }
+  return false;
 }
 
 // Exactly the blob's five fields, and nothing behind them.
@@ -109,7 +129,8 @@ lund_client_list load_clients() {
     if (result == Read::Failed && is_machine()) fatal("machine authorized clients unreadable");
     return clients;
   }
-  if (lund_client_list_load(&clients, text.data(), text.size()) != 0) {
+  if (lund_client_list_load(&clients, text.data(), text.size()) != 0 ||
+      holds_swallowed_line(text)) {
     unusable("machine authorized clients malformed",
              "authorized_clients is malformed: no paired devices loaded");
     return {};

@@ -6,6 +6,7 @@
 
 #include "control/private_file.h"
 #include "control/store_platform.h"
+#include "control/text.h"
 
 namespace {
 
@@ -16,18 +17,6 @@ constexpr const char* PROFILE_SECTION = "settings";
 constexpr const char* MUTE_HOST_KEY = "mute_host";
 constexpr const char* CLIPBOARD_NAME = "clipboard_sync";
 constexpr std::size_t FILE_LIMIT_BYTES = 65'536;
-
-std::string_view trimmed(std::string_view text) {
-  constexpr std::string_view BLANKS = " \t\r\n";
-  const std::size_t first = text.find_first_not_of(BLANKS);
-  if (first == std::string_view::npos) return {};
-  return text.substr(first, text.find_last_not_of(BLANKS) - first + 1);
-}
-
-bool same_name(std::string_view a, std::string_view b) {
-  const auto lower = [](char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c + 32) : c; };
-  return std::ranges::equal(a, b, {}, lower, lower);
-}
 
 // Where a key of a section stands in a profile's text, and where it would.
 struct Place {
@@ -48,13 +37,13 @@ Place find_place(std::string_view text, std::string_view section, std::string_vi
     const std::string_view content = trimmed(line);
     if (content.starts_with('[') && content.ends_with(']')) {
       if (place.section) return place;
-      inside = same_name(trimmed(content.substr(1, content.size() - 2)), section);
+      inside = same_but_for_case(trimmed(content.substr(1, content.size() - 2)), section);
       place.section = inside;
     }
     if (inside && !content.empty()) place.line_end = begin + line.size();
     const std::size_t equals = line.find('=');
     if (inside && equals != std::string_view::npos &&
-        same_name(trimmed(line.substr(0, equals)), key)) {
+        same_but_for_case(trimmed(line.substr(0, equals)), key)) {
       place.key = true;
       place.value = begin + equals + 1;
       return place;

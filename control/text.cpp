@@ -21,3 +21,19 @@ bool is_code_of(const std::string& text, const std::uint8_t key[LUND_KEY_SIZE]) 
   lund_key_id(id, key);
   return lund_key_code_parse(code, text.c_str()) == 0 && std::equal(code, std::end(code), id);
 }
+
+std::string_view trimmed(std::string_view text) {
+  constexpr std::string_view BLANKS = " \t\r\n";
+  const std::size_t first = text.find_first_not_of(BLANKS);
+  if (first == std::string_view::npos) return {};
+  return text.substr(first, text.find_last_not_of(BLANKS) - first + 1);
+}
+
+bool same_but_for_case(std::string_view a, std::string_view b) {
+  const auto lower = [](char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c + 32) : c; };
+  return std::ranges::equal(a, b, {}, lower, lower);
+}
+
+const char* plural(int count) {
+  return count == 1 ? "" : "s";
+}

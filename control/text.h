@@ -1,8 +1,10 @@
-// How addresses and keys are shown to a person and in the log. Pure.
+// How addresses and keys are shown to a person and in the log, and how names and values are read
+// that a person or another program wrote. Pure.
 #pragma once
 
 #include <cstdint>
 #include <string>
+#include <string_view>
 
 #include "connection/netsock.h"
 #include "connection/secure.h"
@@ -11,3 +13,7 @@ std::string addr_string(const lund_rv_endpoint& endpoint);   // as lund_addr_for
 std::string code_of(const std::uint8_t key[LUND_KEY_SIZE]);  // the key code, "7K2M-Q9TX"
 // Whether a person who wrote `text` meant this key by its code.
 bool is_code_of(const std::string& text, const std::uint8_t key[LUND_KEY_SIZE]);
+
+std::string_view trimmed(std::string_view text);  // without blanks, tabs, CR and LF at its ends
+bool same_but_for_case(std::string_view a, std::string_view b);  // of A to Z; no other folding
+const char* plural(int count);                                   // "", or "s" unless it is one

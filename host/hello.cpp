@@ -5,6 +5,7 @@
 #include <tuple>
 
 #include "connection/netsock.h"
+#include "control/text.h"
 
 namespace {
 
@@ -16,15 +17,6 @@ constexpr int VIRTUAL_DEFAULT_HEIGHT = 1080;
 
 constexpr std::uint8_t CODEC_HEVC = 1;
 constexpr std::uint8_t CODEC_H264 = 2;
-
-char fold(char c) {
-  return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
-}
-
-bool same_device(const std::string& a, const std::string& b) {
-  return std::equal(a.begin(), a.end(), b.begin(), b.end(),
-                    [](char x, char y) { return fold(x) == fold(y); });
-}
 
 // Left to right, then top to bottom; names as unsigned bytes, the shorter first.
 bool before(const MonitorEntry& a, const MonitorEntry& b) {
@@ -89,7 +81,7 @@ int pick_main_monitor(const std::vector<MonitorEntry>& entries, const std::strin
   for (std::size_t i = 0; i < entries.size(); ++i) {
     const MonitorEntry& entry = entries[i];
     if (entry.is_virtual) continue;
-    if (!wanted.empty() && same_device(entry.name, wanted)) return static_cast<int>(i);
+    if (!wanted.empty() && same_but_for_case(entry.name, wanted)) return static_cast<int>(i);
     if (primary < 0 && entry.primary) primary = static_cast<int>(i);
     if (first < 0 || before(entry, entries[static_cast<std::size_t>(first)]))
       first = static_cast<int>(i);

@@ -1,7 +1,8 @@
 // Stand-ins for facilities that a computer doesn't have: they take everything and do nothing.
+// NoVirtualDisplays is the leases' own.
 #pragma once
 
-#include "capture/vdd.h"
+#include "capture/no_vdd_driver.h"
 #include "streams/host_clipboard.h"
 #include "streams/input_sink.h"
 
@@ -27,20 +28,4 @@ class NoClipboard final : public HostClipboard {
   void receive(const std::uint8_t*, std::uint64_t) override {}
   void set_enabled(bool) override {}
   bool enabled() override { return false; }
-};
-
-class NoVirtualDisplays final : public VirtualDisplays {
- public:
-  std::string probe() override { return "not installed"; }
-  bool usable() override { return false; }
-  bool acquire(int, int, int, int, const DesktopPoint*, DisplayInfo*, std::string*) override {
-    return false;
-  }
-  void release(int) override {}
-  void tick() override {}
-  void restore_now() override {}
-  std::string status_line() override {
-    return enabled == 0 ? "Virtual display: off (--virtual-display off)"
-                        : "Virtual display: driver not installed";
-  }
 };

@@ -42,10 +42,6 @@ std::string address_list(const lund_rv_endpoint* list, int count, const char* no
   return count == 0 ? none : text;
 }
 
-const char* plural(int count) {
-  return count == 1 ? "" : "s";
-}
-
 }  // namespace
 
 HostServer::HostServer(const HostOptions& options, const DisplayInfo& display, Platform platform)
@@ -86,7 +82,7 @@ bool HostServer::open(std::string* error) {
     socket_.close();
     return false;
   }
-  const std::string driver = virtual_displays_->probe();
+  const std::string driver = virtual_displays_->probe().describe();
   hlog("virtual display driver: %s%s", driver.c_str(),
        virtual_displays_->enabled == VIRTUAL_DISPLAY_OFF ? " (not used: --virtual-display off)"
                                                          : "");

@@ -83,14 +83,12 @@ class Worker {
 
   ExitCode watch() {
     DisplayWake display_wake(system_);
-    while (!stop_event_.wait(POLL_MS)) {
+    while (keystore::hostStoreHealthy(nullptr)) {
+      if (stop_event_.wait(POLL_MS)) break;
       display_wake.follow(server_->status().active);
-      if (!keystore::hostStoreHealthy(nullptr)) {
-        stop_event_.set();
-        return ExitCode::StoreFailed;
-      }
     }
-    return ExitCode::Stopped;
+    // A command that found the store unhealthy has set the event before this thread could see it.
+    return keystore::hostStoreHealthy(nullptr) ? ExitCode::Stopped : ExitCode::StoreFailed;
   }
 
   void stop() {

@@ -68,7 +68,7 @@ TEST_F(HostServerTest, TheStartTellsWhoTheHostIs) {
               Contains(HasSubstr("identity " + host().key_code() +
                                  "; 2 paired devices; pairing password not set; pairing closed; 0 "
                                  "rendezvous servers (none set: LAN / direct only); LAN ")));
-  EXPECT_THAT(lines, Contains("virtual display driver: fake driver (not used: "
+  EXPECT_THAT(lines, Contains("virtual display driver: not installed (not used: "
                               "--virtual-display off)"));
 }
 

@@ -80,7 +80,7 @@ class Clipboard final : public HostClipboard {
 class Displays final : public VirtualDisplays {
  public:
   explicit Displays(std::shared_ptr<FakeVirtualDisplays> record) : record_(std::move(record)) {}
-  std::string probe() override { return "fake driver"; }
+  VddState probe() override { return {}; }
   bool usable() override { return record_->usable; }
   bool acquire(int screen, int width, int height, int fps, const DesktopPoint* position,
                DisplayInfo* out, std::string* reason) override {
@@ -159,7 +159,11 @@ Platform FakePlatform::record() {
     if (prepare_capture) prepare_capture(*captures.back());
     return std::make_unique<Capture>(captures.back());
   };
-  platform.make_virtual_displays = [this] { return std::make_unique<Displays>(virtual_displays); };
+  platform.make_virtual_displays = make_virtual_displays;
+  if (!make_virtual_displays)
+    platform.make_virtual_displays = [this] {
+      return std::make_unique<Displays>(virtual_displays);
+    };
   if (has_clipboard)
     platform.make_clipboard = [this] { return std::make_unique<Clipboard>(clipboard); };
   if (has_input) platform.make_input = [this] { return std::make_unique<FakeInputSink>(input); };

@@ -69,6 +69,8 @@ class FakePlatform {
   std::shared_ptr<InputRecord> input;
   std::shared_ptr<FakeClipboard> clipboard;
   std::shared_ptr<FakeVirtualDisplays> virtual_displays;
+  std::function<std::unique_ptr<VirtualDisplays>()>
+      make_virtual_displays;  // instead of that record
   bool has_audio = true;
   bool has_input = true;
   bool has_clipboard = true;

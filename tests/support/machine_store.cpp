@@ -5,7 +5,7 @@
 #include "control/keystore.h"
 #include "control/keystore_internal.h"
 
-MachineStore::MachineStore() {
+MachineStore::MachineStore(const std::filesystem::path& place) : parent_(place) {
   std::filesystem::permissions(parent(), std::filesystem::perms::owner_all);
   restart();
 }

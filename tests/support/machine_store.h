@@ -12,7 +12,9 @@ class MachineStore {
   static bool possible();
   static constexpr const char* WHY_NOT = "only the system's own process may have a machine store";
 
-  MachineStore();  // neither made nor configured yet
+  // Neither made nor configured yet.
+  explicit MachineStore(
+      const std::filesystem::path& place = std::filesystem::temp_directory_path());
   ~MachineStore();
   MachineStore(const MachineStore&) = delete;
   MachineStore& operator=(const MachineStore&) = delete;

@@ -9,10 +9,10 @@
 
 class TempDirectory {
  public:
-  TempDirectory() {
+  explicit TempDirectory(
+      const std::filesystem::path& place = std::filesystem::temp_directory_path()) {
     std::random_device random;
-    path_ = std::filesystem::temp_directory_path() /
-            ("lund-test-" + std::to_string(random()) + std::to_string(random()));
+    path_ = place / ("lund-test-" + std::to_string(random()) + std::to_string(random()));
     std::filesystem::create_directories(path_);
   }
   ~TempDirectory() {

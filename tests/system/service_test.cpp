@@ -1,10 +1,13 @@
 // The real service with its worker on a machine of its own, an administrator's requests, and a
 // client: what ends, what comes back, and in which words.
 #include <signal.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
 
 #include <fstream>
 
+#include "control/linux/descriptor.h"
+#include "control/linux/unix_socket.h"
 #include "tests/support/linux/process_image.h"
 #include "tests/support/temp_directory.h"
 #include "tests/system/service_support.h"
@@ -234,6 +237,27 @@ TEST_F(ServiceProgramTest, APasswordAndAPinLeaveTheServicesMemory) {
   EXPECT_FALSE(image_holds(service_->pid(), bytes(password)));
   EXPECT_FALSE(image_holds(service_->pid(), bytes(answer)));
   service_->signal(SIGCONT);
+}
+
+TEST_F(ServiceProgramTest, ItsManagerHearsWhenItIsReadyWhatItDoesAndWhenItStops) {
+  const std::filesystem::path name = directory_ / "notify";
+  UnixAddress address;
+  ASSERT_TRUE(address.fill(name));
+  const Descriptor socket(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+  ASSERT_EQ(bind(socket.get(), address.get(), address.size()), 0);
+  environment_["NOTIFY_SOCKET"] = name.string();
+  const auto heard = [&socket] {
+    char text[1'024];
+    const ssize_t size = recv(socket.get(), text, sizeof text, 0);
+    return std::string(text, static_cast<std::size_t>(std::max<ssize_t>(size, 0)));
+  };
+  start_service();
+  EXPECT_EQ(heard(), "READY=1");
+  EXPECT_EQ(heard(), "STATUS=serving display " + desktop_->display());
+  service_->signal(SIGTERM);
+  EXPECT_EQ(heard(), "STOPPING=1");
+  EXPECT_EQ(heard(), "STATUS=stopping: the service ends");
+  EXPECT_EQ(end_of_service(), 0);
 }
 
 // ---- The unit

@@ -28,7 +28,7 @@ struct Answer {
   bool operator==(const Answer&) const = default;
 };
 
-class Channel : public HostWorld {
+class WorkerChannelSteps : public HostWorld {
  protected:
   void send(Verb verb, std::vector<unsigned char> payload = {}) {
     commands_.incoming.push_back(host_service::encode_request({verb, std::move(payload)}));
@@ -73,14 +73,14 @@ class Channel : public HostWorld {
 
 // ---- Commands
 
-TEST_F(Channel, ACommandIsCarriedOutAndAnswered) {
+TEST_F(WorkerChannelSteps, ACommandIsCarriedOutAndAnswered) {
   send(Verb::PairingOpen, {60, 0, 0, 0});
   EXPECT_TRUE(command_step());
   EXPECT_EQ(answer(Verb::PairingOpen), (Answer{Status::Ok, host().pairing_status().pin}));
   EXPECT_FALSE(stopped());
 }
 
-TEST_F(Channel, AnIdleChannelHoldsForever) {
+TEST_F(WorkerChannelSteps, AnIdleChannelHoldsForever) {
   for (int i = 0; i < 100; ++i) EXPECT_TRUE(command_step());
   EXPECT_FALSE(stopped());
   send(Verb::PairingClose);
@@ -88,7 +88,7 @@ TEST_F(Channel, AnIdleChannelHoldsForever) {
   EXPECT_EQ(answer(Verb::PairingClose), (Answer{Status::Ok, "completed"}));
 }
 
-TEST_F(Channel, EachReadAndWriteHasFiveSeconds) {
+TEST_F(WorkerChannelSteps, EachReadAndWriteHasFiveSeconds) {
   service_answers(Status::Ok);
   send(Verb::PairingClose);
   command_step();
@@ -98,25 +98,25 @@ TEST_F(Channel, EachReadAndWriteHasFiveSeconds) {
   EXPECT_THAT(events_.limits_ms, ElementsAre(5'000u, 5'000u));
 }
 
-TEST_F(Channel, AnIdleChannelWhoseServerCannotBeToldEndsTheWorker) {
+TEST_F(WorkerChannelSteps, AnIdleChannelWhoseServerCannotBeToldEndsTheWorker) {
   commands_.server = 0;
   EXPECT_FALSE(command_step());
   EXPECT_TRUE(stopped());
 }
 
-TEST_F(Channel, AnIdleChannelWithAnotherServerEndsTheWorker) {
+TEST_F(WorkerChannelSteps, AnIdleChannelWithAnotherServerEndsTheWorker) {
   commands_.server = SOMEBODY;
   EXPECT_FALSE(command_step());
   EXPECT_TRUE(stopped());
 }
 
-TEST_F(Channel, AnIdleChannelWhoseServiceHasDiedEndsTheWorker) {
+TEST_F(WorkerChannelSteps, AnIdleChannelWhoseServiceHasDiedEndsTheWorker) {
   commands_.trusted = false;
   EXPECT_FALSE(command_step());
   EXPECT_TRUE(stopped());
 }
 
-TEST_F(Channel, AValidFrameFromAnotherProcessEndsTheWorkerUnanswered) {
+TEST_F(WorkerChannelSteps, AValidFrameFromAnotherProcessEndsTheWorkerUnanswered) {
   start_host();
   send(Verb::PairingOpen, {60, 0, 0, 0});
   commands_.server = SOMEBODY;
@@ -126,7 +126,7 @@ TEST_F(Channel, AValidFrameFromAnotherProcessEndsTheWorkerUnanswered) {
   EXPECT_EQ(host().pairing_status().open, 0u);
 }
 
-TEST_F(Channel, WhoThePeerIsCountsAtEachFrame) {
+TEST_F(WorkerChannelSteps, WhoThePeerIsCountsAtEachFrame) {
   service_answers(Status::Ok);
   for (int frame = 1; frame <= 3; ++frame) {
     send(Verb::PairingClose);
@@ -141,7 +141,7 @@ TEST_F(Channel, WhoThePeerIsCountsAtEachFrame) {
   EXPECT_THAT(commands_.written, SizeIs(3));
 }
 
-TEST_F(Channel, AFrameThatDoesNotDecodeEndsTheWorkerUnanswered) {
+TEST_F(WorkerChannelSteps, AFrameThatDoesNotDecodeEndsTheWorkerUnanswered) {
   send(Verb::Status);
   commands_.incoming.back().push_back(0);
   EXPECT_FALSE(command_step());
@@ -149,14 +149,14 @@ TEST_F(Channel, AFrameThatDoesNotDecodeEndsTheWorkerUnanswered) {
   EXPECT_THAT(commands_.written, IsEmpty());
 }
 
-TEST_F(Channel, StopIsAnsweredBeforeTheWorkerEnds) {
+TEST_F(WorkerChannelSteps, StopIsAnsweredBeforeTheWorkerEnds) {
   send(Verb::Stop);
   EXPECT_FALSE(command_step());
   EXPECT_EQ(answer(Verb::Stop), (Answer{Status::Ok, "worker stopping"}));
   EXPECT_TRUE(stopped());
 }
 
-TEST_F(Channel, Verb9AndTheWorkersOwnVerbsAreDenied) {
+TEST_F(WorkerChannelSteps, Verb9AndTheWorkersOwnVerbsAreDenied) {
   std::size_t answered = 0;
   for (const Verb verb : {Verb::Verb9, Verb::Heartbeat, Verb::SecureAttention}) {
     send(verb);
@@ -166,7 +166,7 @@ TEST_F(Channel, Verb9AndTheWorkersOwnVerbsAreDenied) {
   EXPECT_FALSE(stopped());
 }
 
-TEST_F(Channel, AnUnhealthyStoreIsTheAnswerToAnythingAndEndsTheWorker) {
+TEST_F(WorkerChannelSteps, AnUnhealthyStoreIsTheAnswerToAnythingAndEndsTheWorker) {
   start_host();
   store().break_machine_store();
   send(Verb::SetSettings, host_service::encode_settings({}));
@@ -176,14 +176,14 @@ TEST_F(Channel, AnUnhealthyStoreIsTheAnswerToAnythingAndEndsTheWorker) {
   EXPECT_TRUE(stopped());
 }
 
-TEST_F(Channel, AWriteThatFailsEndsTheWorker) {
+TEST_F(WorkerChannelSteps, AWriteThatFailsEndsTheWorker) {
   send(Verb::PairingClose);
   commands_.writes_fail = true;
   EXPECT_FALSE(command_step());
   EXPECT_TRUE(stopped());
 }
 
-TEST_F(Channel, NothingIsReadOnceTheWorkerStops) {
+TEST_F(WorkerChannelSteps, NothingIsReadOnceTheWorkerStops) {
   send(Verb::PairingOpen, {60, 0, 0, 0});
   service_answers(Status::Ok);
   stop_event_.set();
@@ -195,21 +195,21 @@ TEST_F(Channel, NothingIsReadOnceTheWorkerStops) {
 
 // ---- Events
 
-TEST_F(Channel, AHeartbeatGoesOutEvery100Milliseconds) {
+TEST_F(WorkerChannelSteps, AHeartbeatGoesOutEvery100Milliseconds) {
   service_answers(Status::Ok);
   EXPECT_EQ(event_step_ms(true), 100u);
   EXPECT_EQ(event_step_ms(true), 100u);
   EXPECT_THAT(asked_, ElementsAre(Verb::Heartbeat, Verb::Heartbeat));
 }
 
-TEST_F(Channel, ARequestForAttentionGoesOutOnceInPlaceOfAHeartbeat) {
+TEST_F(WorkerChannelSteps, ARequestForAttentionGoesOutOnceInPlaceOfAHeartbeat) {
   service_answers(Status::Ok);
   channel_.sas_requested = true;
   for (int i = 0; i < 3; ++i) EXPECT_TRUE(channel_.event_step());
   EXPECT_THAT(asked_, ElementsAre(Verb::SecureAttention, Verb::Heartbeat, Verb::Heartbeat));
 }
 
-TEST_F(Channel, AnyOtherStatusToAHeartbeatIsAnOrderToStop) {
+TEST_F(WorkerChannelSteps, AnyOtherStatusToAHeartbeatIsAnOrderToStop) {
   for (const Status status : {Status::Invalid, Status::Denied, Status::Unavailable,
                               Status::Persistence, Status::Failed}) {
     stop_event_.reset();
@@ -219,32 +219,32 @@ TEST_F(Channel, AnyOtherStatusToAHeartbeatIsAnOrderToStop) {
   }
 }
 
-TEST_F(Channel, TheStatusToARequestForAttentionIsIgnored) {
+TEST_F(WorkerChannelSteps, TheStatusToARequestForAttentionIsIgnored) {
   service_answers(Status::Ok, Status::Denied);
   channel_.sas_requested = true;
   EXPECT_TRUE(channel_.event_step());
   EXPECT_FALSE(stopped());
 }
 
-TEST_F(Channel, AHeartbeatThatIsNotAnsweredEndsTheWorkerInFiveSeconds) {
+TEST_F(WorkerChannelSteps, AHeartbeatThatIsNotAnsweredEndsTheWorkerInFiveSeconds) {
   EXPECT_EQ(event_step_ms(false), 5'000u);
   EXPECT_TRUE(stopped());
 }
 
-TEST_F(Channel, AnAnswerToAnotherVerbEndsTheWorker) {
+TEST_F(WorkerChannelSteps, AnAnswerToAnotherVerbEndsTheWorker) {
   events_.incoming.push_back(host_service::encode_response(Verb::Status, Status::Ok, ""));
   EXPECT_FALSE(channel_.event_step());
   EXPECT_TRUE(stopped());
 }
 
-TEST_F(Channel, NothingIsSentToAServerThatIsNotTheService) {
+TEST_F(WorkerChannelSteps, NothingIsSentToAServerThatIsNotTheService) {
   events_.server = SOMEBODY;
   EXPECT_FALSE(channel_.event_step());
   EXPECT_TRUE(stopped());
   EXPECT_THAT(events_.written, IsEmpty());
 }
 
-TEST_F(Channel, AHeartbeatThatCannotBeWrittenEndsTheWorker) {
+TEST_F(WorkerChannelSteps, AHeartbeatThatCannotBeWrittenEndsTheWorker) {
   events_.writes_fail = true;
   EXPECT_FALSE(channel_.event_step());
   EXPECT_TRUE(stopped());

@@ -317,6 +317,16 @@ TEST_F(Store, AMalformedClientsFileLoadsNobodyAndStays) {
   EXPECT_EQ(file_content(file("authorized_clients")), "lunderhaze-clients-v1\nnonsense\n");
 }
 
+TEST_F(Store, ALineEndThatIsDamagedDoesNotHideADevice) {
+  ASSERT_TRUE(keystore::save_clients(clients_named(std::string(63, 'n'), 2)));
+  EXPECT_EQ(keystore::load_clients().count, 2);
+  std::string text = file_content(file("authorized_clients"));
+  text[text.find('\n', text.find('\n') + 1)] = '*';
+  write_file(file("authorized_clients"), text);
+  EXPECT_EQ(keystore::load_clients().count, 0);
+  EXPECT_TRUE(logged("authorized_clients is malformed: no paired devices loaded"));
+}
+
 TEST_F(Store, AnUnreadableClientsFileLoadsNobody) {
   block("authorized_clients");
   EXPECT_EQ(keystore::load_clients().count, 0);

@@ -15,10 +15,11 @@
 
 #include "control/linux/descriptor.h"
 
-// In any mapping that can be read, but for a sanitizer's own, known by their size, which hold no
-// bytes of the program. The process should stand still meanwhile, and the looking
+// How often, in all mappings that can be read, but for a sanitizer's own, known by their size,
+// which hold no bytes of the program. The process should stand still meanwhile, and the looking
 // process is one that may: root, or the parent of its like.
-inline bool image_holds(pid_t pid, std::span<const std::uint8_t> secret) {
+inline int image_count(pid_t pid, std::span<const std::uint8_t> secret) {
+  int count = 0;
   const std::string directory = "/proc/" + std::to_string(pid);
   const Descriptor memory(open((directory + "/mem").c_str(), O_RDONLY | O_CLOEXEC));
   std::ifstream maps(directory + "/maps");
@@ -37,10 +38,20 @@ inline bool image_holds(pid_t pid, std::span<const std::uint8_t> secret) {
           pread(memory.get(), bytes.data(),
                 static_cast<std::size_t>(std::min<unsigned long long>(to - at, bytes.size())),
                 static_cast<off_t>(at));
-      if (size > 0 && memmem(bytes.data(), static_cast<std::size_t>(size), secret.data(),
-                             secret.size()) != nullptr)
-        return true;
+      if (size <= 0) continue;
+      // An occurrence in the overlap alone is the next chunk's.
+      const std::uint8_t* const end = bytes.data() + size;
+      const std::uint8_t* from_here = bytes.data();
+      while (const void* found = memmem(from_here, static_cast<std::size_t>(end - from_here),
+                                        secret.data(), secret.size())) {
+        from_here = static_cast<const std::uint8_t*>(found) + 1;
+        if (from_here > bytes.data() + CHUNK) break;
+        ++count;
+      }
     }
   }
-  return false;
+  return count;
+}
+inline bool image_holds(pid_t pid, std::span<const std::uint8_t> secret) {
+  return image_count(pid, secret) != 0;
 }

@@ -4,7 +4,6 @@
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <sys/stat.h>
-#include <sys/xattr.h>
 
 #include <cerrno>
 #include <cstring>
@@ -13,6 +12,7 @@
 #include "control/linux/display_session.h"
 #include "control/linux/path_trust.h"
 #include "tests/support/child_process.h"
+#include "tests/support/linux/access_list.h"
 #include "tests/support/linux/environment.h"
 #include "tests/support/linux/forked.h"
 #include "tests/support/temp_directory.h"
@@ -97,24 +97,6 @@ class Paths : public testing::Test {
   TempDirectory directory_;
 };
 
-// The list that ext4 and tmpfs keep (linux/posix_acl_xattr.h): version 2, then tag, rights and id
-// of each entry: owner, one user, owning group, mask, others.
-bool set_acl(const fs::path& path, const char* list, unsigned owner, unsigned user, unsigned mask) {
-  std::vector<unsigned char> bytes = {2, 0, 0, 0};
-  const auto add = [&bytes](unsigned tag, unsigned rights, std::uint32_t id) {
-    for (const unsigned value : {tag, rights, id & 0xFFFF, id >> 16}) {
-      bytes.push_back(static_cast<unsigned char>(value));
-      bytes.push_back(static_cast<unsigned char>(value >> 8));
-    }
-  };
-  add(0x01, owner, UINT32_MAX);
-  add(0x02, user, ORDINARY_USER);
-  add(0x04, 0, UINT32_MAX);
-  add(0x10, mask, UINT32_MAX);
-  add(0x20, 0, UINT32_MAX);
-  return setxattr(path.c_str(), list, bytes.data(), bytes.size(), 0) == 0;
-}
-
 TEST_F(Paths, ADirectoryOfRootsAloneIsPrivateProtectedAndAnAncestor) {
   const fs::path path = make("d", 0700);
   for (const PathTest test : ALL_TESTS) EXPECT_TRUE(check_path(path, test));
@@ -136,7 +118,7 @@ TEST_F(Paths, AFileThatUsersMayReadAndRunIsProtectedUntilTheyMayWriteIt) {
 
 TEST_F(Paths, APrivateDirectoryHasNoAccessListEvenOneThatGrantsNothing) {
   const fs::path path = make("d", 0700);
-  if (!set_acl(path, "system.posix_acl_access", 7, 7, 0))
+  if (!set_access_list(path, ACCESS_LIST, 7, 7, 0))
     GTEST_SKIP() << "no access lists here: " << std::strerror(errno);
   struct stat status {};
   ASSERT_EQ(stat(path.c_str(), &status), 0);
@@ -147,17 +129,17 @@ TEST_F(Paths, APrivateDirectoryHasNoAccessListEvenOneThatGrantsNothing) {
 
 TEST_F(Paths, APrivateDirectoryHandsNoAccessListDown) {
   const fs::path path = make("d", 0700);
-  if (!set_acl(path, "system.posix_acl_default", 7, 7, 7))
+  if (!set_access_list(path, DEFAULT_ACCESS_LIST, 7, 7, 7))
     GTEST_SKIP() << "no access lists here: " << std::strerror(errno);
   EXPECT_FALSE(check_path(path, PathTest::Private));
 }
 
 TEST_F(Paths, AnAccessListThatGrantsWritingEndsProtection) {
   const fs::path path = make("d", 0700);
-  if (!set_acl(path, "system.posix_acl_access", 7, 5, 5))
+  if (!set_access_list(path, ACCESS_LIST, 7, 5, 5))
     GTEST_SKIP() << "no access lists here: " << std::strerror(errno);
   EXPECT_TRUE(check_path(path, PathTest::Protected));
-  ASSERT_TRUE(set_acl(path, "system.posix_acl_access", 7, 7, 7));
+  ASSERT_TRUE(set_access_list(path, ACCESS_LIST, 7, 7, 7));
   EXPECT_FALSE(check_path(path, PathTest::Protected));
   EXPECT_FALSE(check_path(path, PathTest::Ancestor));
 }
@@ -238,7 +220,7 @@ TEST_F(Paths, ADirectoryThatSomebodyElsePreparedIsRefused) {
 
 TEST_F(Paths, APrivateDirectoryIsNotMadeWithAListHandedDown) {
   const fs::path parent = make("parent", 0700);
-  if (!set_acl(parent, "system.posix_acl_default", 7, 7, 7))
+  if (!set_access_list(parent, DEFAULT_ACCESS_LIST, 7, 7, 7))
     GTEST_SKIP() << "no access lists here: " << std::strerror(errno);
   EXPECT_FALSE(create_private_directory(parent / "made"));
 }
