@@ -101,8 +101,8 @@ ServiceExit run_service(const ServiceOptions& options) {
                   std::string* why) {
          return start_worker(program, arguments, environment, wake, why);
        },
-       [](const std::string& channel) { return PipeLink::make(channel, say); }, lund_random_bytes,
-       say, wake, host_service::Process::current().id()},
+       [](const std::string& channel) { return PipeLink::make(channel, say, wake); },
+       lund_random_bytes, say, wake, host_service::Process::current().id()},
       times_of(options));
   AdminServer admin(
       host_service::SERVICE_PIPE,

@@ -35,6 +35,9 @@ TEST_F(ServiceSoakTest, AWorkerThatHangsIsKilledAfter15SecondsAndReplaced) {
   start_service();
   const pid_t former = worker();
   kill(former, SIGSTOP);
+  EXPECT_TRUE(comes_true([this] {
+    return status().find("\nworker: the worker shows no sign of life\n") != std::string::npos;
+  }));
   EXPECT_TRUE(service_->wait_for_output("no sign of life for 15 s: killing it", SILENCE + SLACK));
   EXPECT_TRUE(
       comes_true([&] { return worker() != former && worker_runs(); }, PAUSE + seconds(10) + SLACK));
