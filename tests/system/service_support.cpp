@@ -42,7 +42,7 @@ void ServiceTest::TearDown() {
 std::vector<std::string> ServiceTest::service_command(const std::vector<std::string>& more) const {
   std::vector<std::string> arguments = {"--display", desktop_->display()};
   arguments.insert(arguments.end(), more.begin(), more.end());
-  return lab_->inside(at({}, "lunderhaze-service", arguments));
+  return lab_->inside(at(service_place_, "lunderhaze-service", arguments));
 }
 
 void ServiceTest::launch_service(const std::vector<std::string>& more, const std::string& until) {

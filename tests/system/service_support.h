@@ -16,6 +16,7 @@ class ServiceTest : public SystemTest {
   void SetUp() override;
   void TearDown() override;
 
+  // In `service_place_`, which may hold what bounds it.
   std::vector<std::string> service_command(const std::vector<std::string>& more) const;
   // A service whose worker runs.
   void start_service(const std::vector<std::string>& more = {});
@@ -38,6 +39,7 @@ class ServiceTest : public SystemTest {
   std::string worker_log() const;
 
   std::optional<MachineLab> lab_;
+  Place service_place_;
   std::unique_ptr<ChildProcess> service_;
   std::unique_ptr<ChildProcess> moving_;  // something that moves on the desktop
 };

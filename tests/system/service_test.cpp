@@ -4,7 +4,10 @@
 #include <sys/socket.h>
 #include <sys/stat.h>
 
+#include <algorithm>
+#include <cctype>
 #include <fstream>
+#include <sstream>
 
 #include "control/linux/descriptor.h"
 #include "control/linux/unix_socket.h"
@@ -21,6 +24,17 @@ using std::chrono::milliseconds;
 
 constexpr char BYE[] = "the host ended the stream";
 constexpr seconds SERVICE_GONE(5);  // by then its worker has ended
+
+const std::filesystem::path UNIT =
+    std::filesystem::path(LUND_SOURCE_DIR) / "packaging/systemd/lunderhaze.service";
+
+// What the unit says behind "Key=".
+std::string unit_value(const std::string& key) {
+  std::ifstream unit(UNIT);
+  for (std::string line; std::getline(unit, line);)
+    if (line.starts_with(key + "=")) return line.substr(key.size() + 1);
+  return {};
+}
 
 bool holds(const std::string& text, const std::string& part) {
   return text.find(part) != text.npos;
@@ -260,6 +274,28 @@ TEST_F(ServiceProgramTest, ItsManagerHearsWhenItIsReadyWhatItDoesAndWhenItStops)
   EXPECT_EQ(end_of_service(), 0);
 }
 
+// Of what the unit takes away: the capabilities, the way to new ones, and writing anywhere but to
+// /run and /var/lib. The client isn't bound by it.
+TEST_F(ServiceProgramTest, ItsWorkerStreamsWithTheCapabilitiesOfTheUnitOnAReadOnlySystem) {
+  std::string bounds = "-all";
+  std::istringstream capabilities(unit_value("CapabilityBoundingSet"));
+  for (std::string name; capabilities >> name;) {
+    std::ranges::transform(name, name.begin(), [](unsigned char c) { return std::tolower(c); });
+    bounds += ",+" + name.substr(std::string("cap_").size());
+  }
+  ASSERT_NE(bounds, "-all");
+  const RunResult sealed = lab_->run({"mount", "-n", "-o", "remount,bind,ro", "/"});
+  if (sealed.status != 0) GTEST_SKIP() << sealed.output;
+  service_place_ = {"setpriv", "--no-new-privs", "--bounding-set", bounds};
+  start_service();
+  client_place_ = {"nsenter", "--target", std::to_string(service_->pid()), "--net", "--"};
+  start_stream();
+  EXPECT_EQ(ask(Verb::SetPassword, {'p', 'a', 's', 's'}).text, "completed");
+  service_->signal(SIGTERM);
+  EXPECT_EQ(end_of_service(), 0);
+  expect_nothing_left();
+}
+
 // ---- The unit
 
 class ServiceUnitTest : public testing::Test {
@@ -270,9 +306,7 @@ class ServiceUnitTest : public testing::Test {
   }
   // What systemd-analyze finds wrong with the unit, on a computer where the program is installed.
   std::string complaints(const std::string& more = {}) {
-    const std::filesystem::path source =
-        std::filesystem::path(LUND_SOURCE_DIR) / "packaging/systemd/lunderhaze.service";
-    std::ifstream unit(source);
+    std::ifstream unit(UNIT);
     std::ofstream copy(directory_ / "lunderhaze.service");
     for (std::string line; std::getline(unit, line);) {
       const bool starts = line.starts_with("ExecStart=");
