@@ -45,6 +45,7 @@ struct RelayCheck {
   int result = 0;
   std::uint64_t rtt_us = 0;
 };
+inline constexpr int RELAY_CHECK_MS = 1'500;  // what a server is given to answer
 // All at once, a thread each; blocks for `timeout_ms` and the resolver's time.
 std::vector<RelayCheck> check_relays(const lund_relay_config& relays, int timeout_ms);
 

@@ -29,6 +29,9 @@ class SoundEndpoints {
 
   virtual std::string default_output() = 0;         // empty when there is none
   virtual int is_muted(const std::string& id) = 0;  // 1, 0, -1 when it can't be told
+  // Whether a mute would leave what plays there audible to the capture of this computer's sound;
+  // false as well when it can't be told. Changes nothing.
+  virtual bool can_mute(const std::string& id) = 0;
   // What plays there must stay audible to the capture of this computer's sound: a mute that would
   // silence it too fails, and leaves the endpoint as it was. An unmute always may be tried.
   virtual bool set_mute(const std::string& id, bool muted) = 0;

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstdio>
 
+#include "apps/lunderhaze/commands_internal.h"
 #include "apps/lunderhaze/console.h"
 #include "apps/lunderhaze/run.h"
 #include "connection/resolver.h"
@@ -23,12 +24,10 @@ const char* const COMMANDS_USAGE =
     "       lunderhaze relays add LINK...         - reads links from standard input\n"
     "       lunderhaze relays remove NAME|NUMBER\n"
     "       lunderhaze relays check [LINK]        whether each answers\n"
+    "       lunderhaze autostart [on|off]         whether the host starts when this user logs in\n"
+    "       lunderhaze firewall [on|off] [--port N]  whether the firewall lets clients in\n"
+    "       lunderhaze doctor [--json] [--port N]    what a host needs here, and what to do\n"
     "       lunderhaze --version\n";
-
-namespace {
-
-using Arguments = std::vector<std::string>;
-constexpr int CHECK_TIMEOUT_MS = 1'500;
 
 ExitStatus say(const std::string& text) {
   std::fputs(text.c_str(), stdout);
@@ -39,6 +38,8 @@ ExitStatus wrong_usage(const std::string& text) {
   std::fprintf(stderr, "lunderhaze: %s\n%s", text.c_str(), COMMANDS_USAGE);
   return EXIT_USAGE;
 }
+
+namespace {
 
 // ---- relays
 
@@ -72,7 +73,7 @@ ExitStatus change_relays(ListChange change, const RelayList& relays, const std::
 }
 
 ExitStatus report_on_relays(const lund_relay_config& relays) {
-  const std::vector<RelayCheck> checks = check_relays(relays, CHECK_TIMEOUT_MS);
+  const std::vector<RelayCheck> checks = check_relays(relays, RELAY_CHECK_MS);
   bool all = true;
   for (std::size_t i = 0; i < checks.size(); ++i) {
     say(check_line(relay_name(relays.servers[i]), checks[i]) + "\n");
@@ -254,8 +255,11 @@ struct Command {
   ExitStatus (*run)(const Arguments& args);
 };
 constexpr Command COMMANDS[] = {
-    {"relays", relays_command}, {"devices", devices_command}, {"status", status_command},
-    {"pair", pair_command},     {"mute", mute_command},       {"clipboard", clipboard_command},
+    {"relays", relays_command},       {"devices", devices_command},
+    {"status", status_command},       {"pair", pair_command},
+    {"mute", mute_command},           {"clipboard", clipboard_command},
+    {"autostart", autostart_command}, {"firewall", firewall_command},
+    {"doctor", doctor_command},
 };
 
 const Command* find_command(const std::string& name) {

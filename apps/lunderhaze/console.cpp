@@ -1,13 +1,18 @@
 #include "apps/lunderhaze/console.h"
 
+#include <algorithm>
 #include <chrono>
 #include <cstdarg>
 #include <cstdio>
+#include <string_view>
 
+#include "control/host_commands.h"
 #include "host/hello.h"
 #include "host/server.h"
 
 namespace {
+
+constexpr const char* PORT_WORDS = " on UDP port ";
 
 #if defined(__GNUC__)
 __attribute__((format(printf, 1, 2)))
@@ -96,13 +101,22 @@ HostReport report_on(HostServer& host, std::uint16_t port) {
 }
 
 std::string report_text(const HostReport& report) {
-  std::string text = "Host " + report.key_code + " on UDP port " + std::to_string(report.port) +
-                     "\n" + pairing_state(report.pairing);
+  std::string text = "Host " + report.key_code + PORT_WORDS + std::to_string(report.port) + "\n" +
+                     pairing_state(report.pairing);
   for (const std::string& line : report.internet) text += line + "\n";
   text += report.status.virtual_display_line + "\n";
   text += client_lines(report.status);
   if (!report.speakers.empty()) text += report.speakers + "\n";
   return text + device_lines(report.devices);
+}
+
+std::optional<std::uint16_t> reported_port(const std::string& report) {
+  const std::size_t line_end = std::min(report.find('\n'), report.size());
+  const std::size_t words = report.find(PORT_WORDS);
+  if (words >= line_end) return std::nullopt;
+  const std::size_t digits = words + std::string_view(PORT_WORDS).size();
+  const auto port = parse_number(report.substr(digits, line_end - digits), 1, 65'535);
+  return port ? std::optional(static_cast<std::uint16_t>(*port)) : std::nullopt;
 }
 
 std::string stored_text(const StoredHost& stored) {

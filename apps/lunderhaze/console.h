@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -22,6 +23,8 @@ struct HostReport {
 };
 HostReport report_on(HostServer& host, std::uint16_t port);
 std::string report_text(const HostReport& report);
+// The port that such a text names.
+std::optional<std::uint16_t> reported_port(const std::string& report);
 
 // What is known of a host that isn't running.
 struct StoredHost {

@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "apps/client/paint_marker.h"
+#include "apps/version.h"
 #include "connection/clock.h"
 
 namespace {
@@ -93,6 +94,7 @@ int run_program(int argc, char** argv) {
   double fps = 60;
   double seconds = 0;
   CLI::App app{"Paints a moving, time-stamped test picture over an X display."};
+  app.set_version_flag("--version", LUND_VERSION_TEXT);
   app.add_option("--fps", fps, "Pictures a second")->check(CLI::Range(0.1, 240.0));
   app.add_option("--seconds", seconds, "How long; 0: until a signal");
   CLI11_PARSE(app, argc, argv);

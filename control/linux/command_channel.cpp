@@ -162,7 +162,8 @@ CommandResult send_command(const std::filesystem::path& directory, const std::st
   setsockopt(peer.get(), SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit);
   const std::uint64_t deadline_us = lund_now_us() + SENDER_US;
   if (connect(peer.get(), address.get(), address.size()) != 0) {
-    if (errno == ENOENT || errno == ECONNREFUSED) return CommandResult::NotRunning;
+    if (errno == ENOENT || errno == ENOTDIR || errno == ECONNREFUSED)
+      return CommandResult::NotRunning;
     return fail("the running host can't be reached (" + system_error() + ")");
   }
   fcntl(peer.get(), F_SETFL, O_NONBLOCK);

@@ -323,6 +323,15 @@ int PulseEndpoints::is_muted(const std::string& id) {
   return -1;
 }
 
+bool PulseEndpoints::can_mute(const std::string& id) {
+  if (mainloop_ == nullptr) return false;
+  const Lock lock(mainloop_);
+  if (!ready()) return false;
+  const Deadline deadline(*this, CALL_US);
+  Answer answer;
+  return look(id, &answer, deadline) && answer.audible_monitor;
+}
+
 bool PulseEndpoints::set_mute(const std::string& id, bool muted) {
   if (mainloop_ == nullptr) return false;
   const Lock lock(mainloop_);

@@ -33,6 +33,7 @@ class PulseEndpoints final : public SoundEndpoints {
   void close() override;
   std::string default_output() override;
   int is_muted(const std::string& id) override;
+  bool can_mute(const std::string& id) override;
   bool set_mute(const std::string& id, bool muted) override;
 
  private:

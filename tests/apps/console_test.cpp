@@ -36,6 +36,17 @@ TEST(HostReportText, OfAnIdleHost) {
             "No paired devices\n");
 }
 
+TEST(HostReportText, NamesItsPortSoThatItCanBeReadBack) {
+  HostReport report = idle_report();
+  EXPECT_EQ(reported_port(report_text(report)), 9876);
+  report.port = 65'535;
+  report.devices = {{"name on UDP port 5", "AAAA-BBBB", "", 0, false}};
+  EXPECT_EQ(reported_port(report_text(report)), 65'535);
+  for (const char* text : {"", "Host X\n on UDP port 9\n", "Host X on UDP port \n",
+                           "Host X on UDP port 65536\n", "Host X on UDP port 0\n"})
+    EXPECT_FALSE(reported_port(text)) << text;
+}
+
 TEST(HostReportText, OfAStreamingHost) {
   HostReport report = idle_report();
   report.pairing = open_pairing(118);

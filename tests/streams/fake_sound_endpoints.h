@@ -46,6 +46,9 @@ class FakeSoundEndpoints final : public SoundEndpoints {
     const auto found = sound_.muted.find(id);
     return found == sound_.muted.end() ? -1 : int{found->second};
   }
+  bool can_mute(const std::string& id) override {
+    return sound_.mute_succeeds && sound_.muted.contains(id);
+  }
   bool set_mute(const std::string& id, bool muted) override {
     sound_.calls.push_back((muted ? "mute " : "unmute ") + id);
     if (sound_.mute_succeeds) sound_.muted.at(id) = muted;

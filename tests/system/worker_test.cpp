@@ -13,7 +13,7 @@
 #include "tests/support/linux/machine_lab.h"
 #include "tests/support/linux/process_image.h"
 #include "tests/support/linux/screen_saver.h"
-#include "tests/support/supervisor.h"
+#include "tests/support/small_service.h"
 #include "tests/support/temp_directory.h"
 #include "tests/system/desk_support.h"
 
@@ -156,7 +156,7 @@ class WorkerProgramTest : public DeskTest {
   const std::string channel_ =
       std::string(host_service::WORKER_PIPE_PREFIX) + "00112233445566778899aabbccddeeff";
   std::optional<MachineLab> lab_;
-  std::optional<Supervisor> service_;
+  std::optional<SmallService> service_;
   std::unique_ptr<ChildProcess> worker_;
 };
 
@@ -194,7 +194,7 @@ TEST_F(WorkerProgramTest, AServiceThatIsKilledEndsItWith0AndAByeToItsClient) {
   Forked service([&] {
     bool answered = false;
     lab_->call([&] {
-      Supervisor supervisor(channel_);
+      SmallService supervisor(channel_);
       answered = supervisor.meet() && supervisor.wait_heartbeats(1) &&
                  supervisor.ask(Verb::SetPassword, {'p', 'a', 's', 's'}).has_value();
       if (answered) met.give();

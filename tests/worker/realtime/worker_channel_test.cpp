@@ -9,7 +9,7 @@
 #include "host/server.h"
 #include "tests/support/fake_platform.h"
 #include "tests/support/machine_store.h"
-#include "tests/support/supervisor.h"
+#include "tests/support/small_service.h"
 #include "tests/support/temporary_store.h"
 
 using host_app::WorkerChannel;
@@ -48,7 +48,7 @@ class WorkerChannelThreads : public testing::Test {
   FakePlatform platform_;
   HostServer host_{{}, {}, platform_.record()};  // not open: its views are empty
   WakeEvent stop_event_{WakeEvent::Reset::Manual};
-  std::optional<Supervisor> service_;
+  std::optional<SmallService> service_;
   std::optional<WorkerChannel> channel_;
 };
 

@@ -18,7 +18,7 @@
 #include "control/settings.h"
 #include "tests/support/fake_platform.h"
 #include "tests/support/machine_store.h"
-#include "tests/support/supervisor.h"
+#include "tests/support/small_service.h"
 
 using host_app::ExitCode;
 using host_app::WorkerSystem;
@@ -103,9 +103,9 @@ class RecordingSystem final : public WorkerSystem {
 class RecordingDisplays final : public VirtualDisplays {
  public:
   explicit RecordingDisplays(CallBook& book) : book_(book) {}
-  std::string probe() override {
+  VddState probe() override {
     book_.add("host starts");
-    return "fake driver";
+    return {};
   }
   bool usable() override { return false; }
   bool acquire(int, int, int, int, const DesktopPoint*, DisplayInfo*, std::string*) override {
@@ -184,7 +184,7 @@ class WorkerLife : public testing::Test {
   FakePlatform platform_;
   Platform record_;
   std::optional<MachineStore> store_;
-  std::optional<Supervisor> service_;
+  std::optional<SmallService> service_;
   std::future<ExitCode> ended_;
 };
 

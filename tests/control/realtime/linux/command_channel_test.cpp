@@ -111,6 +111,9 @@ TEST_F(CommandChannel, WithoutAHostNobodyRuns) {
   EXPECT_EQ(send_command(directory_ / "no such place", "hello", &answer, &error_),
             CommandResult::NotRunning);
   EXPECT_EQ(send_command({}, "hello", &answer, &error_), CommandResult::NotRunning);
+  write_file(directory_ / "file", "");
+  EXPECT_EQ(send_command(directory_ / "file", "hello", &answer, &error_),
+            CommandResult::NotRunning);
 }
 
 TEST_F(CommandChannel, ADirectoryLongerThanASocketsPathWorks) {

@@ -39,6 +39,8 @@ TEST_F(PipewireTest, AMuteSilencesTheSpeakersAndNotTheCapture) {
   std::string error;
   ASSERT_TRUE(endpoints_.open(&notes_, &error)) << error;
   ASSERT_EQ(endpoints_.default_output(), "speakers");
+  EXPECT_TRUE(endpoints_.can_mute("speakers"));
+  EXPECT_FALSE(server_.muted("speakers"));
   ASSERT_TRUE(endpoints_.set_mute("speakers", true));
   EXPECT_TRUE(server_.muted("speakers"));
   EXPECT_TRUE(wait_until([&] { return level() < SILENT; }));

@@ -53,6 +53,18 @@ TEST_F(PulseEndpointsTest, ASinkWhoseMonitorWouldFallSilentIsNotMuted) {
   EXPECT_TRUE(ear.hears(440));
 }
 
+TEST_F(PulseEndpointsTest, WhetherASinkCanBeMutedIsToldAndChangesNothing) {
+  PulseEndpoints endpoints;
+  EXPECT_FALSE(endpoints.can_mute("out"));  // not open
+  std::string error;
+  ASSERT_TRUE(endpoints.open(&notes_, &error)) << error;
+  EXPECT_FALSE(endpoints.can_mute("out"));
+  open();  // under the rule that allows it
+  EXPECT_TRUE(endpoints_.can_mute("out"));
+  EXPECT_FALSE(endpoints_.can_mute("no such sink"));
+  EXPECT_FALSE(server_.muted("out"));
+}
+
 TEST_F(PulseEndpointsTest, WhatSomebodyElseMutedIsUnmutedWhateverTheMonitor) {
   PulseEndpoints endpoints;
   std::string error;

@@ -1,4 +1,4 @@
-#include "tests/support/supervisor.h"
+#include "tests/support/small_service.h"
 
 #include "connection/clock.h"
 
@@ -11,15 +11,15 @@ constexpr std::uint32_t POLL_MS = 5;
 
 }  // namespace
 
-Supervisor::Supervisor(const std::string& channel)
+SmallService::SmallService(const std::string& channel)
     : commands_(create_pipe(channel, false, true)),
       events_(create_pipe(channel + EVENTS_SUFFIX, false, true)) {}
 
-Supervisor::~Supervisor() {
+SmallService::~SmallService() {
   leave();
 }
 
-bool Supervisor::meet(std::uint32_t timeout_ms) {
+bool SmallService::meet(std::uint32_t timeout_ms) {
   if (!serves() || !connect_pipe(commands_, nullptr, timeout_ms) ||
       !connect_pipe(events_, nullptr, timeout_ms))
     return false;
@@ -27,7 +27,7 @@ bool Supervisor::meet(std::uint32_t timeout_ms) {
   return true;
 }
 
-void Supervisor::answer_events() {
+void SmallService::answer_events() {
   std::vector<unsigned char> frame;
   while (read_frame(events_, &frame, &silent_, PATIENCE_MS)) {
     Request request;
@@ -40,11 +40,11 @@ void Supervisor::answer_events() {
   }
 }
 
-bool Supervisor::send(const std::vector<unsigned char>& frame) {
+bool SmallService::send(const std::vector<unsigned char>& frame) {
   return write_frame(commands_, frame, nullptr, PATIENCE_MS);
 }
 
-std::optional<Result> Supervisor::ask(Verb verb, const std::vector<unsigned char>& payload) {
+std::optional<Result> SmallService::ask(Verb verb, const std::vector<unsigned char>& payload) {
   std::vector<unsigned char> frame;
   Result result;
   if (!send(encode_request({verb, payload})) ||
@@ -54,7 +54,7 @@ std::optional<Result> Supervisor::ask(Verb verb, const std::vector<unsigned char
   return result;
 }
 
-bool Supervisor::wait_heartbeats(int count, std::uint32_t timeout_ms) {
+bool SmallService::wait_heartbeats(int count, std::uint32_t timeout_ms) {
   const int wanted = heartbeats_ + count;
   const std::uint64_t until_us = lund_now_us() + std::uint64_t{timeout_ms} * 1'000;
   while (heartbeats_ < wanted) {
@@ -64,16 +64,16 @@ bool Supervisor::wait_heartbeats(int count, std::uint32_t timeout_ms) {
   return true;
 }
 
-void Supervisor::fall_silent() {
+void SmallService::fall_silent() {
   silent_.set();
   if (thread_.joinable()) thread_.join();
 }
 
-void Supervisor::leave_commands() {
+void SmallService::leave_commands() {
   commands_ = {};
 }
 
-void Supervisor::leave() {
+void SmallService::leave() {
   fall_silent();
   commands_ = {};
   events_ = {};

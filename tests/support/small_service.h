@@ -11,12 +11,12 @@
 
 #include "control/ipc_transport.h"
 
-class Supervisor {
+class SmallService {
  public:
-  explicit Supervisor(const std::string& channel);  // the pipe's name; it is served from here on
-  ~Supervisor();
-  Supervisor(const Supervisor&) = delete;
-  Supervisor& operator=(const Supervisor&) = delete;
+  explicit SmallService(const std::string& channel);  // the pipe's name; it is served from here on
+  ~SmallService();
+  SmallService(const SmallService&) = delete;
+  SmallService& operator=(const SmallService&) = delete;
 
   bool serves() const { return commands_ && events_; }
   // Waits until the worker has opened both pipes, and answers it from then on.
