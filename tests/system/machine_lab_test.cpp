@@ -79,7 +79,9 @@ TEST_F(MachineLabTest, ReachesAScreenOutside) {
 }
 
 TEST_F(MachineLabTest, KnowsAProgramInsideByTheIdThatAllKnowItBy) {
-  ChildProcess program(lab_->inside({"sh", "-c", "echo $$; sleep infinity & wait"}));
+  // The shell itself waits, and has no child meanwhile.
+  ChildProcess program(
+      lab_->inside({"sh", "-c", "mkfifo /run/gate && echo $$ && read line </run/gate"}));
   ASSERT_TRUE(program.wait_for_output(std::to_string(program.pid()) + "\n", 10s));
   const std::string shell = fs::canonical("/bin/sh").filename();
   EXPECT_EQ(lab_->processes(shell), std::vector<pid_t>{program.pid()});

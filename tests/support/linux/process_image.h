@@ -28,9 +28,9 @@ inline int image_count(pid_t pid, std::span<const std::uint8_t> secret) {
   std::vector<std::uint8_t> bytes(CHUNK + secret.size());
   for (std::string line; std::getline(maps, line);) {
     unsigned long long from = 0, to = 0;
-    char readable = '-';
-    if (std::sscanf(line.c_str(), "%llx-%llx %c", &from, &to, &readable) != 3 || readable != 'r' ||
-        to - from >= SHADOW)
+    char readable = '-', writable = '-';
+    if (std::sscanf(line.c_str(), "%llx-%llx %c%c", &from, &to, &readable, &writable) != 4 ||
+        readable != 'r' || writable != 'w' || to - from >= SHADOW)
       continue;
     // Chunks overlap, so that what lies across two is found.
     for (unsigned long long at = from; at < to; at += CHUNK) {
