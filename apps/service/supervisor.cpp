@@ -231,8 +231,8 @@ void WorkerSupervisor::enter(Phase phase) {
 
 void WorkerSupervisor::stop() {
   const std::lock_guard lock(mutex_);
-  stop_wanted_ = true;
-  parts_.wake.set();
+  // Once: the loop that steps asks for it again at each turn, and would never rest.
+  if (!std::exchange(stop_wanted_, true)) parts_.wake.set();
 }
 
 bool WorkerSupervisor::restart() {

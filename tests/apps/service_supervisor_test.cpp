@@ -335,6 +335,13 @@ TEST_F(SupervisorTest, EveryDemandSetsItsEvent) {
   EXPECT_TRUE(wake_.wait(0));
 }
 
+TEST_F(SupervisorTest, AStopThatIsAskedForAgainSetsNothing) {
+  supervisor_.stop();
+  EXPECT_TRUE(wake_.wait(0));
+  supervisor_.stop();
+  EXPECT_FALSE(wake_.wait(0));
+}
+
 TEST_F(SupervisorTest, AnIdleServiceAsksForNoStepWithinAMinute) {
   no_session("no session is active");
   EXPECT_EQ(supervisor_.step(), 60'000u);

@@ -245,7 +245,7 @@ TEST_F(ServiceProgramTest, APasswordAndAPinLeaveTheServicesMemory) {
   const auto bytes = [](const auto& text) {
     return std::span(reinterpret_cast<const std::uint8_t*>(text.data()), text.size());
   };
-  const std::string shown = "waiting for a graphical session";
+  const std::string shown = "serving display " + desktop_->display();
   service_->signal(SIGSTOP);
   EXPECT_TRUE(image_holds(service_->pid(), bytes(shown)));  // the search finds what is there
   EXPECT_FALSE(image_holds(service_->pid(), bytes(password)));
