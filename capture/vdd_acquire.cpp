@@ -60,8 +60,9 @@ std::vector<std::string> free_monitors(VirtualDisplayDriver& driver,
     return std::ranges::any_of(
         busy, [&](const std::string& other) { return same_but_for_case(other, device); });
   });
-  std::ranges::stable_partition(
-      monitors, [&](const std::string& device) { return same_but_for_case(device, previous); });
+  std::stable_partition(monitors.begin(), monitors.end(), [&](const std::string& device) {
+    return same_but_for_case(device, previous);
+  });
   return monitors;
 }
 

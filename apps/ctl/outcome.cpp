@@ -27,11 +27,11 @@ constexpr Advice ADVICE[] = {
      "end it, and start lunderhaze-service"},
     {Status::Denied, Exit::Denied, nullptr, ": the service doesn't allow this"},
     {Status::Unavailable, Exit::Unavailable, "service unavailable or access denied",
-     ": start it with \"systemctl start lunderhaze-service\", or look why it ended with "
-     "\"journalctl -u lunderhaze-service\""},
+     ": start it with \"systemctl start lunderhaze\", or look why it ended with \"journalctl -u "
+     "lunderhaze\""},
     {Status::Unavailable, Exit::Unavailable, nullptr,
-     ": \"lunderhaze-ctl status\" shows how the last worker ended, \"journalctl -u "
-     "lunderhaze-service\" more"},
+     ": \"lunderhaze-ctl status\" shows how the last worker ended, \"journalctl -u lunderhaze\" "
+     "more"},
     {Status::Persistence, Exit::Persistence, nullptr,
      ": the host could not write its store, and the worker stops; see to the disk and to the owner "
      "and mode of the store's directory, then \"lunderhaze-ctl restart\""},

@@ -50,7 +50,7 @@ void AdminServer::serve(Pipe& pipe) {
          ", which is not an administrator's");
     return;
   }
-  Wiped<std::vector<unsigned char>> frame;
+  WipedBytes<std::vector<unsigned char>> frame;
   Request request;
   const bool understood = read_frame(pipe, &frame.value, &closing_, REQUEST_LIMIT_MS) &&
                           decode_request(frame.value.data(), frame.value.size(), &request);
@@ -60,10 +60,10 @@ void AdminServer::serve(Pipe& pipe) {
     return;
   }
   Result result = handler_(request);
-  const Wiped text(std::move(result.text));
+  const WipedBytes text(std::move(result.text));
   lund_secure_wipe(result.text.data(), result.text.capacity());
   lund_secure_wipe(request.payload.data(), request.payload.size());
-  const Wiped answer(encode_response(request.verb, result.status, text.value));
+  const WipedBytes answer(encode_response(request.verb, result.status, text.value));
   // Not ended by `closing_`: it is the end of the service that the answer to Stop announces.
   if (write_frame(pipe, answer.value, nullptr, ANSWER_LIMIT_MS))
     wait_client_close(pipe, nullptr, CLOSE_LIMIT_MS);

@@ -62,7 +62,7 @@ std::optional<host_service::Settings> stored_settings() {
 // Tells the service manager what the service does, when that has changed.
 class ManagerStatus {
  public:
-  void tell(const Supervisor& supervisor) {
+  void tell(const WorkerSupervisor& supervisor) {
     if (!stopping_ && supervisor.stop_wanted()) {
       tell_manager_stopping();
       stopping_ = true;
@@ -95,14 +95,15 @@ ServiceExit run_service(const ServiceOptions& options) {
   watch_for_stop(wake);
 
   const std::string program = worker_program(options);
-  Supervisor supervisor({*sessions,
-                         [&program](const std::vector<std::string>& arguments,
-                                    const Environment& environment, std::string* why) {
-                           return start_worker(program, arguments, environment, wake, why);
-                         },
-                         [](const std::string& channel) { return PipeLink::make(channel, say); },
-                         lund_random_bytes, say, wake, host_service::Process::current().id()},
-                        times_of(options));
+  WorkerSupervisor supervisor(
+      {*sessions,
+       [&program](const std::vector<std::string>& arguments, const Environment& environment,
+                  std::string* why) {
+         return start_worker(program, arguments, environment, wake, why);
+       },
+       [](const std::string& channel) { return PipeLink::make(channel, say, wake); },
+       lund_random_bytes, say, wake, host_service::Process::current().id()},
+      times_of(options));
   AdminServer admin(
       host_service::SERVICE_PIPE,
       [&supervisor](const host_service::Request& request) {

@@ -48,7 +48,8 @@ class WorkerProcess {
   virtual void kill() = 0;
 };
 
-// The service's ends of one worker's pipes. Any thread may call `request` and `heard_us`, the
+// The service's ends of one worker's pipes. Sets the supervisor's event at its first heartbeat. Any
+// thread may call `request` and `heard_us`, the
 // supervisor's the rest.
 class WorkerLink {
  public:

@@ -18,12 +18,12 @@ std::string stored_line(const std::optional<Settings>& stored) {
   return line + "\n";
 }
 
-Result pass_on(const Request& request, const Supervisor& supervisor) {
+Result pass_on(const Request& request, const WorkerSupervisor& supervisor) {
   if (const std::shared_ptr<WorkerLink> link = supervisor.link()) return link->request(request);
   return {Status::Unavailable, "no worker is running: " + supervisor.state().doing};
 }
 
-Result status(Supervisor& supervisor, const StoredSettings& stored) {
+Result status(WorkerSupervisor& supervisor, const StoredSettings& stored) {
   std::string text = status_lines(supervisor.state(), stored());
   if (const std::shared_ptr<WorkerLink> link = supervisor.link()) {
     const Result worker = link->request({Verb::Status, {}});
@@ -35,7 +35,8 @@ Result status(Supervisor& supervisor, const StoredSettings& stored) {
 
 }  // namespace
 
-std::string status_lines(const Supervisor::State& state, const std::optional<Settings>& stored) {
+std::string status_lines(const WorkerSupervisor::State& state,
+                         const std::optional<Settings>& stored) {
   const std::string worker = state.worker != 0 ? "worker PID " + std::to_string(state.worker)
                                                : "no worker (" + state.doing + ")";
   return "service running; " + worker + "; session " + std::to_string(state.session) + "; starts " +
@@ -43,7 +44,8 @@ std::string status_lines(const Supervisor::State& state, const std::optional<Set
          stored_line(stored);
 }
 
-Result carry_out(const Request& request, Supervisor& supervisor, const StoredSettings& stored) {
+Result carry_out(const Request& request, WorkerSupervisor& supervisor,
+                 const StoredSettings& stored) {
   switch (request.verb) {
     case Verb::Status:
       return status(supervisor, stored);

@@ -12,7 +12,7 @@
 using StoredSettings = std::function<std::optional<host_service::Settings>()>;
 
 // Any thread.
-host_service::Result carry_out(const host_service::Request& request, Supervisor& supervisor,
+host_service::Result carry_out(const host_service::Request& request, WorkerSupervisor& supervisor,
                                const StoredSettings& stored);
 
 // The lines that stand in front of the worker's own, each ended by a line feed:
@@ -20,5 +20,5 @@ host_service::Result carry_out(const host_service::Request& request, Supervisor&
 //   stored 9876 60 20000 1 1 1 1 1400
 // Without a worker its field says "no worker (" and what the service does, then ")"; "stored
 // unreadable" without settings.
-std::string status_lines(const Supervisor::State& state,
+std::string status_lines(const WorkerSupervisor::State& state,
                          const std::optional<host_service::Settings>& stored);

@@ -26,13 +26,13 @@ std::string duration_text(std::uint64_t ms) {
 
 }  // namespace
 
-Supervisor::Supervisor(Parts parts, const SupervisorTimes& times)
+WorkerSupervisor::WorkerSupervisor(Parts parts, const SupervisorTimes& times)
     : parts_(std::move(parts)), times_(times) {
   state_.last_exit = "none";
   state_.doing = "starting";
 }
 
-std::uint32_t Supervisor::step() {
+std::uint32_t WorkerSupervisor::step() {
   if (run_.process) {
     if (const std::optional<WorkerEnd> end = run_.process->ended()) worker_ended(*end);
   }
@@ -51,7 +51,7 @@ std::uint32_t Supervisor::step() {
   return IDLE_MS;
 }
 
-std::uint32_t Supervisor::step_idle() {
+std::uint32_t WorkerSupervisor::step_idle() {
   if (stop_wanted()) {
     enter(Phase::Done);
     return 0;
@@ -74,7 +74,7 @@ std::uint32_t Supervisor::step_idle() {
   return left_ms > 0 ? left_ms : start();
 }
 
-std::uint32_t Supervisor::wait_for_session(const std::string& why) {
+std::uint32_t WorkerSupervisor::wait_for_session(const std::string& why) {
   served_.reset();
   given_up_ = false;
   {
@@ -87,7 +87,7 @@ std::uint32_t Supervisor::wait_for_session(const std::string& why) {
   return IDLE_MS;
 }
 
-std::uint32_t Supervisor::start() {
+std::uint32_t WorkerSupervisor::start() {
   std::string channel;
   if (!new_channel(&channel)) return start_failed("the system's random source failed");
   channel = host_service::WORKER_PIPE_PREFIX + channel;
@@ -116,11 +116,11 @@ std::uint32_t Supervisor::start() {
   return step_running();
 }
 
-std::uint32_t Supervisor::start_failed(const std::string& why) {
+std::uint32_t WorkerSupervisor::start_failed(const std::string& why) {
   return pause(0, "the worker can't be started: " + why);
 }
 
-std::uint32_t Supervisor::pause(std::uint64_t ran_ms, const std::string& what) {
+std::uint32_t WorkerSupervisor::pause(std::uint64_t ran_ms, const std::string& what) {
   const std::uint32_t pause_ms = backoff_.next_ms(ran_ms);
   start_at_us_ = lund_now_us() + std::uint64_t{pause_ms} * 1'000;
   set_doing("pausing before the next start, as " + what);
@@ -128,7 +128,7 @@ std::uint32_t Supervisor::pause(std::uint64_t ran_ms, const std::string& what) {
   return pause_ms;
 }
 
-std::uint32_t Supervisor::step_running() {
+std::uint32_t WorkerSupervisor::step_running() {
   if (stop_wanted()) {
     ask_to_stop("the service ends");
   } else if (restart_wanted()) {
@@ -146,7 +146,7 @@ std::uint32_t Supervisor::step_running() {
   return step_stopping();
 }
 
-void Supervisor::ask_to_stop(const std::string& why) {
+void WorkerSupervisor::ask_to_stop(const std::string& why) {
   run_.asked = true;
   enter(Phase::Asked);
   set_doing("stopping: " + why);
@@ -154,14 +154,14 @@ void Supervisor::ask_to_stop(const std::string& why) {
   run_.link->ask_to_stop();
 }
 
-void Supervisor::kill(const std::string& why) {
+void WorkerSupervisor::kill(const std::string& why) {
   enter(Phase::Killed);
   set_doing("killing the worker: " + why);
   parts_.say("worker " + std::to_string(run_.process->id()) + ": " + why + ": killing it");
   run_.process->kill();
 }
 
-std::uint32_t Supervisor::step_stopping() {
+std::uint32_t WorkerSupervisor::step_stopping() {
   const std::uint64_t limit_ms = phase_ == Phase::Asked ? times_.stop_ms : times_.terminate_ms;
   // A process that the kernel can't end yet: nothing else can be done about it.
   if (phase_ == Phase::Killed) return KILLED_MS;
@@ -179,7 +179,7 @@ std::uint32_t Supervisor::step_stopping() {
   return times_.terminate_ms;
 }
 
-void Supervisor::worker_ended(const WorkerEnd& end) {
+void WorkerSupervisor::worker_ended(const WorkerEnd& end) {
   const bool asked = run_.asked;
   const std::string words = words_for(end);
   const std::string what =
@@ -213,7 +213,7 @@ void Supervisor::worker_ended(const WorkerEnd& end) {
 
 // 32 lower-case hexadecimal digits. That none comes twice is the random source's 128 bits; one that
 // repeats itself has failed.
-bool Supervisor::new_channel(std::string* channel) {
+bool WorkerSupervisor::new_channel(std::string* channel) {
   static constexpr char DIGITS[] = "0123456789abcdef";
   std::array<std::uint8_t, 16> bytes{};
   if (parts_.random(bytes.data(), bytes.size()) != 0) return false;
@@ -224,18 +224,18 @@ bool Supervisor::new_channel(std::string* channel) {
   return std::exchange(former_channel_, *channel) != *channel;
 }
 
-void Supervisor::enter(Phase phase) {
+void WorkerSupervisor::enter(Phase phase) {
   phase_ = phase;
   phase_since_us_ = lund_now_us();
 }
 
-void Supervisor::stop() {
+void WorkerSupervisor::stop() {
   const std::lock_guard lock(mutex_);
-  stop_wanted_ = true;
-  parts_.wake.set();
+  // Once: the loop that steps asks for it again at each turn, and would never rest.
+  if (!std::exchange(stop_wanted_, true)) parts_.wake.set();
 }
 
-bool Supervisor::restart() {
+bool WorkerSupervisor::restart() {
   const std::lock_guard lock(mutex_);
   if (state_.session == 0) return false;
   restart_wanted_ = true;
@@ -243,32 +243,32 @@ bool Supervisor::restart() {
   return true;
 }
 
-bool Supervisor::stop_wanted() const {
+bool WorkerSupervisor::stop_wanted() const {
   const std::lock_guard lock(mutex_);
   return stop_wanted_;
 }
 
-bool Supervisor::restart_wanted() const {
+bool WorkerSupervisor::restart_wanted() const {
   const std::lock_guard lock(mutex_);
   return restart_wanted_;
 }
 
-bool Supervisor::take_restart() {
+bool WorkerSupervisor::take_restart() {
   const std::lock_guard lock(mutex_);
   return std::exchange(restart_wanted_, false);
 }
 
-void Supervisor::set_doing(const std::string& doing) {
+void WorkerSupervisor::set_doing(const std::string& doing) {
   const std::lock_guard lock(mutex_);
   state_.doing = doing;
 }
 
-std::shared_ptr<WorkerLink> Supervisor::link() const {
+std::shared_ptr<WorkerLink> WorkerSupervisor::link() const {
   const std::lock_guard lock(mutex_);
   return shared_link_;
 }
 
-Supervisor::State Supervisor::state() const {
+WorkerSupervisor::State WorkerSupervisor::state() const {
   const std::lock_guard lock(mutex_);
   return state_;
 }

@@ -26,7 +26,7 @@ struct SupervisorTimes {
   std::uint32_t terminate_ms = 5'000;         // and after SIGTERM
 };
 
-class Supervisor {
+class WorkerSupervisor {
  public:
   struct Parts {
     SessionSource& sessions;
@@ -45,7 +45,7 @@ class Supervisor {
     std::string last_exit;  // in words, "none" before the first
   };
 
-  Supervisor(Parts parts, const SupervisorTimes& times);
+  WorkerSupervisor(Parts parts, const SupervisorTimes& times);
 
   std::uint32_t step();  // milliseconds until the next is due, unless the event is set before
   bool done() const { return phase_ == Phase::Done; }

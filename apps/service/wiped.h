@@ -5,11 +5,11 @@
 
 // A text or bytes, wiped with its scope.
 template <class Bytes>
-struct Wiped {
+struct WipedBytes {
   Bytes value;
-  Wiped() = default;
-  explicit Wiped(Bytes initial) : value(std::move(initial)) {}
-  ~Wiped() { lund_secure_wipe(value.data(), value.size()); }
-  Wiped(const Wiped&) = delete;
-  Wiped& operator=(const Wiped&) = delete;
+  WipedBytes() = default;
+  explicit WipedBytes(Bytes initial) : value(std::move(initial)) {}
+  ~WipedBytes() { lund_secure_wipe(value.data(), value.size()); }
+  WipedBytes(const WipedBytes&) = delete;
+  WipedBytes& operator=(const WipedBytes&) = delete;
 };

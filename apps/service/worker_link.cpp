@@ -8,16 +8,17 @@
 
 using namespace host_service;
 
-std::shared_ptr<PipeLink> PipeLink::make(const std::string& channel, Say say,
+std::shared_ptr<PipeLink> PipeLink::make(const std::string& channel, Say say, WakeEvent& wake,
                                          const LinkTimes& times) {
-  std::shared_ptr<PipeLink> link(new PipeLink(channel, std::move(say), times));
+  std::shared_ptr<PipeLink> link(new PipeLink(channel, std::move(say), wake, times));
   if (!link->commands_ || !link->events_) return nullptr;
   return link;
 }
 
-PipeLink::PipeLink(const std::string& channel, Say say, const LinkTimes& times)
+PipeLink::PipeLink(const std::string& channel, Say say, WakeEvent& wake, const LinkTimes& times)
     : channel_(channel),
       say_(std::move(say)),
+      wake_(wake),
       times_(times),
       commands_(create_pipe(channel, false, true)),
       events_(create_pipe(channel + EVENTS_SUFFIX, false, true)) {}
@@ -81,10 +82,12 @@ bool PipeLink::answer_one() {
     fall_out("sent what is no event of a worker");
     return false;
   }
-  if (attention)
+  if (attention) {
     say_("a client asked for the secure attention sequence, which this system does not have");
-  else
-    heard_us_ = lund_now_us();
+  } else if (heard_us_.exchange(lund_now_us()) == 0) {
+    say_("worker " + std::to_string(worker_.id()) + " is up");
+    wake_.set();
+  }
   const Status status = refuse_ && !attention ? Status::Unavailable : Status::Ok;
   if (write_frame(events_, encode_response(request.verb, status, ""), &closing_, times_.frame_ms))
     return true;
@@ -100,6 +103,7 @@ void PipeLink::fall_out(const std::string& why) {
 }
 
 Result PipeLink::request(const Request& request) {
+  if (is_silent()) return {Status::Unavailable, "the worker shows no sign of life"};
   std::unique_lock lock(turn_mutex_);
   if (!turn_over_.wait_for(lock, std::chrono::milliseconds(times_.turn_ms),
                            [this] { return !in_turn_; }))
@@ -120,10 +124,15 @@ Result PipeLink::exchange_in_turn(const Request& request) {
   return exchange(request);
 }
 
+bool PipeLink::is_silent() const {
+  const std::uint64_t heard_us = heard_us_;
+  return heard_us != 0 && lund_now_us() - heard_us > std::uint64_t{times_.silence_ms} * 1'000;
+}
+
 Result PipeLink::exchange(const Request& request) {
-  const Wiped frame(encode_request(request));
+  const WipedBytes frame(encode_request(request));
   if (frame.value.empty()) return {Status::Invalid, "invalid request"};
-  Wiped<std::vector<unsigned char>> answer;
+  WipedBytes<std::vector<unsigned char>> answer;
   Result result;
   if (write_frame(commands_, frame.value, &closing_, times_.frame_ms) &&
       read_frame(commands_, &answer.value, &closing_, times_.answer_ms) &&

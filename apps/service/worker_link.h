@@ -18,6 +18,8 @@ struct LinkTimes {
   std::uint32_t frame_ms = host_service::PIPE_LIMIT_MS;
   // A new password costs the worker an Argon2id; nothing else takes long.
   std::uint32_t answer_ms = 30'000;
+  // Since the last heartbeat: a worker that hangs isn't asked.
+  std::uint32_t silence_ms = 2'000;
   // For another request's end. Whoever waits takes the answer within 5 s itself.
   std::uint32_t turn_ms = 4'000;
 };
@@ -25,7 +27,7 @@ struct LinkTimes {
 class PipeLink final : public WorkerLink {
  public:
   // Serves both pipes from now on, so that the worker finds them; null when they can't be made.
-  static std::shared_ptr<PipeLink> make(const std::string& channel, Say say,
+  static std::shared_ptr<PipeLink> make(const std::string& channel, Say say, WakeEvent& wake,
                                         const LinkTimes& times = {});
   ~PipeLink() override { close(); }
 
@@ -38,10 +40,11 @@ class PipeLink final : public WorkerLink {
  private:
   enum class Stage { Starting, Ready, Broken };
 
-  PipeLink(const std::string& channel, Say say, const LinkTimes& times);
+  PipeLink(const std::string& channel, Say say, WakeEvent& wake, const LinkTimes& times);
   void run();
   bool accept(host_service::Pipe& pipe, const std::string& name);
   bool is_worker(host_service::Pipe& pipe);
+  bool is_silent() const;
   bool answer_one();  // false: no more will come
   host_service::Result exchange(const host_service::Request& request);
   host_service::Result exchange_in_turn(const host_service::Request& request);
@@ -49,6 +52,7 @@ class PipeLink final : public WorkerLink {
 
   const std::string channel_;
   const Say say_;
+  WakeEvent& wake_;
   const LinkTimes times_;
   host_service::Pipe commands_;
   host_service::Pipe events_;

@@ -137,7 +137,7 @@ TEST_F(CtlCommandsTest, EachAnswerHasItsExitStatusAndSaysWhatToDo) {
            Case{Status::Denied, "untrusted service endpoint", Exit::Denied, "told nothing"},
            Case{Status::Denied, "command denied", Exit::Denied, "doesn't allow"},
            Case{Status::Unavailable, "service unavailable or access denied", Exit::Unavailable,
-                "systemctl start lunderhaze-service"},
+                "systemctl start lunderhaze"},
            Case{Status::Unavailable, "the worker waits", Exit::Unavailable,
                 "lunderhaze-ctl status"},
            Case{Status::Persistence, "machine persistence failure", Exit::Persistence, "the disk"},

@@ -7,6 +7,7 @@
 #include <functional>
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "apps/service/supervisor.h"
@@ -43,20 +44,24 @@ struct FakeWorker {
 
 class ServiceRig : public testing::Test {
  protected:
+  static constexpr std::uint64_t BEAT_US = 100'000;
+
   ServiceRig() { virtual_time::reset(); }
 
-  // Steps as often as the supervisor asks, with heartbeats in between, for so long.
+  // For so long: steps when the supervisor has asked for it or its event is set, and first of all,
+  // since whatever a test has changed would have set it. The worker beats each 100 ms.
   void run_ms(std::uint64_t ms) {
     const std::uint64_t until_us = lund_now_us() + ms * 1'000;
-    for (;;) {
+    std::uint64_t due_us = lund_now_us();
+    wake_.set();
+    while (!supervisor_.done()) {
+      if (wake_.wait(0) || lund_now_us() >= due_us)
+        due_us = lund_now_us() + std::uint64_t{supervisor_.step()} * 1'000;
+      if (lund_now_us() >= until_us) return;
+      const std::uint64_t next_us =
+          std::min({until_us, std::max(due_us, lund_now_us() + 1'000), lund_now_us() + BEAT_US});
+      virtual_time::advance_us(next_us - lund_now_us());
       beat();
-      const std::uint32_t next_ms = supervisor_.step();
-      longest_wait_ms_ = std::max(longest_wait_ms_, next_ms);
-      const std::uint64_t left_us = until_us - lund_now_us();
-      if (left_us == 0 || supervisor_.done()) return;
-      // A worker beats each 100 ms, which here need not be shown more often than that.
-      virtual_time::advance_us(
-          std::min<std::uint64_t>({left_us, std::max(next_ms, 1u) * 1'000ull, 100'000ull}));
     }
   }
   void step() { run_ms(0); }
@@ -86,24 +91,29 @@ class ServiceRig : public testing::Test {
     SessionView active() override { return view; }
   };
   struct FakeProcess final : WorkerProcess {
-    explicit FakeProcess(std::shared_ptr<FakeWorker> of) : worker(std::move(of)) {}
+    FakeProcess(std::shared_ptr<FakeWorker> of, WakeEvent& event)
+        : worker(std::move(of)), wake(event) {}
     std::uint32_t id() const override { return worker->id; }
     std::optional<WorkerEnd> ended() override { return worker->end; }
     void terminate() override {
       worker->terminated = true;
       worker->terminated_us = lund_now_us();
       if (worker->obeys_sigterm) worker->die(15);
+      wake.set();
     }
     void kill() override {
       worker->killed = true;
       worker->killed_us = lund_now_us();
       worker->die(9);
+      wake.set();
     }
     std::shared_ptr<FakeWorker> worker;
+    WakeEvent& wake;
   };
   // Made before its worker is: the worker is the one that attach names.
   struct FakeLink final : WorkerLink {
-    explicit FakeLink(std::vector<std::shared_ptr<FakeWorker>>& all) : workers(all) {}
+    FakeLink(std::vector<std::shared_ptr<FakeWorker>>& all, WakeEvent& event)
+        : workers(all), wake(event) {}
     void attach(std::uint32_t, std::uint32_t session) override {
       worker = workers.back();
       worker->attached_session = session;
@@ -117,13 +127,15 @@ class ServiceRig : public testing::Test {
       worker->stop_asked = true;
       worker->stop_asked_us = lund_now_us();
       if (worker->obeys_stop) worker->exit(0);
+      wake.set();
     }
     void close() override { worker->closed = true; }
     std::vector<std::shared_ptr<FakeWorker>>& workers;
+    WakeEvent& wake;
     std::shared_ptr<FakeWorker> worker;
   };
 
-  Supervisor::Parts parts() {
+  WorkerSupervisor::Parts parts() {
     return {sessions_,
             [this](const std::vector<std::string>& arguments, const Environment& environment,
                    std::string* error) -> std::unique_ptr<WorkerProcess> {
@@ -138,11 +150,11 @@ class ServiceRig : public testing::Test {
               made->started_us = lund_now_us();
               made->heartbeats = heartbeats_;
               workers_.push_back(made);
-              return std::make_unique<FakeProcess>(made);
+              return std::make_unique<FakeProcess>(made, wake_);
             },
             [this](const std::string& channel) -> std::shared_ptr<WorkerLink> {
               channels_.push_back(channel);
-              return pipes_ ? std::make_shared<FakeLink>(workers_) : nullptr;
+              return pipes_ ? std::make_shared<FakeLink>(workers_, wake_) : nullptr;
             },
             [this](void* bytes, std::size_t size) { return random_(bytes, size); },
             [this](const std::string& line) { lines_.push_back(line); },
@@ -150,8 +162,8 @@ class ServiceRig : public testing::Test {
             4711};
   }
   void beat() {
-    if (!workers_.empty() && !worker().closed && worker().heartbeats && !worker().end)
-      worker().last_heartbeat_us = lund_now_us();
+    if (workers_.empty() || worker().closed || !worker().heartbeats || worker().end) return;
+    if (std::exchange(worker().last_heartbeat_us, lund_now_us()) == 0) wake_.set();
   }
 
   FakeSessions sessions_;
@@ -162,9 +174,8 @@ class ServiceRig : public testing::Test {
   bool pipes_ = true;
   bool heartbeats_ = true;  // of the workers to come
   std::function<int(void*, std::size_t)> random_ = lund_random_bytes;
-  std::uint32_t longest_wait_ms_ = 0;
   WakeEvent wake_{WakeEvent::Reset::Auto};
-  Supervisor supervisor_{parts(), SupervisorTimes{}};
+  WorkerSupervisor supervisor_{parts(), SupervisorTimes{}};
 };
 
 }  // namespace service_test

@@ -281,6 +281,15 @@ TEST_F(SupervisorTest, AWorkerWhoseHeartbeatsStopFor15SecondsIsKilledAndRestarte
   EXPECT_EQ(starts(), 2u);
 }
 
+TEST_F(SupervisorTest, AWorkerThatFallsSilentRightAfterItsFirstHeartbeatIsKilled15SecondsLater) {
+  run_ms(100);
+  worker().heartbeats = false;
+  const std::uint64_t only_us = worker().last_heartbeat_us;
+  ASSERT_NE(only_us, 0u);
+  run_ms(20'000);
+  EXPECT_EQ(workers_[0]->killed_us - only_us, 15'000'000u);
+}
+
 TEST_F(SupervisorTest, AWorkerHas30SecondsForItsFirstHeartbeat) {
   heartbeats_ = false;
   run_ms(29'900);
@@ -324,6 +333,13 @@ TEST_F(SupervisorTest, EveryDemandSetsItsEvent) {
   EXPECT_TRUE(wake_.wait(0));
   supervisor_.stop();
   EXPECT_TRUE(wake_.wait(0));
+}
+
+TEST_F(SupervisorTest, AStopThatIsAskedForAgainSetsNothing) {
+  supervisor_.stop();
+  EXPECT_TRUE(wake_.wait(0));
+  supervisor_.stop();
+  EXPECT_FALSE(wake_.wait(0));
 }
 
 TEST_F(SupervisorTest, AnIdleServiceAsksForNoStepWithinAMinute) {

@@ -121,15 +121,23 @@ bool User::key_is_down(std::uint32_t keysym) {
   return reply && (reply->keys[code / 8] >> (code % 8) & 1) != 0;
 }
 
-bool User::keyboard_is_free() {
+bool User::take_keyboard() {
   const auto reply =
       own(xcb_grab_keyboard_reply(connection_,
                                   xcb_grab_keyboard(connection_, 0, screen_->root, XCB_CURRENT_TIME,
                                                     XCB_GRAB_MODE_ASYNC, XCB_GRAB_MODE_ASYNC),
                                   nullptr));
-  if (!reply || reply->status != XCB_GRAB_STATUS_SUCCESS) return false;
+  return reply && reply->status == XCB_GRAB_STATUS_SUCCESS;
+}
+
+void User::let_go_of_keyboard() {
   xcb_ungrab_keyboard(connection_, XCB_CURRENT_TIME);
   settle();
+}
+
+bool User::keyboard_is_free() {
+  if (!take_keyboard()) return false;
+  let_go_of_keyboard();
   return true;
 }
 

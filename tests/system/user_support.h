@@ -60,6 +60,9 @@ class User {
   int pointer_x();
   int pointer_y();
   bool key_is_down(std::uint32_t keysym);
+  // Away from all others, while it is free.
+  bool take_keyboard();
+  void let_go_of_keyboard();
   bool keyboard_is_free();  // no program has grabbed it
   bool holds_nothing();     // no key and no button is down
   SeenCursor cursor();

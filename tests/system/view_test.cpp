@@ -163,6 +163,21 @@ TEST_F(ViewTest, TheReleaseKeyLetsGoAndAClickTakesAgain) {
   EXPECT_EQ(recorder.count("key"), 2U) << "the host has seen nothing of the release key";
 }
 
+TEST_F(ViewTest, AKeyboardThatAnotherProgramHasIsTakenOnceItIsFree) {
+  sit_down();
+  Recorder recorder(desktop_->display(), 0, 0, 1280, 720);
+  ASSERT_TRUE(user_->take_keyboard());
+  view();
+  user_->move(seat_x(200), seat_y(200));
+  user_->click();
+  ASSERT_TRUE(comes_true([&] { return recorder.count("button 1") == 2; }))
+      << "the host was clicked";
+  user_->let_go_of_keyboard();
+  EXPECT_TRUE(comes_true([&] { return !user_->keyboard_is_free(); }));
+  user_->tap('x');
+  EXPECT_TRUE(comes_true([&] { return recorder.count("key") == 2; }));
+}
+
 TEST_F(ViewTest, KeysOfThisDesktopGoToTheHostWhileTheKeyboardIsTaken) {
   sit_down();
   User host_user(desktop_->display());

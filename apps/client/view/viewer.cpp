@@ -6,6 +6,7 @@
 #include <thread>
 
 #include "apps/client/json_report.h"
+#include "apps/client/view/keyboard_grab.h"
 #include "apps/client/view/overlay.h"
 #include "connection/clock.h"
 
@@ -227,6 +228,7 @@ void Viewer::finish_second(std::uint64_t now_us) {
   for (const auto& screen : screens_) {
     const ViewStatistics::Second second = screen->statistics.finish_second(lasted);
     screen->view.statistics = statistics_lines(figures_of(*screen, second));
+    renew_keyboard_grab(screen->window->window());
   }
 }
 

@@ -111,6 +111,7 @@ std::vector<Environment> session_environments(const LoginSession& session, const
   }
   std::ranges::sort(processes);
   std::vector<Environment> environments;
+  environments.reserve(processes.size());
   for (const auto& [id, path] : processes) environments.push_back(environment_of(path));
   return environments;
 }

@@ -89,6 +89,7 @@ struct Attributes {
 
 std::vector<char*> pointers(std::vector<std::string>& texts) {
   std::vector<char*> list;
+  list.reserve(texts.size() + 1);
   for (std::string& text : texts) list.push_back(text.data());
   list.push_back(nullptr);
   return list;
@@ -107,7 +108,8 @@ std::unique_ptr<WorkerProcess> start_worker(const std::string& program,
   std::vector<std::string> words = {program};
   words.insert(words.end(), arguments.begin(), arguments.end());
   std::vector<std::string> variables = {"PATH=/usr/sbin:/usr/bin:/sbin:/bin", "LANG=C.UTF-8"};
-  for (const auto& [name, value] : environment) variables.push_back(name + "=" + value);
+  for (const auto& [name, value] : environment)
+    variables.emplace_back(name).append("=").append(value);
   const FileActions actions;
   const Attributes attributes;
   pid_t pid = -1;

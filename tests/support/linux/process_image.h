@@ -15,7 +15,7 @@
 
 #include "control/linux/descriptor.h"
 
-// How often, in all mappings that can be read, but for a sanitizer's own, known by their size,
+// How often, in all mappings that can be written, but for a sanitizer's own, known by their size,
 // which hold no bytes of the program. The process should stand still meanwhile, and the looking
 // process is one that may: root, or the parent of its like.
 inline int image_count(pid_t pid, std::span<const std::uint8_t> secret) {
