@@ -60,8 +60,8 @@ void AdminServer::serve(Pipe& pipe) {
     return;
   }
   Result result = handler_(request);
-  const WipedBytes text(std::move(result.text));
-  lund_secure_wipe(result.text.data(), result.text.capacity());
+  const WipedBytes text(result.text);
+  lund_secure_wipe(result.text.data(), result.text.size());
   lund_secure_wipe(request.payload.data(), request.payload.size());
   const WipedBytes answer(encode_response(request.verb, result.status, text.value));
   // Not ended by `closing_`: it is the end of the service that the answer to Stop announces.

@@ -73,7 +73,8 @@ class RecordingSystem final : public WorkerSystem {
   void release_lock() override { book_.add("unlock"); }
   void stop_on_signals(WakeEvent* stop) override {
     book_.add(stop ? "signals on" : "signals off");
-    stop_event = stop;
+    const std::lock_guard guard(stop_mutex_);
+    stop_event_ = stop;
   }
   host_service::Pipe open_pipe(const std::string& name, WakeEvent* stop) override {
     const std::string file = std::filesystem::path(name).filename();
@@ -93,9 +94,17 @@ class RecordingSystem final : public WorkerSystem {
   bool is_system = true;
   Lock lock = Lock::Held;
   std::uint32_t open_limit_ms = 20'000;
-  std::atomic<WakeEvent*> stop_event{nullptr};
+
+  // What a signal does, while the worker listens for it; false otherwise.
+  bool request_end() {
+    const std::lock_guard guard(stop_mutex_);
+    if (stop_event_) stop_event_->set();
+    return stop_event_ != nullptr;
+  }
 
  private:
+  std::mutex stop_mutex_;
+  WakeEvent* stop_event_ = nullptr;  // the worker's own
   CallBook& book_;
   const std::filesystem::path pipes_;
 };
@@ -164,7 +173,7 @@ class WorkerLife : public testing::Test {
   ExitCode end() {
     if (ended_.wait_for(PATIENCE) == std::future_status::ready) return ended_.get();
     ADD_FAILURE() << "the worker doesn't end";
-    system_.stop_event.load()->set();
+    system_.request_end();
     return ended_.get();
   }
 
@@ -205,7 +214,7 @@ TEST_F(WorkerLife, AStopCommandEndsItWith0AfterItsAnswer) {
 
 TEST_F(WorkerLife, ThePlatformsRequestToEndIsAnOrderlyStop) {
   start();
-  system_.stop_event.load()->set();
+  EXPECT_TRUE(system_.request_end());
   EXPECT_EQ(end(), ExitCode::Stopped);
   EXPECT_THAT(book_.all(), ElementsAreArray(calls_around(WHOLE_LIFE)));
 }
@@ -310,8 +319,7 @@ TEST_F(WorkerLife, AMissingEventsPipeEndsItWith4) {
 
 TEST_F(WorkerLife, ARequestToEndWhileItWaitsForItsPipesEndsItWith4) {
   ended_ = std::async(std::launch::async, [this] { return run(); });
-  while (system_.stop_event == nullptr) std::this_thread::yield();
-  system_.stop_event.load()->set();
+  while (!system_.request_end()) std::this_thread::yield();
   EXPECT_EQ(end(), ExitCode::NoPeer);
 }
 
