@@ -33,7 +33,7 @@ std::string VddState::describe() const {
 }
 
 VddState LeasedVirtualDisplays::probe() {
-  const VddState state = vdd_control::inspect(*driver_);
+  VddState state = vdd_control::inspect(*driver_);
   set_status(state);
   return state;
 }

@@ -15,6 +15,7 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <cstdio>
 #include <functional>
 #include <string>
 
@@ -33,6 +34,7 @@ class TerminalJobTest : public testing::Test {
     ASSERT_EQ(openpty(&master_, &slave_, nullptr, nullptr, nullptr), 0);
     ASSERT_EQ(pipe2(orders_, O_CLOEXEC), 0);
     ASSERT_EQ(pipe2(reports_, O_CLOEXEC), 0);
+    std::fflush(nullptr);  // what waits in the buffers is this process's alone to write
     shell_ = fork();
     if (shell_ == 0) be_the_shell(program, foreground);
     ASSERT_EQ(read(reports_[0], &program_, sizeof program_), static_cast<ssize_t>(sizeof program_));
