@@ -70,6 +70,11 @@ void new_pin(lund_host* host) {
                       pairing.pin_attempts);
 }
 
+void forget_pin(lund_host_pairing& pairing) {
+  lund_secure_wipe(pairing.pin, sizeof pairing.pin);
+  lund_pair_forget_secret(&pairing.pin_pair);
+}
+
 // The exchange's secret is the verifier in hexadecimal: the password itself isn't known here.
 void build_password_context(lund_host* host) {
   lund_host_pairing& pairing = host->pairing;
@@ -235,7 +240,7 @@ void conn_host_pairing_init(lund_host* host, const lund_host_config* config,
   if (password_blob != nullptr && password_blob[0] != '\0') load_password(host, password_blob);
   pairing.pairing_open = has_clients ? 0 : 1;
   new_pin(host);
-  if (has_clients) lund_secure_wipe(pairing.pin, sizeof pairing.pin);
+  if (has_clients) forget_pin(pairing);
 }
 
 void conn_host_info_request(lund_host* host, const std::uint8_t* datagram, std::size_t size,
@@ -315,7 +320,7 @@ void conn_host_pairing_close(lund_host* host, const char* why) {
   lund_host_pairing& pairing = host->pairing;
   if (pairing.pairing_open == 0) return;
   pairing.pairing_open = 0;
-  lund_secure_wipe(pairing.pin, sizeof pairing.pin);
+  forget_pin(pairing);
   conn_log(&host->base, "pairing closed (%s)", why);
   conn_ev_push(&host->base, LUND_EV_PAIRING_CLOSED);
 }

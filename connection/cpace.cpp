@@ -395,3 +395,8 @@ const std::uint8_t* lund_pair_last_message(const lund_pair* pair, std::size_t* s
 void lund_pair_wipe(lund_pair* pair) {
   crypto_wipe(pair, sizeof *pair);
 }
+
+void lund_pair_forget_secret(lund_pair* pair) {
+  crypto_wipe(pair->secret, sizeof pair->secret);
+  pair->secret_size = 0;
+}

@@ -69,6 +69,8 @@ std::size_t lund_pair_encode_fail(std::uint8_t* out, std::size_t capacity,
 
 const std::uint8_t* lund_pair_last_message(const lund_pair* pair, std::size_t* size_out);
 void lund_pair_wipe(lund_pair* pair);
+// An exchange that has begun may end; no other can begin.
+void lund_pair_forget_secret(lund_pair* pair);
 
 // The draft's calculate_generator for X25519 and SHA-512.
 void lund_cpace_generator(std::uint8_t point_out[32], const std::uint8_t* secret,
