@@ -31,7 +31,6 @@ int conn_servers_load(lund_conn_server* servers, const lund_relay_config* relays
     else
       server.endpoint = {};
   }
-  lund_secure_wipe(&checked, sizeof checked);
   return count;
 }
 

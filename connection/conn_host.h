@@ -34,6 +34,7 @@ struct lund_pairing_status {
   std::uint32_t seconds_left = 0;  // rounded up; 0 with no deadline
   std::uint32_t has_password = 0;
   std::uint32_t password_locked = 0;
+  ~lund_pairing_status() { lund_secure_wipe(pin, sizeof pin); }
 };
 
 // One rendezvous server as a person may see it.

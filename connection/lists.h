@@ -26,6 +26,7 @@ struct lund_relay_server {
   std::uint64_t key_size = 0;
   std::uint8_t key[LUND_RELAY_KEY_MAX] = {};
   lund_rv_endpoint endpoint;  // of a literal, or resolved; family 0 while unknown
+  ~lund_relay_server() { lund_secure_wipe(key, sizeof key); }
 };
 
 struct lund_relay_config {

@@ -9,17 +9,7 @@
 #include <cstring>
 #include <string_view>
 
-#include "connection/secure.h"
-
-// A value that is wiped when it leaves scope.
-template <class T>
-struct Wiped {
-  T value{};
-  Wiped() = default;
-  Wiped(const Wiped&) = delete;
-  Wiped& operator=(const Wiped&) = delete;
-  ~Wiped() { lund_secure_wipe(&value, sizeof(value)); }
-};
+#include "connection/wiped.h"
 
 // Hands out the lines of a text, without their carriage returns and cut at MAX characters. A line
 // lives until the next one; its buffer is wiped with the reader.

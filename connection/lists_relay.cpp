@@ -1,5 +1,5 @@
-// Relay servers: the link's syntax and the stored list. Their keys are secrets, so every temporary
-// and every failed output is wiped.
+// Relay servers: the link's syntax and the stored list. Their keys are secrets, so every text that
+// held one and every failed output is wiped.
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
@@ -171,9 +171,9 @@ bool load_lines(lund_relay_config* config, const char* bytes, std::size_t size) 
   while (reader.next()) {
     if (reader.was_cut() || reader.line().find('\0') != std::string_view::npos) return false;
     if (trim(reader.line()).empty()) continue;
-    Wiped<lund_relay_server> server;
-    if (!parse_link(&server.value, reader.line())) return false;
-    if (lund_relay_config_add(config, &server.value) < 0) return false;
+    lund_relay_server server;
+    if (!parse_link(&server, reader.line())) return false;
+    if (lund_relay_config_add(config, &server) < 0) return false;
   }
   return true;
 }
@@ -189,19 +189,19 @@ int lund_relay_server_set(lund_relay_server* out, const char* host_text, std::ui
     host = host.substr(1, host.size() - 2);
     if (host.find(':') == host.npos) return -1;
   }
-  Wiped<lund_relay_server> server;
-  server.value.port = port != 0 ? port : LUND_RELAY_PORT;
-  if (!relay_set_host(&server.value, host)) return -1;
-  std::memcpy(server.value.key, key, key_size);
-  server.value.key_size = key_size;
-  *out = server.value;
+  lund_relay_server server;
+  server.port = port != 0 ? port : LUND_RELAY_PORT;
+  if (!relay_set_host(&server, host)) return -1;
+  std::memcpy(server.key, key, key_size);
+  server.key_size = key_size;
+  *out = server;
   return 0;
 }
 
 int lund_relay_link_parse(lund_relay_server* out, const char* text) {
-  Wiped<lund_relay_server> server;
-  if (out == nullptr || text == nullptr || !parse_link(&server.value, text)) return -1;
-  *out = server.value;
+  lund_relay_server server;
+  if (out == nullptr || text == nullptr || !parse_link(&server, text)) return -1;
+  *out = server;
   return 0;
 }
 
@@ -245,8 +245,7 @@ bool lund_relay_server_same(const lund_relay_server* a, const lund_relay_server*
 
 int lund_relay_config_add(lund_relay_config* config, const lund_relay_server* server) {
   if (host_of(*server).size() > HOST_MAX) return -1;
-  Wiped<lund_relay_server> checked;
-  lund_relay_server& entry = checked.value;
+  lund_relay_server entry;
   if (lund_relay_server_set(&entry, server->host, server->port, server->key, server->key_size) != 0)
     return -1;
   if (entry.endpoint.family == 0) entry.endpoint = server->endpoint;
@@ -259,9 +258,9 @@ int lund_relay_config_add(lund_relay_config* config, const lund_relay_server* se
 }
 
 int lund_relay_config_add_link(lund_relay_config* config, const char* text) {
-  Wiped<lund_relay_server> server;
-  if (lund_relay_link_parse(&server.value, text) != 0) return -1;
-  return lund_relay_config_add(config, &server.value);
+  lund_relay_server server;
+  if (lund_relay_link_parse(&server, text) != 0) return -1;
+  return lund_relay_config_add(config, &server);
 }
 
 int lund_relay_config_remove(lund_relay_config* config, int index) {

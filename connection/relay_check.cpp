@@ -124,11 +124,10 @@ int lund_relay_check(const lund_relay_server* server, int timeout_ms, std::uint6
   lund_rv_endpoint endpoint;
   Wiped<std::uint8_t[32]> net_key;
   {
-    Wiped<lund_relay_server> copy;
-    copy.value = *server;
-    if (lund_relay_resolve(&copy.value) != 0) return LUND_RELAY_NO_NAME;
-    endpoint = copy.value.endpoint;
-    lund_rv_net_key(net_key.value, copy.value.key, copy.value.key_size);
+    lund_relay_server copy = *server;
+    if (lund_relay_resolve(&copy) != 0) return LUND_RELAY_NO_NAME;
+    endpoint = copy.endpoint;
+    lund_rv_net_key(net_key.value, copy.key, copy.key_size);
   }
   const int limit_ms = timeout_ms > 0 ? timeout_ms : DEFAULT_TIMEOUT_MS;
   return RelayProbe(endpoint, net_key.value)

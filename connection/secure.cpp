@@ -103,6 +103,11 @@ void lund_secure_wipe(void* pointer, std::size_t size) {
   crypto_wipe(pointer, size);
 }
 
+void lund_wipe_stack() {
+  std::uint8_t below[65'536];
+  crypto_wipe(below, sizeof below);
+}
+
 void lund_keypair_from_secret(lund_keypair* keypair, const std::uint8_t secret[LUND_KEY_SIZE]) {
   std::memmove(keypair->secret, secret, LUND_KEY_SIZE);
   crypto_x25519_public_key(keypair->public_key, keypair->secret);

@@ -25,10 +25,19 @@ inline constexpr std::size_t LUND_KEY_ID_SIZE = 16;
 inline constexpr std::size_t LUND_MAC_SIZE = 16;
 inline constexpr std::size_t LUND_KEY_CODE_TEXT = 10;  // "7K2M-Q9TX" and its terminator
 
-// One 64-byte value, the secret first.
+void lund_secure_wipe(void* pointer, std::size_t size);
+
+// What calls have left on the stack, 64 KiB below the caller. For who has had secrets copied about:
+// copying leaves them in vector registers, and the loader saves those on the stack where a
+// library's function is called for the first time.
+void lund_wipe_stack();
+
+// One 64-byte value, the secret first. Each copy wipes its secret when it goes, also those that
+// nobody has a name for.
 struct lund_keypair {
   std::uint8_t secret[LUND_KEY_SIZE] = {};
   std::uint8_t public_key[LUND_KEY_SIZE] = {};
+  ~lund_keypair() { lund_secure_wipe(secret, sizeof secret); }
 };
 static_assert(sizeof(lund_keypair) == 64);
 
@@ -48,8 +57,6 @@ struct lund_session {
   lund_session(const lund_session& other) { *this = other; }
   lund_session& operator=(const lund_session& other);
 };
-
-void lund_secure_wipe(void* pointer, std::size_t size);
 
 // Fills from the system's cryptographic generator. LUND_OK, also for size 0, or LUND_ERR_RANDOM.
 int lund_random_bytes(void* buffer, std::size_t size);

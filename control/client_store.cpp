@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <vector>
 
+#include "connection/wiped.h"
 #include "control/private_file.h"
 #include "control/store_platform.h"
 #include "control/sysinfo.h"
@@ -19,12 +20,6 @@ constexpr char IDENTITY_PURPOSE[] = "client identity";
 constexpr char HOST_IDENTITY_PURPOSE[] = "identity";  // as the keystore seals it
 constexpr char RELAYS_PURPOSE[] = "client relays";
 constexpr std::size_t FILE_LIMIT_BYTES = 65'536;
-
-// A text that is wiped with its scope.
-struct SecretText {
-  std::vector<char> bytes = std::vector<char>(LUND_LIST_TEXT_MAX);
-  ~SecretText() { lund_secure_wipe(bytes.data(), bytes.size()); }
-};
 
 Read read_sealed(const std::filesystem::path& directory, const char* name, const char* purpose,
                  std::string* text) {
@@ -44,19 +39,16 @@ bool write_sealed(const std::filesystem::path& directory, const char* name, cons
 
 Read load_identity(const std::filesystem::path& directory, const char* purpose,
                    lund_keypair* identity) {
-  std::string text;
-  Read read = read_sealed(directory, IDENTITY, purpose, &text);
-  if (read == Read::Ok && lund_identity_load(identity, text.c_str()) != 0) read = Read::Failed;
-  lund_secure_wipe(text.data(), text.size());
-  return read;
+  Wiped<std::string> text;
+  const Read read = read_sealed(directory, IDENTITY, purpose, &text.value);
+  const bool damaged = read == Read::Ok && lund_identity_load(identity, text.value.c_str()) != 0;
+  return damaged ? Read::Failed : read;
 }
 
 bool make_identity(const std::filesystem::path& directory, lund_keypair* identity) {
-  char hex[2 * LUND_KEY_SIZE + 1];
-  const bool made = lund_identity_generate(identity, hex) == 0 &&
-                    write_sealed(directory, IDENTITY, IDENTITY_PURPOSE, hex);
-  lund_secure_wipe(hex, sizeof hex);
-  return made;
+  Wiped<char[2 * LUND_KEY_SIZE + 1]> hex;
+  return lund_identity_generate(identity, hex.value) == 0 &&
+         write_sealed(directory, IDENTITY, IDENTITY_PURPOSE, hex.value);
 }
 
 std::string not_saved(const std::filesystem::path& directory) {
@@ -77,11 +69,6 @@ bool matches(const lund_host_entry& host, const std::string& selector) {
 }
 
 }  // namespace
-
-ClientStore::~ClientStore() {
-  lund_secure_wipe(&identity_, sizeof identity_);
-  lund_secure_wipe(&relays_, sizeof relays_);
-}
 
 bool ClientStore::open(std::filesystem::path directory, std::string* error) {
   const bool users_own = directory.empty();
@@ -120,8 +107,7 @@ bool ClientStore::open_hosts_identity(std::string* error) {
   if (read == Read::Missing) {
     // Taken from the disk and not from what is returned: an identity that wasn't saved, or that a
     // host made at the same moment replaced, would be paired in vain.
-    lund_keypair made = keystore::load_or_create_identity(nullptr);
-    lund_secure_wipe(&made, sizeof made);
+    keystore::load_or_create_identity(nullptr);
     read = load_identity(directory, HOST_IDENTITY_PURPOSE, &identity_);
   }
   identity_is_hosts_ = read == Read::Ok;
@@ -145,12 +131,11 @@ bool ClientStore::load_hosts(std::string* error) {
 }
 
 bool ClientStore::load_relays(std::string* error) {
-  std::string text;
-  const Read read = read_sealed(directory_, RELAYS, RELAYS_PURPOSE, &text);
-  const bool loaded =
-      read != Read::Failed && lund_relay_config_load_stored(&relays_, text.data(), text.size(),
-                                                            read == Read::Ok ? 1 : 0) == 0;
-  lund_secure_wipe(text.data(), text.size());
+  Wiped<std::string> text;
+  const Read read = read_sealed(directory_, RELAYS, RELAYS_PURPOSE, &text.value);
+  const bool loaded = read != Read::Failed &&
+                      lund_relay_config_load_stored(&relays_, text.value.data(), text.value.size(),
+                                                    read == Read::Ok ? 1 : 0) == 0;
   if (!loaded)
     *error = "the list of relay servers in " + directory_.string() +
              " is unreadable: move the file relays away and add them again";
@@ -187,9 +172,9 @@ bool ClientStore::save_hosts(std::string* error) {
 }
 
 bool ClientStore::save_relays(std::string* error) {
-  SecretText text;
-  const std::size_t size = lund_relay_config_save(&relays_, text.bytes.data(), text.bytes.size());
-  if (size != 0 && write_sealed(directory_, RELAYS, RELAYS_PURPOSE, {text.bytes.data(), size}))
+  Wiped text(std::string(LUND_LIST_TEXT_MAX, '\0'));
+  text.value.resize(lund_relay_config_save(&relays_, text.value.data(), text.value.size()));
+  if (!text.value.empty() && write_sealed(directory_, RELAYS, RELAYS_PURPOSE, text.value))
     return true;
   *error = "cannot save the list of relay servers in " + directory_.string();
   return false;

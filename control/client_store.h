@@ -48,7 +48,6 @@ class ClientStore {
   bool change_relays(const RelayChange& change, std::string* error);
 
   ClientStore() = default;
-  ~ClientStore();
   ClientStore(const ClientStore&) = delete;
   ClientStore& operator=(const ClientStore&) = delete;
 

@@ -12,6 +12,8 @@
 #include <string>
 #include <vector>
 
+#include "connection/wiped.h"
+
 namespace host_service {
 
 inline constexpr std::size_t HEADER_BYTES = 12;
@@ -50,7 +52,8 @@ enum class Status : std::uint32_t {
 
 struct Request {
   Verb verb = Verb::Status;
-  std::vector<unsigned char> payload;
+  std::vector<unsigned char> payload;  // of some a secret: wiped with it
+  ~Request() { wipe_owned(payload); }
 };
 
 // Stream defaults: 16 bytes, as payload of SetSettings and as the host file "settings".

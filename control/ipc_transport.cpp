@@ -3,7 +3,7 @@
 #include <utility>
 
 #include "connection/clock.h"
-#include "connection/secure.h"
+#include "connection/wiped.h"
 #include "control/pipe_platform.h"
 
 namespace host_service {
@@ -14,14 +14,7 @@ using Bytes = std::vector<unsigned char>;
 
 constexpr std::uint32_t RETRY_MS = 25;
 
-// A frame may hold a password or a PIN.
-struct Frame : Bytes {
-  Frame() = default;
-  explicit Frame(Bytes bytes) : Bytes(std::move(bytes)) {}
-  ~Frame() { lund_secure_wipe(data(), size()); }
-  Frame(const Frame&) = delete;
-  Frame& operator=(const Frame&) = delete;
-};
+using Frame = Wiped<Bytes>;  // it may hold a password or a PIN
 
 // All of the bytes, by steps of either way. The deadline is strict: when it has passed, the last
 // byte may have come and the transfer has failed all the same.
@@ -48,9 +41,9 @@ bool pause(WakeEvent* stop) {
 bool exchange(Pipe& pipe, const Request& request, WakeEvent* stop, Result* result) {
   const Frame asked(encode_request(request));
   Frame answer;
-  return write_frame(pipe, asked, stop, PIPE_LIMIT_MS) &&
-         read_frame(pipe, &answer, stop, PIPE_LIMIT_MS) &&
-         decode_response(answer.data(), answer.size(), request.verb, &result->status,
+  return write_frame(pipe, asked.value, stop, PIPE_LIMIT_MS) &&
+         read_frame(pipe, &answer.value, stop, PIPE_LIMIT_MS) &&
+         decode_response(answer.value.data(), answer.value.size(), request.verb, &result->status,
                          &result->text);
 }
 
@@ -77,17 +70,18 @@ bool read_frame(Pipe& pipe, std::vector<unsigned char>* frame, WakeEvent* stop,
   const std::uint64_t deadline_us = pipe_platform::deadline_of(timeout_ms);
   Frame read;
   const auto append = [&](std::size_t size) {
-    const std::size_t at = read.size();
-    read.resize(at + size);
-    return transfer(pipe_platform::receive, *pipe.end(), read.data() + at, size, stop, deadline_us);
+    const std::size_t at = read.value.size();
+    read.value.resize(at + size);
+    return transfer(pipe_platform::receive, *pipe.end(), read.value.data() + at, size, stop,
+                    deadline_us);
   };
   std::uint16_t verb = 0;
   std::uint32_t length = 0;
-  read.reserve(FRAME_MAX);  // growth would leave bytes behind
-  if (!append(HEADER_BYTES) || !decode_header(read.data(), read.size(), &verb, &length) ||
-      !append(length))
+  read.value.reserve(FRAME_MAX);  // growth would leave bytes behind
+  if (!append(HEADER_BYTES) ||
+      !decode_header(read.value.data(), read.value.size(), &verb, &length) || !append(length))
     return false;
-  frame->swap(read);  // what was there before is wiped
+  frame->swap(read.value);  // what was there before is wiped
   return true;
 }
 

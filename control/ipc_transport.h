@@ -73,7 +73,8 @@ bool pipe_server(Pipe& pipe, std::uint32_t pid);
 // A whole exchange as a client; each of open, write and read is limited to PIPE_LIMIT_MS.
 struct Result {
   Status status = Status::Failed;
-  std::string text;
+  std::string text;  // of some a secret: wiped with it
+  ~Result() { wipe_owned(text); }
 };
 Result transact(const std::string& name, const Request& request, WakeEvent* stop);
 

@@ -50,7 +50,7 @@ constexpr Kind KINDS[] = {
 
 State state_of(const Kind& kind) {
   Secret text;
-  switch (kind.read(kind.name, &text.text)) {
+  switch (kind.read(kind.name, &text.value)) {
     case Read::Missing:
       return State::Missing;
     case Read::Failed:
@@ -58,7 +58,7 @@ State state_of(const Kind& kind) {
     case Read::Ok:
       break;
   }
-  return kind.is_whole(text.text) ? State::Whole : State::Malformed;
+  return kind.is_whole(text.value) ? State::Whole : State::Malformed;
 }
 
 }  // namespace

@@ -6,7 +6,7 @@
 #include <mutex>
 #include <string>
 
-#include "connection/secure.h"
+#include "connection/wiped.h"
 #include "control/keystore.h"
 #include "control/store_platform.h"
 
@@ -16,14 +16,7 @@ using store_platform::Read;
 
 inline constexpr std::size_t FILE_LIMIT_BYTES = 1'048'576;
 
-// A text that is wiped with its scope.
-struct Secret {
-  std::string text;
-  Secret() = default;
-  ~Secret() { lund_secure_wipe(text.data(), text.size()); }
-  Secret(const Secret&) = delete;
-  Secret& operator=(const Secret&) = delete;
-};
+using Secret = Wiped<std::string>;
 
 // The process's one store. Configured on the main thread before any other starts; later on only
 // its health changes.

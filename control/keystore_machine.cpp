@@ -2,7 +2,6 @@
 #include <exception>
 #include <system_error>
 
-#include "connection/secure.h"
 #include "control/ipc_protocol.h"
 #include "control/keystore.h"
 #include "control/keystore_internal.h"
@@ -42,13 +41,10 @@ void check_settings() {
 
 // Each throws when what it loads is damaged.
 void check_records() {
-  lund_keypair identity = load_or_create_identity(nullptr);
-  lund_secure_wipe(&identity, sizeof identity);
+  load_or_create_identity(nullptr);
   load_clients();
-  std::string blob = load_password_blob();
-  lund_secure_wipe(blob.data(), blob.size());
-  lund_relay_config relays = load_relays();
-  lund_secure_wipe(&relays, sizeof relays);
+  const Secret blob(load_password_blob());
+  load_relays();
 }
 
 }  // namespace

@@ -2,7 +2,6 @@
 // library's.
 #include <algorithm>
 #include <cctype>
-#include <memory>
 #include <string_view>
 
 #include "control/keystore.h"
@@ -31,10 +30,10 @@ std::string path_text(const char* name) {
 // False when it is missing; a damaged one is dealt with and then as good as missing.
 bool load_identity(lund_keypair* identity) {
   Secret stored;
-  const Read result = read_protected(IDENTITY, &stored.text);
+  const Read result = read_protected(IDENTITY, &stored.value);
   if (result == Read::Missing) return false;
-  const bool whole = !is_machine() || stored.text.size() == IDENTITY_DIGITS;
-  if (result == Read::Ok && whole && lund_identity_load(identity, stored.text.c_str()) == 0) {
+  const bool whole = !is_machine() || stored.value.size() == IDENTITY_DIGITS;
+  if (result == Read::Ok && whole && lund_identity_load(identity, stored.value.c_str()) == 0) {
     return true;
   }
   // A worker never replaces its identity by itself.
@@ -78,24 +77,16 @@ bool holds_swallowed_line(std::string_view text) {
 
 // Exactly the blob's five fields, and nothing behind them.
 bool is_whole_password_blob(const std::string& text) {
-  lund_password_record record;
-  const bool whole =
-      count_fields(text) == 5 && lund_password_blob_parse(&record, text.c_str()) == 0;
-  lund_secure_wipe(&record, sizeof(record));
-  return whole;
+  Wiped<lund_password_record> record;
+  return count_fields(text) == 5 && lund_password_blob_parse(&record.value, text.c_str()) == 0;
 }
-
-struct TextBuffer {
-  std::unique_ptr<char[]> bytes = std::make_unique<char[]>(LUND_LIST_TEXT_MAX);
-  ~TextBuffer() { lund_secure_wipe(bytes.get(), LUND_LIST_TEXT_MAX); }
-};
 
 }  // namespace
 
 bool peek_identity(lund_keypair* identity) {
   Secret stored;
-  return read_protected(IDENTITY, &stored.text) == Read::Ok &&
-         lund_identity_load(identity, stored.text.c_str()) == 0;
+  return read_protected(IDENTITY, &stored.value) == Read::Ok &&
+         lund_identity_load(identity, stored.value.c_str()) == 0;
 }
 
 lund_keypair load_or_create_identity(bool* created) {
@@ -104,13 +95,13 @@ lund_keypair load_or_create_identity(bool* created) {
   lund_keypair identity;
   if (load_identity(&identity)) return identity;
   Secret digits;
-  digits.text.resize(IDENTITY_DIGITS + 1);
-  if (lund_identity_generate(&identity, digits.text.data()) != 0) {
+  digits.value.resize(IDENTITY_DIGITS + 1);
+  if (lund_identity_generate(&identity, digits.value.data()) != 0) {
     unusable("machine identity generation failed", "identity: key generation failed");
     return {};
   }
-  digits.text.resize(IDENTITY_DIGITS);
-  if (!write_protected(IDENTITY, digits.text)) {
+  digits.value.resize(IDENTITY_DIGITS);
+  if (!write_protected(IDENTITY, digits.value)) {
     unusable(
         "machine identity persistence failed",
         "identity: could not save " + path_text(IDENTITY) + "; this identity lasts until quit");
@@ -139,25 +130,25 @@ lund_client_list load_clients() {
 }
 
 bool save_clients(const lund_client_list& clients) {
-  const TextBuffer text;
-  const std::size_t size = lund_client_list_save(&clients, text.bytes.get(), LUND_LIST_TEXT_MAX);
-  if (size != 0 && write_private(CLIENTS, text.bytes.get(), size)) return true;
+  std::string text(LUND_LIST_TEXT_MAX, '\0');
+  const std::size_t size = lund_client_list_save(&clients, text.data(), text.size());
+  if (size != 0 && write_private(CLIENTS, text.data(), size)) return true;
   not_saved("could not save the paired devices list");
   return false;
 }
 
 std::string load_password_blob() {
   Secret blob;
-  const Read result = read_protected(PASSWORD, &blob.text);
+  const Read result = read_protected(PASSWORD, &blob.value);
   if (result == Read::Failed) {
     unusable("machine pairing password unreadable",
              "pairing_password is unreadable: password pairing is off");
   }
   if (result != Read::Ok) return {};
-  if (is_machine() && !is_whole_password_blob(blob.text)) {
+  if (is_machine() && !is_whole_password_blob(blob.value)) {
     fatal("machine pairing password malformed");
   }
-  return blob.text;
+  return blob.value;
 }
 
 bool save_password_blob(const std::string& blob) {
@@ -180,14 +171,14 @@ void delete_password_blob() {
 lund_relay_config load_relays() {
   lund_relay_config relays;
   Secret text;
-  const Read result = read_protected(RELAYS, &text.text);
+  const Read result = read_protected(RELAYS, &text.value);
   if (result == Read::Failed) {
     unusable("machine relays unreadable",
              "relays is unreadable (another user's or damaged): no relay servers");
     return relays;
   }
   const int stored_state = result == Read::Ok ? 1 : 0;
-  if (lund_relay_config_load_stored(&relays, text.text.data(), text.text.size(), stored_state) !=
+  if (lund_relay_config_load_stored(&relays, text.value.data(), text.value.size(), stored_state) !=
           0 &&
       result == Read::Ok) {
     unusable("machine relays malformed", "relays is malformed: no relay servers");
@@ -197,11 +188,9 @@ lund_relay_config load_relays() {
 }
 
 bool save_relays(const lund_relay_config& relays) {
-  TextBuffer buffer;
-  const std::size_t size = lund_relay_config_save(&relays, buffer.bytes.get(), LUND_LIST_TEXT_MAX);
-  Secret text;
-  text.text.assign(buffer.bytes.get(), size);
-  if (size != 0 && write_protected(RELAYS, text.text)) return true;
+  Secret text(std::string(LUND_LIST_TEXT_MAX, '\0'));
+  text.value.resize(lund_relay_config_save(&relays, text.value.data(), text.value.size()));
+  if (!text.value.empty() && write_protected(RELAYS, text.value)) return true;
   not_saved("could not save the relay server list");
   return false;
 }

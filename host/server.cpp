@@ -4,6 +4,7 @@
 #include <exception>
 
 #include "connection/clock.h"
+#include "connection/wiped.h"
 #include "control/keystore.h"
 #include "control/log.h"
 #include "control/sysinfo.h"
@@ -77,7 +78,9 @@ bool HostServer::start(std::string* error) {
 bool HostServer::open(std::string* error) {
   // The port comes first: nothing else may exist beside another host on it.
   if (!socket_.open(options_.port, error)) return false;
-  if (!create_engine()) {
+  const bool created = create_engine();
+  lund_wipe_stack();  // it has loaded all that the store holds
+  if (!created) {
     if (error) *error = "the connection layer could not start";
     socket_.close();
     return false;
@@ -99,19 +102,16 @@ bool HostServer::create_engine() {
   config.send = conn_send_cb;
   config.log = conn_log_cb;
   const lund_client_list clients = keystore::load_clients();
-  std::string password_blob = keystore::load_password_blob();
+  const Wiped password_blob(keystore::load_password_blob());
 
   key_code_ = code_of(config.identity.public_key);
   std::copy_n(config.identity.public_key, LUND_KEY_SIZE, public_key_);
 
-  host_ = lund_host_create(&config, &clients, password_blob.c_str());
+  host_ = lund_host_create(&config, &clients, password_blob.value.c_str());
   if (host_ && lund_cpu::close_initial_pairing(options_.machine_mode))
     lund_host_pairing_close(host_);
   if (host_) resolver_ = lund_resolver_start_host(host_, &config.relays);
   const int relay_count = config.relays.count;
-  lund_secure_wipe(password_blob.data(), password_blob.size());
-  lund_secure_wipe(&config.identity, sizeof config.identity);
-  lund_secure_wipe(&config.relays, sizeof config.relays);
   if (!host_) return false;
 
   lan_count_ = config.lan_count;

@@ -3,7 +3,7 @@
 #include <exception>
 
 #include "connection/lists.h"
-#include "connection/secure.h"
+#include "connection/wiped.h"
 #include "control/keystore.h"
 #include "control/settings.h"
 #include "host/server.h"
@@ -52,32 +52,26 @@ std::string defaults_line(const HostOptions& options) {
   return line + '\n';
 }
 
-// ---- The verbs. Each writes into the one result there is: a PIN that was moved from one string
-// into another would stay behind in the first.
+// ---- The verbs
 
 void show_status(HostServer& server, Result* result) {
   StatusView view{server.key_code(),      server.status(), server.options(), false, false, false,
                   server.paired_devices()};
-  lund_pairing_status pairing = server.pairing_status();
+  const lund_pairing_status pairing = server.pairing_status();
   view.pairing_open = pairing.open != 0;
   view.has_password = pairing.has_password != 0;
   view.password_locked = pairing.password_locked != 0;
-  lund_secure_wipe(&pairing, sizeof pairing);
   result->text = status_text(view);
 }
 
 void open_pairing(HostServer& server, const Request& request, Result* result) {
   server.pairing_open(host_service::read_u32(request.payload.data()));
-  lund_pairing_status pairing = server.pairing_status();
-  result->text = pairing.pin;
-  lund_secure_wipe(&pairing, sizeof pairing);
+  result->text = server.pairing_status().pin;
 }
 
 void set_password(HostServer& server, const Request& request, Result* result) {
-  std::string password(request.payload.begin(), request.payload.end());
-  const bool taken = server.set_password(password);
-  lund_secure_wipe(password.data(), password.size());
-  if (!taken) *result = {Status::Failed, "password operation failed"};
+  const Wiped password(std::string(request.payload.begin(), request.payload.end()));
+  if (!server.set_password(password.value)) *result = {Status::Failed, "password operation failed"};
 }
 
 void remove_device(HostServer& server, const Request& request, Result* result) {
@@ -91,7 +85,6 @@ void set_relays(const Request& request, Result* result) {
       lund_relay_config_load(&relays, reinterpret_cast<const char*>(request.payload.data()),
                              request.payload.size()) == 0;
   const bool saved = parsed && keystore::save_relays(relays);
-  lund_secure_wipe(&relays, sizeof relays);
   if (!parsed)
     *result = {Status::Invalid, "invalid relay configuration"};
   else if (!saved)
@@ -138,11 +131,6 @@ void carry_out(HostServer& server, const Request& request, bool* stop, Result* r
 
 }  // namespace
 
-void Result::wipe() {
-  lund_secure_wipe(text.data(), text.size());
-  text.clear();
-}
-
 Result execute(HostServer& server, const Request& request, bool* stop) {
   Result result;
   if (end_if_unhealthy(stop, &result)) return result;
@@ -151,7 +139,7 @@ Result execute(HostServer& server, const Request& request, bool* stop) {
     end_if_unhealthy(stop, &result);
   } catch (...) {
     *stop = true;
-    result.wipe();
+    wipe_owned(result.text);
     result = {Status::Persistence, "machine state invalid"};
   }
   return result;
@@ -160,7 +148,7 @@ Result execute(HostServer& server, const Request& request, bool* stop) {
 bool end_if_unhealthy(bool* stop, Result* result) {
   if (keystore::hostStoreHealthy(nullptr)) return false;
   *stop = true;
-  result->wipe();
+  wipe_owned(result->text);
   *result = {Status::Persistence, "machine persistence failure"};
   return true;
 }

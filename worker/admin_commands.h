@@ -5,6 +5,7 @@
 #include <string>
 #include <vector>
 
+#include "connection/wiped.h"
 #include "control/ipc_protocol.h"
 #include "control/options.h"
 #include "host/status.h"
@@ -15,9 +16,8 @@ namespace host_app {
 
 struct Result {
   host_service::Status status = host_service::Status::Ok;
-  std::string text = "completed";  // to PairingOpen the PIN: whoever holds a result wipes it
-
-  void wipe();
+  std::string text = "completed";  // to PairingOpen the PIN: wiped with the result
+  ~Result() { wipe_owned(text); }
 };
 
 // `request` is a valid one. `*stop` becomes true when the worker is to end after the answer: on

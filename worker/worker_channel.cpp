@@ -4,22 +4,13 @@
 #include <utility>
 #include <vector>
 
-#include "connection/secure.h"
+#include "connection/wiped.h"
 #include "worker/admin_commands.h"
 
 namespace host_app {
 
 using namespace host_service;
 using Bytes = std::vector<unsigned char>;
-
-namespace {
-
-// A password has passed through, or a PIN.
-void wipe(Bytes* bytes) {
-  lund_secure_wipe(bytes->data(), bytes->size());
-}
-
-}  // namespace
 
 WorkerChannel::WorkerChannel(Pipe commands, Pipe events, WakeEvent& stop_event,
                              std::uint32_t supervisor)
@@ -58,15 +49,13 @@ bool WorkerChannel::end() {
 
 bool WorkerChannel::command_step(HostServer& server) {
   if (stop_event_.wait(0)) return false;
-  Bytes frame;
-  if (!read_frame(commands_, &frame, &stop_event_, PIPE_LIMIT_MS))
+  Wiped<Bytes> frame;
+  if (!read_frame(commands_, &frame.value, &stop_event_, PIPE_LIMIT_MS))
     return supervisor_still_there() || end();  // it may just have had nothing to say
   Request request;
   const bool go_on = pipe_server(commands_, supervisor_) &&
-                     decode_request(frame.data(), frame.size(), &request) &&
+                     decode_request(frame.value.data(), frame.value.size(), &request) &&
                      answer(server, request);
-  wipe(&request.payload);
-  wipe(&frame);
   return go_on || end();
 }
 
@@ -80,11 +69,8 @@ bool WorkerChannel::answer(HostServer& server, const Request& request) {
   bool stop = false;
   Result result = execute(server, request, &stop);
   end_if_unhealthy(&stop, &result);
-  Bytes response = encode_response(request.verb, result.status, result.text);
-  result.wipe();
-  const bool written = write_frame(commands_, response, &stop_event_, PIPE_LIMIT_MS);
-  wipe(&response);
-  return written && !stop;
+  const Wiped response(encode_response(request.verb, result.status, result.text));
+  return write_frame(commands_, response.value, &stop_event_, PIPE_LIMIT_MS) && !stop;
 }
 
 // ---- Events

@@ -11,12 +11,8 @@ int fail(ExitStatus status, const std::string& text) {
   return status;
 }
 
-ClientConfig::~ClientConfig() {
-  lund_secure_wipe(static_cast<lund_client_config*>(this), sizeof(lund_client_config));
-}
-
 void configure(const Arguments& args, const ClientStore& store, const lund_relay_config& given,
-               const std::string& own_name, ClientConfig* config) {
+               const std::string& own_name, lund_client_config* config) {
   config->identity = store.identity();
   config->name = own_name.c_str();
   config->path_mode = args.path_mode;

@@ -79,16 +79,9 @@ int run_pair(const Arguments& args);
 int run_connect(const Arguments& args);
 int run_view(const Arguments& args);
 
-// A configuration that is wiped with its scope, for the identity and the relays' keys in it.
-struct ClientConfig : lund_client_config {
-  ClientConfig() = default;
-  ~ClientConfig();
-  ClientConfig(const ClientConfig&) = delete;
-  ClientConfig& operator=(const ClientConfig&) = delete;
-};
 // What pairing and connecting have in common. `own_name` outlives the configuration.
 void configure(const Arguments& args, const ClientStore& store, const lund_relay_config& given,
-               const std::string& own_name, ClientConfig* config);
+               const std::string& own_name, lund_client_config* config);
 
 // Says on standard error what is wrong, and gives the status back.
 int fail(ExitStatus status, const std::string& text);

@@ -98,7 +98,7 @@ int run_pair(const Arguments& args) {
                                                                    : "";
   const lund_host_entry* known = store.find(args.host);
   const std::string own_name = computer_name_utf8();
-  ClientConfig config;
+  lund_client_config config;
   configure(args, store, given.config, own_name, &config);
   config.host_code = code.c_str();
   HostLink link;

@@ -18,15 +18,21 @@ ExitStatus HostAccess::open(const Arguments& args, std::string* error) {
   }
   host_ = *known;
   if (!given_relays(args.relays, args.relay_file, &given_.config, error)) return EXIT_USAGE;
-  own_name_ = computer_name_utf8();
-  configure(args, store_, given_.config, own_name_, &config_);
-  config_.has_host_key = 1;
-  std::copy(std::begin(host_.key), std::end(host_.key), config_.host_key);
-  if (!link_.open(config_, error)) return EXIT_LOCAL;
+  if (!open_link(args, error)) return EXIT_LOCAL;
+  lund_wipe_stack();  // the store and the engine hold what they need
   add_candidates(link_, parse_host(args.host), &host_);
   link_.look_for(wanted_for_connecting(host_, args.path_mode));
   link_.set_drop(args.drop_percent, args.seed);
   return EXIT_OK;
+}
+
+bool HostAccess::open_link(const Arguments& args, std::string* error) {
+  const std::string own_name = computer_name_utf8();
+  lund_client_config config;
+  configure(args, store_, given_.config, own_name, &config);
+  config.has_host_key = 1;
+  std::copy(std::begin(host_.key), std::end(host_.key), config.host_key);
+  return link_.open(config, error);
 }
 
 bool HostAccess::remember(const HostSession& session, std::string* error, std::FILE* talk) {

@@ -25,11 +25,11 @@ class HostAccess {
   bool remember(const HostSession& session, std::string* error, std::FILE* talk = stdout);
 
  private:
+  bool open_link(const Arguments& args, std::string* error);
+
   ClientStore store_;
   lund_host_entry host_;
   RelayList given_;
-  std::string own_name_;
-  ClientConfig config_;
   HostLink link_;
 };
 

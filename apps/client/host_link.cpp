@@ -45,7 +45,6 @@ bool HostLink::open(const lund_client_config& wanted, std::string* error) {
   config.log = log_callback;
   config.user = &socket_;
   engine_ = lund_client_create(&config);
-  lund_secure_wipe(&config, sizeof config);
   if (!engine_) {
     *error = "the connection layer could not start";
     return false;

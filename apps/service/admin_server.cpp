@@ -2,7 +2,7 @@
 
 #include <utility>
 
-#include "apps/service/wiped.h"
+#include "connection/wiped.h"
 
 using namespace host_service;
 
@@ -50,21 +50,22 @@ void AdminServer::serve(Pipe& pipe) {
          ", which is not an administrator's");
     return;
   }
-  WipedBytes<std::vector<unsigned char>> frame;
+  if (exchange(pipe)) wait_client_close(pipe, nullptr, CLOSE_LIMIT_MS);
+}
+
+// When the answer has gone; by then nothing of it is left here.
+bool AdminServer::exchange(Pipe& pipe) {
+  Wiped<std::vector<unsigned char>> frame;
   Request request;
   const bool understood = read_frame(pipe, &frame.value, &closing_, REQUEST_LIMIT_MS) &&
                           decode_request(frame.value.data(), frame.value.size(), &request);
   if (!understood) {
     if (!closing_.wait(0))
       say_("administration: dropped a request that was incomplete, too slow or malformed");
-    return;
+    return false;
   }
-  Result result = handler_(request);
-  const WipedBytes text(result.text);
-  lund_secure_wipe(result.text.data(), result.text.size());
-  lund_secure_wipe(request.payload.data(), request.payload.size());
-  const WipedBytes answer(encode_response(request.verb, result.status, text.value));
+  const Result result = handler_(request);
+  const Wiped answer(encode_response(request.verb, result.status, result.text));
   // Not ended by `closing_`: it is the end of the service that the answer to Stop announces.
-  if (write_frame(pipe, answer.value, nullptr, ANSWER_LIMIT_MS))
-    wait_client_close(pipe, nullptr, CLOSE_LIMIT_MS);
+  return write_frame(pipe, answer.value, nullptr, ANSWER_LIMIT_MS);
 }

@@ -38,6 +38,7 @@ class AdminServer {
  private:
   void serve_instance(host_service::Pipe pipe);
   void serve(host_service::Pipe& pipe);
+  bool exchange(host_service::Pipe& pipe);
 
   const std::string name_;
   const Handler handler_;

@@ -1,7 +1,5 @@
 #include "apps/service/service_commands.h"
 
-#include "apps/service/wiped.h"
-
 using namespace host_service;
 
 namespace {

@@ -3,8 +3,8 @@
 #include <chrono>
 #include <utility>
 
-#include "apps/service/wiped.h"
 #include "connection/clock.h"
+#include "connection/wiped.h"
 
 using namespace host_service;
 
@@ -130,9 +130,9 @@ bool PipeLink::is_silent() const {
 }
 
 Result PipeLink::exchange(const Request& request) {
-  const WipedBytes frame(encode_request(request));
+  const Wiped frame(encode_request(request));
   if (frame.value.empty()) return {Status::Invalid, "invalid request"};
-  WipedBytes<std::vector<unsigned char>> answer;
+  Wiped<std::vector<unsigned char>> answer;
   Result result;
   if (write_frame(commands_, frame.value, &closing_, times_.frame_ms) &&
       read_frame(commands_, &answer.value, &closing_, times_.answer_ms) &&

@@ -17,7 +17,7 @@
 #include <cerrno>
 #include <optional>
 
-#include "connection/secure.h"
+#include "connection/wiped.h"
 #include "control/private_file.h"
 #include "control/security.h"
 #include "control/store_platform.h"
@@ -37,14 +37,8 @@ constexpr std::size_t SECRET_HEADER_BYTES = SECRET_MAGIC.size() + NONCE_BYTES + 
 constexpr std::size_t MACHINE_ID_DIGITS = 32;
 constexpr std::size_t MACHINE_ID_LIMIT_BYTES = 256;
 
-// Bytes that are wiped with their scope.
-template <std::size_t Size>
-struct Wiped : std::array<std::uint8_t, Size> {
-  Wiped() : std::array<std::uint8_t, Size>{} {}
-  ~Wiped() { lund_secure_wipe(this->data(), Size); }
-};
-using Key = Wiped<KEY_BYTES>;
-using KeyFile = Wiped<KEY_FILE_BYTES>;
+using Key = Wiped<std::array<std::uint8_t, KEY_BYTES>>;
+using KeyFile = Wiped<std::array<std::uint8_t, KEY_FILE_BYTES>>;
 
 enum class Creation { No, Yes };
 
@@ -78,24 +72,24 @@ bool is_place_for_key(keystore::HostStoreScope scope, const std::filesystem::pat
 enum class KeyState { Ok, Missing, Unreadable, Damaged };
 
 KeyState read_key_file(const std::filesystem::path& path, KeyFile* key_file) {
-  std::string bytes;
-  const Read result = read_private_file(path, KEY_FILE_LIMIT_BYTES, &bytes);
+  Wiped<std::string> file;
+  const std::string& bytes = file.value;
+  const Read result = read_private_file(path, KEY_FILE_LIMIT_BYTES, &file.value);
   if (result == Read::Missing) return KeyState::Missing;
   if (result == Read::Failed) return KeyState::Unreadable;
   const bool whole = bytes.size() == KEY_FILE_BYTES && bytes.starts_with(KEY_MAGIC) &&
                      static_cast<std::uint8_t>(bytes[KEY_MAGIC.size()]) <= 1;
-  if (whole) std::ranges::copy(bytes, key_file->begin());
-  lund_secure_wipe(bytes.data(), bytes.size());
+  if (whole) std::ranges::copy(bytes, key_file->value.begin());
   return whole ? KeyState::Ok : KeyState::Damaged;
 }
 
 // Puts a new key file in place if there is none by then: of several processes one wins.
 bool create_key_file(const std::filesystem::path& path) {
   KeyFile fresh;
-  std::ranges::copy(KEY_MAGIC, fresh.begin());
-  fresh[KEY_MAGIC.size()] = machine_id().empty() ? 0 : 1;
+  std::ranges::copy(KEY_MAGIC, fresh.value.begin());
+  fresh.value[KEY_MAGIC.size()] = machine_id().empty() ? 0 : 1;
   std::array<std::uint8_t, 16> drawn{};
-  if (lund_random_bytes(fresh.data() + KEY_MAGIC.size() + 1, KEY_BYTES) != LUND_OK ||
+  if (lund_random_bytes(fresh.value.data() + KEY_MAGIC.size() + 1, KEY_BYTES) != LUND_OK ||
       lund_random_bytes(drawn.data(), drawn.size()) != LUND_OK) {
     return false;
   }
@@ -103,7 +97,7 @@ bool create_key_file(const std::filesystem::path& path) {
   lund_hex_encode(suffix, drawn.data(), drawn.size());
   std::filesystem::path temporary = path;
   temporary += std::string(".tmp-") + suffix;
-  if (!create_file(temporary, fresh.data(), fresh.size())) return false;
+  if (!create_file(temporary, fresh.value.data(), fresh.value.size())) return false;
   const bool linked = link(temporary.c_str(), path.c_str()) == 0 || errno == EEXIST;
   return remove_file(temporary) && linked;
 }
@@ -127,16 +121,16 @@ bool derive_key(keystore::HostStoreScope scope, const std::filesystem::path& dir
                 Creation creation, Key* key) {
   KeyFile key_file;
   if (!obtain_key_file(scope, directory, creation, &key_file)) return false;
-  const std::uint8_t bound = key_file[KEY_MAGIC.size()];
+  const std::uint8_t bound = key_file.value[KEY_MAGIC.size()];
   const std::string id = bound != 0 ? machine_id() : std::string();
   if (bound != 0 && id.empty()) return false;
   crypto_blake2b_ctx context;
-  crypto_blake2b_keyed_init(&context, key->size(), key_file.data() + KEY_MAGIC.size() + 1,
+  crypto_blake2b_keyed_init(&context, KEY_BYTES, key_file.value.data() + KEY_MAGIC.size() + 1,
                             KEY_BYTES);
   crypto_blake2b_update(&context, bytes_of(KEY_LABEL), KEY_LABEL.size());
   crypto_blake2b_update(&context, &bound, 1);
   crypto_blake2b_update(&context, bytes_of(std::string_view(id)), id.size());
-  crypto_blake2b_final(&context, key->data());
+  crypto_blake2b_final(&context, key->value.data());
   return true;
 }
 
@@ -159,7 +153,7 @@ bool protect(keystore::HostStoreScope scope, const std::filesystem::path& direct
   sealed->append(nonce.begin(), nonce.end());
   sealed->resize(SECRET_HEADER_BYTES + plain.size());
   std::uint8_t* const tag = bytes_of(*sealed) + SECRET_MAGIC.size() + NONCE_BYTES;
-  crypto_aead_lock(tag + LUND_MAC_SIZE, tag, key.data(), nonce.data(),
+  crypto_aead_lock(tag + LUND_MAC_SIZE, tag, key.value.data(), nonce.data(),
                    bytes_of(std::string_view(ad)), ad.size(), bytes_of(plain), plain.size());
   return true;
 }
@@ -176,8 +170,9 @@ bool unprotect(keystore::HostStoreScope scope, const std::filesystem::path& dire
   const std::uint8_t* const nonce = bytes_of(sealed) + SECRET_MAGIC.size();
   const std::uint8_t* const tag = nonce + NONCE_BYTES;
   plain->resize(sealed.size() - SECRET_HEADER_BYTES);
-  if (crypto_aead_unlock(bytes_of(*plain), tag, key.data(), nonce, bytes_of(std::string_view(ad)),
-                         ad.size(), tag + LUND_MAC_SIZE, plain->size()) == 0) {
+  if (crypto_aead_unlock(bytes_of(*plain), tag, key.value.data(), nonce,
+                         bytes_of(std::string_view(ad)), ad.size(), tag + LUND_MAC_SIZE,
+                         plain->size()) == 0) {
     return true;
   }
   plain->clear();

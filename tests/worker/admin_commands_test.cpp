@@ -3,11 +3,13 @@
 
 #include <gmock/gmock.h>
 
+#include <new>
 #include <stdexcept>
 
 #include "control/keystore_internal.h"
 #include "control/settings.h"
 #include "tests/support/host_world.h"
+#include "tests/support/wiped.h"
 
 using host_app::Result;
 using host_app::StatusView;
@@ -300,11 +302,11 @@ TEST_F(AdminCommands, AnExceptionOutOfAVerbEndsTheWorkerInOrder) {
   EXPECT_TRUE(stop_);
 }
 
-TEST(AdminResult, WipingLeavesNoByteOfAPin) {
-  Result result;
-  result.text = "123456";
-  const char* const bytes = result.text.data();
-  result.wipe();
-  EXPECT_EQ(result.text, "");
-  EXPECT_EQ(std::string(bytes, 6), std::string(6, '\0'));
+TEST(AdminResult, LeavesNoByteOfAPin) {
+  alignas(Result) unsigned char place[sizeof(Result)];
+  auto* const result = new (place) Result;
+  result->text = "123456";
+  ASSERT_TRUE(contains(place, bytes_in("123456").first(6)));
+  result->~Result();
+  EXPECT_FALSE(contains(place, bytes_in("23456").first(5)));
 }

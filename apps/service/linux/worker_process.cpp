@@ -107,7 +107,10 @@ std::unique_ptr<WorkerProcess> start_worker(const std::string& program,
                                             std::string* error) {
   std::vector<std::string> words = {program};
   words.insert(words.end(), arguments.begin(), arguments.end());
-  std::vector<std::string> variables = {"PATH=/usr/sbin:/usr/bin:/sbin:/bin", "LANG=C.UTF-8"};
+  // Where a library's function is bound by its first call, the loader saves the vector registers on
+  // the stack, and with them what copying a secret has left there: all are bound at the start.
+  std::vector<std::string> variables = {"PATH=/usr/sbin:/usr/bin:/sbin:/bin", "LANG=C.UTF-8",
+                                        "LD_BIND_NOW=1"};
   for (const auto& [name, value] : environment)
     variables.emplace_back(name).append("=").append(value);
   const FileActions actions;
