@@ -57,7 +57,7 @@ class VddPipeServer {
 
  private:
   void serve() {
-    while (finish([&](OVERLAPPED* wait) { return ConnectNamedPipe(pipe_.get(), wait); })) {
+    while (let_in()) {
       serve_client();
       SetEvent(answered_.get());
       // A read ends when the client goes.
@@ -69,6 +69,13 @@ class VddPipeServer {
       if (!manner_.reads) WaitForSingleObject(stop_.get(), INFINITE);
       DisconnectNamedPipe(pipe_.get());
     }
+  }
+
+  // False at the end.
+  bool let_in() {
+    // ERROR_NO_DATA: a client that has gone already; what it wrote can be read.
+    return finish([&](OVERLAPPED* wait) { return ConnectNamedPipe(pipe_.get(), wait); }) ||
+           GetLastError() == ERROR_NO_DATA;
   }
 
   void serve_client() {
