@@ -1,7 +1,6 @@
 #include "connection/clock.h"
 
 #include "connection/windows/file_time.h"
-
 #include "connection/windows/performance_counter.h"
 
 namespace {

@@ -1,13 +1,7 @@
-#include "control/windows/handles.h"
-// After what handles.h includes.
-#include <algorithm>
-#include <limits>
-
 #include "connection/windows/file_time.h"
 #include "control/log_platform.h"
-#include "control/store_platform.h"
 #include "control/windows/known_folder.h"
-#include "control/windows/security_descriptor.h"
+#include "control/windows/store_attributes.h"
 
 namespace log_platform {
 
@@ -50,15 +44,15 @@ std::filesystem::path user_log_directory() {
 }
 
 Opening open_append(keystore::HostStoreScope scope, const std::filesystem::path& path, File* file) {
-  SecurityDescriptor descriptor;
+  SecurityAttributes attributes;
   if (scope == keystore::Machine) {
-    descriptor = store_file_descriptor(scope);
-    if (!descriptor) return Opening::Unprotected;
+    attributes = store_file_attributes(scope);
+    if (!attributes) return Opening::Unprotected;
   }
-  SECURITY_ATTRIBUTES attributes = security_attributes(descriptor);
-  Handle opened = owned_file(CreateFileW(
-      path.c_str(), FILE_APPEND_DATA, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
-      &attributes, OPEN_ALWAYS, FILE_ATTRIBUTE_NORMAL | FILE_FLAG_OPEN_REPARSE_POINT, nullptr));
+  Handle opened = owned_file(
+      CreateFileW(path.c_str(), FILE_APPEND_DATA,
+                  FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, attributes.get(),
+                  OPEN_ALWAYS, FILE_ATTRIBUTE_NORMAL | FILE_FLAG_OPEN_REPARSE_POINT, nullptr));
   if (!opened || is_link(opened.get())) return Opening::Failed;
   *file = reinterpret_cast<File>(opened.release());
   return Opening::Done;

@@ -1,7 +1,6 @@
 #include "control/store_platform.h"
-#include "control/windows/handles.h"
 #include "control/windows/known_folder.h"
-#include "control/windows/security_descriptor.h"
+#include "control/windows/store_attributes.h"
 
 namespace store_platform {
 
@@ -39,12 +38,11 @@ std::filesystem::path machine_store_directory() {
 // Without a descriptor of the user's own the default has to do, as for files.
 bool make_directory(const std::filesystem::path& directory) {
   if (directory.empty()) return false;
-  const SecurityDescriptor descriptor = user_directory_descriptor();
-  SECURITY_ATTRIBUTES attributes = security_attributes(descriptor);
+  SecurityAttributes attributes = user_directory_attributes();
   std::filesystem::path part = directory.root_path();
   for (const std::filesystem::path& name : directory.relative_path()) {
     part /= name;
-    if (!names_directory(part) && !CreateDirectoryW(part.c_str(), &attributes)) break;
+    if (!names_directory(part) && !CreateDirectoryW(part.c_str(), attributes.get())) break;
   }
   return names_directory(directory);
 }
@@ -70,11 +68,10 @@ Read read_file(const std::filesystem::path& path, std::size_t limit_bytes, std::
 
 bool create_file(const std::filesystem::path& path, const void* data, std::size_t size) {
   const keystore::HostStoreScope scope = keystore::hostStoreScope();
-  const SecurityDescriptor descriptor = store_file_descriptor(scope);
-  if (!descriptor && scope == keystore::Machine) return false;
-  SECURITY_ATTRIBUTES attributes = security_attributes(descriptor);
+  SecurityAttributes attributes = store_file_attributes(scope);
+  if (!attributes && scope == keystore::Machine) return false;
   Handle file =
-      owned_file(CreateFileW(path.c_str(), GENERIC_WRITE, 0, &attributes, CREATE_NEW,
+      owned_file(CreateFileW(path.c_str(), GENERIC_WRITE, 0, attributes.get(), CREATE_NEW,
                              FILE_ATTRIBUTE_NORMAL | FILE_FLAG_OPEN_REPARSE_POINT, nullptr));
   if (!file) return false;
   const bool written = write_whole(file.get(), data, size);
