@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <cstring>
+#include <map>
 #include <string>
 #include <thread>
 #include <vector>
@@ -150,11 +151,12 @@ TEST_F(LinuxStore, LookingAtAStoreWithoutItsKeyMakesNone) {
   keystore::load_or_create_identity(nullptr);
   ASSERT_TRUE(keystore::save_clients({}));
   std::filesystem::remove(store() / "store.key");
-  for (const keystore::StoredFile& stored : keystore::inspect_store()) {
-    if (stored.name == "identity") EXPECT_EQ(stored.state, keystore::StoredFile::State::Unreadable);
-    if (stored.name == "authorized_clients")
-      EXPECT_EQ(stored.state, keystore::StoredFile::State::Whole);
-  }
+  using State = keystore::StoredFile::State;
+  std::map<std::string, State> states;
+  for (const keystore::StoredFile& stored : keystore::inspect_store())
+    states[stored.name] = stored.state;
+  EXPECT_EQ(states["identity"], State::Unreadable);
+  EXPECT_EQ(states["authorized_clients"], State::Whole);
   EXPECT_FALSE(std::filesystem::exists(store() / "store.key"));
 }
 
