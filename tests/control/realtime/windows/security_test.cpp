@@ -26,6 +26,13 @@ bool passes(PathTest test, const std::wstring& sddl) {
   return trusted(attributes.descriptor(), test);
 }
 
+PACL list_of(PSECURITY_DESCRIPTOR descriptor) {
+  BOOL present = FALSE, defaulted = FALSE;
+  PACL list = nullptr;
+  EXPECT_TRUE(GetSecurityDescriptorDacl(descriptor, &present, &list, &defaulted));
+  return list;
+}
+
 TEST(PathTrust, PrivateIsTheSystemsAndAdministratorsAlone) {
   EXPECT_TRUE(passes(PathTest::Private, L"O:BAG:BAD:P(A;OICI;FA;;;SY)(A;OICI;FA;;;BA)"));
   EXPECT_TRUE(passes(PathTest::Private, L"O:SYG:SYD:P(A;;FA;;;SY)"));
@@ -43,9 +50,15 @@ TEST(PathTrust, PrivateInheritsNothingHoweverRightItIs) {
 TEST(PathTrust, ADenialHarmsNobodyAndWhatElseAListMayHoldIsRefused) {
   EXPECT_TRUE(passes(PathTest::Private, L"O:BAD:P(D;;FA;;;WD)(A;;FA;;;SY)"));
   EXPECT_TRUE(passes(PathTest::Protected, L"O:BAD:(D;;FA;;;WD)(A;;FA;;;SY)"));
-  const std::wstring of_an_object = L"(OA;;FR;00000000-0000-0000-0000-000000000001;;SY)";
-  for (const PathTest test : ALL_TESTS)
-    EXPECT_FALSE(passes(test, L"O:BAD:P(A;;FA;;;SY)" + of_an_object));
+  // The system's own, by its kind: of an object, a callback's, an audit's, a compound one.
+  for (const int kind : {ACCESS_ALLOWED_OBJECT_ACE_TYPE, ACCESS_ALLOWED_CALLBACK_ACE_TYPE,
+                          SYSTEM_AUDIT_ACE_TYPE, ACCESS_ALLOWED_COMPOUND_ACE_TYPE}) {
+    const SecurityAttributes attributes(L"O:BAD:P(A;;FA;;;SY)");
+    void* entry = nullptr;
+    ASSERT_TRUE(GetAce(list_of(attributes.descriptor()), 0, &entry));
+    static_cast<ACE_HEADER*>(entry)->AceType = static_cast<BYTE>(kind);
+    for (const PathTest test : ALL_TESTS) EXPECT_FALSE(trusted(attributes.descriptor(), test));
+  }
 }
 
 TEST(PathTrust, OnlyTheSystemsAdministratorsAndOutsidePrivateTheInstallersOwnPass) {
@@ -62,9 +75,17 @@ TEST(PathTrust, WithoutAnOwnerOrAListNothingPasses) {
   for (const PathTest test : ALL_TESTS) {
     EXPECT_FALSE(passes(test, L"D:P(A;;FA;;;SY)"));
     EXPECT_FALSE(passes(test, L"O:SY"));
-    EXPECT_FALSE(passes(test, L"O:SYD:NO_ACCESS_CONTROL"));
     SECURITY_DESCRIPTOR empty{};
-    InitializeSecurityDescriptor(&empty, SECURITY_DESCRIPTOR_REVISION);
+    ASSERT_TRUE(InitializeSecurityDescriptor(&empty, SECURITY_DESCRIPTOR_REVISION));
+    EXPECT_FALSE(trusted(&empty, test));
+    // A list that is there and null: everybody has access.
+    const SecurityAttributes systems(L"O:SYD:P(A;;FA;;;SY)");
+    PSID owner = nullptr;
+    BOOL defaulted = FALSE;
+    ASSERT_TRUE(GetSecurityDescriptorOwner(systems.descriptor(), &owner, &defaulted));
+    ASSERT_TRUE(SetSecurityDescriptorOwner(&empty, owner, FALSE));
+    ASSERT_TRUE(SetSecurityDescriptorDacl(&empty, TRUE, nullptr, FALSE));
+    ASSERT_TRUE(SetSecurityDescriptorControl(&empty, SE_DACL_PROTECTED, SE_DACL_PROTECTED));
     EXPECT_FALSE(trusted(&empty, test));
   }
 }
