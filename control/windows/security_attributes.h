@@ -10,6 +10,7 @@
 
 class SecurityAttributes {
  public:
+  SecurityAttributes() = default;  // false: what is made with it has the system's default
   explicit SecurityAttributes(const std::wstring& sddl) {
     if (!ConvertStringSecurityDescriptorToSecurityDescriptorW(sddl.c_str(), SDDL_REVISION_1,
                                                               descriptor_.receive(), nullptr))
