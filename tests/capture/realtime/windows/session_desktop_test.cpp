@@ -46,7 +46,7 @@ TEST(SessionDesktop, LeavingReturnsTheThreadAndGivesTheDesktopBack) {
   EXPECT_EQ(name_of(held), "") << "still open";
 }
 
-// Wine lets a program choose the desktop that has the input since its version 9.
+// Switching works under Wine 10, not under Wine 8.
 class SwitchedDesktop : public testing::Test {
  protected:
   void SetUp() override {
