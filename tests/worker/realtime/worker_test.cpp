@@ -156,15 +156,16 @@ class WorkerLife : public testing::Test {
     service_.emplace(pipes_ / last_part(arguments()[3]));
     ASSERT_TRUE(service_->serves());
   }
-  // Runs it on a thread, with a service there.
-  void launch() {
+  // With pipes to open, though it ends before it says or hears anything.
+  ExitCode run_served() {
+    serve();
+    return run();
+  }
+  // On a thread, with a service there, until it runs.
+  void start() {
     serve();
     ended_ = std::async(std::launch::async, [this] { return run(); });
     ASSERT_TRUE(service_->meet());
-  }
-  // The same, once it runs.
-  void start() {
-    launch();
     ASSERT_TRUE(service_->wait_heartbeats(1));
   }
   ExitCode end() {
@@ -350,8 +351,7 @@ TEST_F(WorkerRun, AStoreThatIsNotPrivateEndsItWith5AndWithoutALog) {
   ASSERT_EQ(store_->configure(), "");
   std::filesystem::permissions(store_->path(), std::filesystem::perms(0755));
   store_->restart();
-  launch();
-  EXPECT_EQ(end(), ExitCode::Failed);
+  EXPECT_EQ(run_served(), ExitCode::Failed);
   EXPECT_THAT(book_.all(), ElementsAreArray(calls_around({"asleep"})));
   EXPECT_FALSE(std::filesystem::exists(*store_ / "host.log"));
 }
@@ -360,8 +360,7 @@ TEST_F(WorkerRun, ADamagedIdentityEndsItWith5AndIsKept) {
   ASSERT_EQ(store_->configure(), "");
   write_private_text(*store_ / "identity", "damaged");
   store_->restart();
-  launch();
-  EXPECT_EQ(end(), ExitCode::Failed);
+  EXPECT_EQ(run_served(), ExitCode::Failed);
   EXPECT_EQ(file_content(*store_ / "identity"), "damaged");
 }
 
@@ -369,8 +368,7 @@ TEST_F(WorkerRun, MalformedSettingsEndItWith5) {
   ASSERT_EQ(store_->configure(), "");
   write_private_text(*store_ / "settings", "0123456789abcdef");
   store_->restart();
-  launch();
-  EXPECT_EQ(end(), ExitCode::Failed);
+  EXPECT_EQ(run_served(), ExitCode::Failed);
   EXPECT_THAT(book_.all(), ElementsAreArray(calls_around({"asleep"})));
 }
 
@@ -379,16 +377,14 @@ TEST_F(WorkerRun, ALogThatCannotBeOpenedEndsItWith5) {
   std::filesystem::create_directory(*store_ / "host.log");
   std::filesystem::permissions(*store_ / "host.log", std::filesystem::perms::owner_all);
   store_->restart();
-  launch();
-  EXPECT_EQ(end(), ExitCode::Failed);
+  EXPECT_EQ(run_served(), ExitCode::Failed);
   EXPECT_EQ(store_failure(), "machine log open failed");
   EXPECT_THAT(book_.all(), ElementsAreArray(calls_around({"asleep"})));
 }
 
 TEST_F(WorkerRun, ADisplayListThatThrowsEndsItWith5AndALine) {
   record_.list_displays = []() -> std::vector<DisplayInfo> { throw std::runtime_error("trouble"); };
-  launch();
-  EXPECT_EQ(end(), ExitCode::Failed);
+  EXPECT_EQ(run_served(), ExitCode::Failed);
   EXPECT_THAT(log(), HasSubstr(STOPPED));
   EXPECT_THAT(log(), Not(HasSubstr("trouble")));
 }
@@ -397,8 +393,7 @@ TEST_F(WorkerRun, AHostThatCannotBeMadeEndsItWith5AndNothingToShutDown) {
   ASSERT_EQ(store_->configure(), "");
   write_private_text(*store_ / "host_id", "no number");
   store_->restart();
-  launch();
-  EXPECT_EQ(end(), ExitCode::Failed);
+  EXPECT_EQ(run_served(), ExitCode::Failed);
   EXPECT_THAT(book_.all(), ElementsAreArray(calls_around({"list displays", "asleep"})));
   EXPECT_THAT(log(), HasSubstr(STOPPED));
 }
@@ -406,8 +401,7 @@ TEST_F(WorkerRun, AHostThatCannotBeMadeEndsItWith5AndNothingToShutDown) {
 TEST_F(WorkerRun, ABusyPortEndsItWith5AndTheHostThatExistsIsShutDown) {
   const lund_socket taken = lund_udp_open(4, nullptr, PORT);
   ASSERT_NE(taken, LUND_NO_SOCKET);
-  launch();
-  EXPECT_EQ(end(), ExitCode::Failed);
+  EXPECT_EQ(run_served(), ExitCode::Failed);
   EXPECT_THAT(book_.all(),
               ElementsAreArray(calls_around({"list displays", "asleep", "host shuts down"})));
   EXPECT_EQ(service_->heartbeats(), 0);
