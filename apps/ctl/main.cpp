@@ -7,6 +7,7 @@
 #include "apps/ctl/commands.h"
 #include "apps/ctl/settings_text.h"
 #include "apps/ctl/words.h"
+#include "apps/terminal/utf8_console.h"
 #include "apps/version.h"
 #include "control/host_commands.h"
 
@@ -182,6 +183,7 @@ int run_program(int argc, char** argv) {
 }  // namespace
 
 int main(int argc, char** argv) {
+  const Utf8Console console;
   try {
     return run_program(argc, argv);
   } catch (const std::exception& error) {  // out of memory

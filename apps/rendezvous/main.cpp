@@ -10,6 +10,7 @@
 #include "apps/rendezvous/serve.h"
 #include "apps/rendezvous/server.h"
 #include "apps/terminal/requests.h"
+#include "apps/terminal/utf8_console.h"
 #include "apps/version.h"
 #include "connection/clock.h"
 #include "connection/netsock.h"
@@ -173,6 +174,7 @@ int run_program(int argc, char** argv) {
 }  // namespace
 
 int main(int argc, char** argv) {
+  const Utf8Console console;
   try {
     return run_program(argc, argv);
   } catch (const std::exception& error) {
