@@ -70,6 +70,8 @@ if(WIN32)
   foreach(name avcodec swscale avutil)
     target_link_libraries(ffmpeg INTERFACE ${LUND_PREFIX}/lib/lib${name}.dll.a)
   endforeach()
+  file(GLOB libraries ${LUND_PREFIX}/bin/*.dll)
+  file(COPY ${libraries} DESTINATION ${CMAKE_RUNTIME_OUTPUT_DIRECTORY})  # where a program looks
   list(APPEND CMAKE_PREFIX_PATH ${LUND_PREFIX})
   # Headers that are the same for every platform are taken of this machine's, and no others of them.
   file(MAKE_DIRECTORY ${CMAKE_BINARY_DIR}/headers)
