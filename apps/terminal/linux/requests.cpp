@@ -10,6 +10,8 @@ const char* const REPORT_REQUEST = "SIGUSR1";
 
 void watch_requests(const Requests& requests) {
   g_requests = requests;
-  for (const int number : {SIGINT, SIGTERM}) std::signal(number, [](int) { g_requests.end(); });
+  const auto end = [](int) { g_requests.end(); };
+  std::signal(SIGINT, end);
+  std::signal(SIGTERM, end);
   if (requests.report != nullptr) std::signal(SIGUSR1, [](int) { g_requests.report(); });
 }
