@@ -35,6 +35,7 @@ struct DisplayInfo {
   std::int32_t rotation = 1;    // 1: identity
   bool primary = false;
   bool is_virtual = false;  // a monitor of the virtual display driver
+  bool operator==(const DisplayInfo&) const = default;
 };
 
 struct MonitorEntry {

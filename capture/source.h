@@ -77,6 +77,9 @@ class CaptureSource {
   virtual bool subscribed() const { return true; }
   virtual void unsubscribe() {}
 
+  // Polled sources: where the display lies now; its size is as it was.
+  virtual void follow(const DisplayInfo& display) { (void)display; }
+
   // Waits for something new, at most `wait_ms`; a source that can ends the wait when `wake` is set.
   // A polled source takes a picture at once, and every source's first acquire delivers the screen
   // as it stands. After Picture and PointerOnly, release is due before the next.

@@ -85,6 +85,7 @@ bool CaptureLoop::geometry_valid() {
     return false;
   }
   settings_.display = found;
+  if (source_) source_->follow(found);
   return true;
 }
 

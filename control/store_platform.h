@@ -30,9 +30,10 @@ bool replace_file(const std::filesystem::path& from, const std::filesystem::path
 
 bool remove_file(const std::filesystem::path& path);  // true when it is gone
 
-// Encrypts for this computer and, in the user scope, this user. What was protected under one
-// purpose isn't accepted under another. What a key lies in that is damaged makes way for a new one
-// in the user scope; in the machine scope it is a failure, now and at the next start.
+// Encrypts for this computer and, in the user scope, this user. Where the key is the store's own
+// (Linux), what was protected under one purpose isn't accepted under another, and what the key lies
+// in makes way for a new one when it is damaged, in the user scope; in the machine scope that is a
+// failure, now and at the next start.
 bool protect(keystore::HostStoreScope scope, const std::filesystem::path& directory,
              std::string_view purpose, std::string_view plain, std::string* sealed);
 bool unprotect(keystore::HostStoreScope scope, const std::filesystem::path& directory,

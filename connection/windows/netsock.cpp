@@ -5,18 +5,17 @@
 #include <ws2tcpip.h>
 // clang-format off
 #include <mswsock.h>
-#include <iphlpapi.h>
 // clang-format on
 
 #include <vector>
 
 #include "connection/netsock_internal.h"
+#include "connection/windows/adapter_list.h"
 
 namespace {
 
 constexpr int SOCKET_BUFFER_BYTES = 0x400000;
 constexpr ULONG ADAPTERS_FIRST_BYTES = 15'000;  // what the system's documentation recommends
-constexpr int ADAPTERS_TRIES = 3;
 
 SOCKET handle_of(lund_socket socket) {
   return static_cast<SOCKET>(socket);
@@ -60,21 +59,6 @@ bool local_name(lund_socket socket, sockaddr_storage* name) {
   return getsockname(handle_of(socket), reinterpret_cast<sockaddr*>(name), &size) == 0;
 }
 
-// The system's adapter list in `buffer`; null when it can't be had.
-const IP_ADAPTER_ADDRESSES* read_adapters(std::vector<std::max_align_t>& buffer) {
-  constexpr ULONG FLAGS =
-      GAA_FLAG_SKIP_ANYCAST | GAA_FLAG_SKIP_MULTICAST | GAA_FLAG_SKIP_DNS_SERVER;
-  ULONG bytes = ADAPTERS_FIRST_BYTES;
-  for (int i = 0; i < ADAPTERS_TRIES; ++i) {
-    buffer.resize(bytes / sizeof(std::max_align_t) + 1);
-    auto* adapters = reinterpret_cast<IP_ADAPTER_ADDRESSES*>(buffer.data());
-    const ULONG result = GetAdaptersAddresses(AF_INET, FLAGS, nullptr, adapters, &bytes);
-    if (result == ERROR_SUCCESS) return adapters;
-    if (result != ERROR_BUFFER_OVERFLOW) break;
-  }
-  return nullptr;
-}
-
 }  // namespace
 
 int lund_net_init() {
@@ -88,7 +72,8 @@ int lund_net_init() {
 int lund_net_local_endpoints(lund_rv_endpoint* out, int max, std::uint16_t port) {
   std::vector<std::max_align_t> buffer;
   LocalEndpoints endpoints(port);
-  for (const auto* adapter = read_adapters(buffer); adapter != nullptr; adapter = adapter->Next) {
+  for (const auto* adapter = read_adapters(buffer, ADAPTERS_FIRST_BYTES); adapter != nullptr;
+       adapter = adapter->Next) {
     const bool up = adapter->OperStatus == IfOperStatusUp;
     if (!up || adapter->IfType == IF_TYPE_SOFTWARE_LOOPBACK) continue;
     for (const auto* one = adapter->FirstUnicastAddress; one != nullptr; one = one->Next) {

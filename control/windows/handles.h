@@ -59,6 +59,8 @@ using WindowHandle = Owned<NullableKind<HWND, DestroyWindow>>;
 using DesktopHandle = Owned<NullableKind<HDESK, CloseDesktop>>;
 using MemoryContext = Owned<NullableKind<HDC, DeleteDC>>;
 using BitmapHandle = Owned<NullableKind<HBITMAP, DeleteObject>>;
+// The screen's, and no window's.
+using ScreenContext = Owned<NullableKind<HDC, [](HDC context) { ReleaseDC(nullptr, context); }>>;
 using GlobalBlock = Owned<NullableKind<HGLOBAL, GlobalFree>>;
 // Memory that an interface gave out: by LocalAlloc (security descriptors, texts of errors), by the
 // COM allocator (formats, identifiers, paths).

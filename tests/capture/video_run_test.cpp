@@ -218,6 +218,20 @@ TEST_F(VideoRun, PolledDisplayThatChangedItsSizeIsFatal) {
             std::vector<std::string>{"display geometry changed; a fresh session is required"});
 }
 
+TEST_F(VideoRun, PolledDisplayThatMovedIsFollowedBeforeItsNextPicture) {
+  make(nullptr, MEMORY_POLLED);
+  ASSERT_TRUE(begin());
+  world_.display.left = 100;
+  world_.display.right = 1380;
+  world_.display.top = -50;
+  world_.display.bottom = 670;
+  DesktopPoint at_acquire;
+  world_.on_acquire = [&] { at_acquire = world_.followed_to; };
+  EXPECT_TRUE(pass());
+  EXPECT_EQ(at_acquire, (DesktopPoint{100, -50}));
+  EXPECT_TRUE(fatal().empty());
+}
+
 TEST_F(VideoRun, UnreachableDesktopIsTriedAgainAfter200Ms) {
   make_linux_like();
   begin_settled();

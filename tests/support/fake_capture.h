@@ -87,6 +87,7 @@ struct World {
   int forgotten_surfaces = 0;
   int live_sources = 0;
   std::vector<std::uint32_t> waits_ms;
+  DesktopPoint followed_to;  // the display's corner, as its source was last told
   std::vector<EncoderSettings> encoder_opened;
   std::vector<bool> encoder_had_device;
   std::vector<bool> forced;  // one an encode
@@ -126,6 +127,9 @@ class FakeSource final : public CaptureSource {
   }
   bool subscribed() const override { return subscribed_; }
   void unsubscribe() override { subscribed_ = false; }
+  void follow(const DisplayInfo& display) override {
+    world_.followed_to = {display.left, display.top};
+  }
 
   AcquireResult acquire(std::uint32_t wait_ms, WakeEvent&, AcquiredPicture* out) override {
     if (world_.on_acquire) world_.on_acquire();

@@ -1,0 +1,27 @@
+// What a process's token says about it. Any thread.
+#pragma once
+
+#include "control/windows/handles.h"
+
+// Empty where it can't be had.
+Handle process_token(HANDLE process, DWORD access);
+
+// The user of a token; `get` is null where it can't be had.
+class UserSid {
+ public:
+  explicit UserSid(HANDLE token);
+  UserSid(const UserSid&) = delete;
+  UserSid& operator=(const UserSid&) = delete;
+  PSID get() const { return user_; }
+
+ private:
+  alignas(TOKEN_USER) unsigned char bytes_[sizeof(TOKEN_USER) + SECURITY_MAX_SID_SIZE];
+  PSID user_ = nullptr;
+};
+
+namespace host_service {
+
+// Switches a privilege of this process on. False where its token doesn't hold it.
+bool enable_privilege(const wchar_t* name);
+
+}  // namespace host_service
