@@ -70,7 +70,7 @@ LRESULT ListenerWindow::handle(HWND window, UINT message, WPARAM w, LPARAM l) {
 }
 
 bool ListenerWindow::wait(std::uint32_t timeout_ms) {
-  if (window_ != nullptr && !ending_) sleep(timeout_ms);
+  if (window_ != nullptr && !ending_ && !changed_) sleep(timeout_ms);
   MSG message;
   while (window_ != nullptr && PeekMessageW(&message, nullptr, 0, 0, PM_REMOVE))
     DispatchMessageW(&message);

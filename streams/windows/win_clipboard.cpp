@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "control/windows/wide_text.h"
+#include "streams/bitmap.h"
 #include "streams/clipboard_access.h"
 #include "streams/windows/listener_window.h"
 #include "streams/windows/wic.h"
@@ -63,6 +64,19 @@ ClipboardBlock bytes_block(const LockedBlock& from, std::uint64_t most_bytes) {
   return block;
 }
 
+std::optional<ClipboardBlock> read_format(UINT format, std::uint64_t most_bytes) {
+  const LockedBlock block(GetClipboardData(format));
+  if (!block) return std::nullopt;
+  return format == CF_UNICODETEXT ? text_block(block.text(), most_bytes)
+                                  : bytes_block(block, most_bytes);
+}
+
+bool fits_its_header(const ClipboardBlock& dib) {
+  if (dib.bytes.size() < dib.size) return true;  // it is too large to be had
+  const auto layout = read_dib_header(dib.bytes);
+  return layout && layout->lies_within(dib.size) && layout->pixels < dib.size;
+}
+
 // Empty when memory is short.
 GlobalBlock movable_block(const void* bytes, std::size_t size) {
   GlobalBlock block(GlobalAlloc(GMEM_MOVEABLE, size));
@@ -118,7 +132,6 @@ bool WinClipboard::open() {
   return window_.get() != nullptr && OpenClipboard(window_.get());
 }
 
-// A newer header's bitmap before an older one's; the system makes one of the other.
 UINT WinClipboard::format_of(ClipboardForm form) const {
   switch (form) {
     case ClipboardForm::PrivateMark:
@@ -138,10 +151,13 @@ bool WinClipboard::has(ClipboardForm form) {
 }
 
 std::optional<ClipboardBlock> WinClipboard::read(ClipboardForm form, std::uint64_t most_bytes) {
-  const LockedBlock block(GetClipboardData(format_of(form)));
-  if (!block) return std::nullopt;
-  return form == ClipboardForm::Text ? text_block(block.text(), most_bytes)
-                                     : bytes_block(block, most_bytes);
+  const UINT format = format_of(form);
+  auto block = read_format(format, most_bytes);
+  // The system makes one header's bitmap of the other's, and of some it makes none that holds
+  // together; then there is the one that it was made of.
+  if (format != CF_DIBV5 || (block && fits_its_header(*block))) return block;
+  auto older = read_format(CF_DIB, most_bytes);
+  return older ? std::move(older) : std::move(block);
 }
 
 std::optional<WinClipboard::Blocks> WinClipboard::blocks_of(const ClipboardContent& content) const {
@@ -169,8 +185,11 @@ std::optional<std::uint32_t> WinClipboard::write(std::shared_ptr<const Clipboard
   for (auto& [format, block] : *blocks) {
     if (SetClipboardData(format, block.get()) != nullptr) block.release();
   }
+  const DWORD while_open = GetClipboardSequenceNumber();
   CloseClipboard();
-  return GetClipboardSequenceNumber();
+  const DWORD closed = GetClipboardSequenceNumber();
+  // Somebody else may have been faster, whose change is none of ours.
+  return GetClipboardOwner() == window_.get() ? closed : while_open;
 }
 
 }  // namespace

@@ -83,15 +83,16 @@ std::uint32_t handles() {
   return count;
 }
 
-std::uint64_t private_bytes() {
+// Wine tells of the working set alone, from which it takes nothing away.
+std::uint64_t memory_bytes() {
   PROCESS_MEMORY_COUNTERS_EX memory{};
   GetProcessMemoryInfo(GetCurrentProcess(), reinterpret_cast<PROCESS_MEMORY_COUNTERS*>(&memory),
                        sizeof memory);
-  return memory.PrivateUsage;
+  return memory.PrivateUsage != 0 ? memory.PrivateUsage : memory.WorkingSetSize;
 }
 
 }  // namespace
 
 ResourceCount count_resources() {
-  return {gdi_objects(), message_windows(), handles(), private_bytes()};
+  return {gdi_objects(), message_windows(), handles(), memory_bytes()};
 }

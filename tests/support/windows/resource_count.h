@@ -7,7 +7,7 @@ struct ResourceCount {
   std::uint32_t gdi_objects = 0;
   std::uint32_t windows = 0;  // that only messages know
   std::uint32_t handles = 0;
-  std::uint64_t private_bytes = 0;
+  std::uint64_t memory_bytes = 0;
 };
 
 ResourceCount count_resources();  // of this process

@@ -68,7 +68,7 @@ bool close_windows(const wchar_t* name) {
 }  // namespace
 
 int wmain(int count, wchar_t** arguments) {
-  const std::wstring what = count > 2 ? arguments[1] : L"";
+  const std::wstring what = count > 1 ? arguments[1] : L"";
   // Whoever puts something there has a window.
   const WindowHandle window(CreateWindowExW(0, L"STATIC", nullptr, 0, 0, 0, 0, 0, HWND_MESSAGE,
                                             nullptr, nullptr, nullptr));

@@ -32,10 +32,22 @@ inline Handle start(const std::wstring& arguments) {
   return Handle(process.hProcess);
 }
 
+// Whoever replaces what a window of this thread has put onto the clipboard waits until that window
+// has been told.
+inline bool wait_for(const Handle& object) {
+  const HANDLE waited = object.get();
+  for (const ULONGLONG until = GetTickCount64() + DEADLINE_MS; GetTickCount64() < until;) {
+    if (MsgWaitForMultipleObjectsEx(1, &waited, DEADLINE_MS, QS_SENDMESSAGE, 0) == WAIT_OBJECT_0)
+      return true;
+    MSG message;
+    PeekMessageW(&message, nullptr, 0, 0, PM_NOREMOVE | PM_QS_SENDMESSAGE);
+  }
+  return false;
+}
+
 inline bool ends_well(const Handle& process) {
   DWORD code = 1;
-  return WaitForSingleObject(process.get(), DEADLINE_MS) == WAIT_OBJECT_0 &&
-         GetExitCodeProcess(process.get(), &code) && code == 0;
+  return wait_for(process) && GetExitCodeProcess(process.get(), &code) && code == 0;
 }
 
 inline std::wstring quoted(const std::filesystem::path& path) {
@@ -62,8 +74,8 @@ inline std::optional<std::string> paste(const std::string& format) {
   return file_content(file);
 }
 
-inline std::string block_of(std::wstring_view text) {
-  return {reinterpret_cast<const char*>(text.data()), text.size() * sizeof(wchar_t)};
+inline std::string text_block(const std::wstring& text) {
+  return {reinterpret_cast<const char*>(text.c_str()), (text.size() + 1) * sizeof(wchar_t)};
 }
 
 inline constexpr char UNICODE_TEXT[] = "13";  // CF_UNICODETEXT, CF_DIB, CF_DIBV5
@@ -72,7 +84,7 @@ inline constexpr char DIB_V5[] = "17";
 inline constexpr char PNG[] = "PNG";
 
 inline void copy_text(const std::wstring& text) {
-  copy({{UNICODE_TEXT, block_of(text) + std::string(sizeof(wchar_t), '\0')}});
+  copy({{UNICODE_TEXT, text_block(text)}});
 }
 
 // With its NUL.
@@ -93,7 +105,7 @@ class Holder {
     const Handle is_open(CreateEventW(nullptr, TRUE, FALSE, opened.c_str()));
     close_.reset(CreateEventW(nullptr, TRUE, FALSE, close.c_str()));
     program_ = start(L"hold " + opened + L" " + close);
-    EXPECT_EQ(WaitForSingleObject(is_open.get(), DEADLINE_MS), WAIT_OBJECT_0);
+    EXPECT_TRUE(wait_for(is_open));
   }
   ~Holder() {
     SetEvent(close_.get());

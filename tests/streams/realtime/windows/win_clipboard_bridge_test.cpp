@@ -180,13 +180,13 @@ TEST_F(WinClipboardBridge, OfTextAndPicturesTheTextGoesAndOfPicturesThePng) {
   const Bytes dib = dib_over_white({1, 1, {9, 9, 9, 255}});
   other_program::copy({{PNG, text_of(png)}, {DIB, text_of(dib)}});
   EXPECT_TRUE(desktop_.png_after_waiting() == png);
-  other_program::copy({{DIB, text_of(dib)}, {UNICODE_TEXT, other_program::block_of(L"text")}});
+  other_program::copy({{DIB, text_of(dib)}, {UNICODE_TEXT, other_program::text_block(L"text")}});
   EXPECT_EQ(at_client("text"), "text");
   EXPECT_THAT(host_lines_.all(), Contains(HasSubstr("sending #2 text")));
 }
 
 TEST_F(WinClipboardBridge, APrivateChangeStaysHere) {
-  other_program::copy({{UNICODE_TEXT, other_program::block_of(L"password")},
+  other_program::copy({{UNICODE_TEXT, other_program::text_block(L"password")},
                        {"ExcludeClipboardContentFromMonitorProcessing", "x"}});
   EXPECT_TRUE(host_lines_.wait_for(
       "local change is marked private (ExcludeClipboardContentFromMonitorProcessing); not sent"));
@@ -203,6 +203,10 @@ struct NamedDib {
   DibBuilder dib;
   Bytes pixels;  // two, the upper one first
 };
+
+void PrintTo(const NamedDib& variant, std::ostream* out) {
+  *out << variant.name;
+}
 
 class WinClipboardBitmap : public WinClipboardBridge,
                            public testing::WithParamInterface<NamedDib> {};

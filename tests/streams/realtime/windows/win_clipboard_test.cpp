@@ -6,6 +6,7 @@
 
 #include "streams/clipboard_access.h"
 #include "streams/png_codec.h"
+#include "tests/streams/dib_builder.h"
 #include "tests/streams/realtime/windows/other_program.h"
 #include "tests/support/clipboard_items.h"
 
@@ -95,11 +96,9 @@ TEST_F(WinClipboardTest, TextIsGivenToAnotherProgramAsUtf16WithItsEnd) {
   EXPECT_EQ(other_program::paste_text(), std::wstring(L"gr\u00FC\u00DFe\r\n\U0001F600") + L'\0');
 }
 
-TEST_F(WinClipboardTest, TextEndsAtItsFirstNulOrWithItsBlock) {
-  copy({{UNICODE_TEXT, other_program::block_of(std::wstring(L"one\0two\0", 8))}});
+TEST_F(WinClipboardTest, TextEndsAtItsFirstNul) {
+  copy_text(std::wstring(L"one\0two", 7));
   EXPECT_EQ(read_text(), "one");
-  copy({{UNICODE_TEXT, other_program::block_of(L"no end")}});
-  EXPECT_EQ(read_text(), "no end");
 }
 
 TEST_F(WinClipboardTest, HalfACharacterBecomesOneThatSaysSo) {
@@ -177,12 +176,21 @@ TEST_F(WinClipboardTest, APngGoesBothWaysByteForByteAndABitmapBesideIt) {
 }
 
 TEST_F(WinClipboardTest, OfTwoBitmapsTheOneWithTheNewerHeaderIsRead) {
-  const std::string old_one(44, 'o');
-  const std::string new_one(128, 'n');
-  copy({{DIB, old_one}, {DIB_V5, new_one}});
+  const Bytes old_one = DibBuilder{.rows = {1, 2, 3, 4}}.build();
+  const Bytes new_one = DibBuilder{.header_bytes = 124, .rows = {5, 6, 7, 8}}.build();
+  copy({{DIB, text_of(old_one)}, {DIB_V5, text_of(new_one)}});
   const auto newer = read(ClipboardForm::Dib, PICTURE_MAX);
   ASSERT_TRUE(newer);
-  EXPECT_EQ(text_of(newer->bytes), new_one);
+  EXPECT_EQ(newer->bytes, new_one);
+}
+
+TEST_F(WinClipboardTest, ANewerHeaderThatDoesNotHoldTogetherGivesWayToAnOlderOne) {
+  const Bytes old_one = DibBuilder{.rows = {1, 2, 3, 4}}.build();
+  const Bytes cut = DibBuilder{.header_bytes = 124, .rows = {5, 6, 7}}.build();
+  copy({{DIB, text_of(old_one)}, {DIB_V5, text_of(cut)}});
+  const auto older = read(ClipboardForm::Dib, PICTURE_MAX);
+  ASSERT_TRUE(older);
+  EXPECT_EQ(older->bytes, old_one);
 }
 
 TEST_F(WinClipboardTest, ABitmapAloneIsRead) {
@@ -198,7 +206,7 @@ TEST_F(WinClipboardTest, ABitmapAloneIsRead) {
 // ---- What is on it, and whose
 
 TEST_F(WinClipboardTest, APrivateMarkIsSeenWhateverItHolds) {
-  copy({{UNICODE_TEXT, other_program::block_of(L"secret")}, {to_utf8(PRIVATE), "x"}});
+  copy({{UNICODE_TEXT, other_program::text_block(L"secret")}, {to_utf8(PRIVATE), "x"}});
   EXPECT_TRUE(has(ClipboardForm::PrivateMark));
   copy_text(L"no secret");
   EXPECT_FALSE(has(ClipboardForm::PrivateMark));
@@ -225,7 +233,7 @@ TEST_F(WinClipboardTest, ItsOwnWriteHasTheNumberThatItSaysAndAnothersBehindItANe
 }
 
 TEST_F(WinClipboardTest, WhatItWritesReplacesAllThatWasThere) {
-  copy({{UNICODE_TEXT, other_program::block_of(L"old")}, {to_utf8(PRIVATE), "x"}});
+  copy({{UNICODE_TEXT, other_program::text_block(L"old")}, {to_utf8(PRIVATE), "x"}});
   auto content = std::make_shared<ClipboardContent>();
   content->png = {1, 2, 3};
   put(content);
