@@ -16,7 +16,7 @@ help:
 	@echo "make fuzz             each fuzz target for FUZZ_SECONDS (default 600)"
 	@echo "make deb              build the Debian package, out/deb/lunderhaze_<version>_<architecture>.deb"
 	@echo "make windows          cross-build for Windows x64 what exists for it"
-	@echo "make test-windows     not there yet: no program runs on Windows so far"
+	@echo "make test-windows     the unit tests as Windows programs, under Wine"
 
 # $(call configure,packages to set up,preset,further arguments)
 define configure
@@ -77,9 +77,11 @@ windows: | build
 	@cmake --preset windows > build/.windows.log 2>&1 || { cat build/.windows.log; exit 1; }
 	@cmake --build build/windows -j $(JOBS)
 
-test-windows: windows
-	@echo "test-windows: the connection and media folders are built for Windows; no program runs there yet"
-	@exit 1
+test-windows: | build
+	@scripts/setup wine
+	@cmake --preset windows -DLUND_TESTS=ON > build/.windows.log 2>&1 || { cat build/.windows.log; exit 1; }
+	@cmake --build build/windows -j $(JOBS)
+	@scripts/test-windows build/windows/bin
 
 clean:
 	rm -rf build out

@@ -70,6 +70,8 @@ if(WIN32)
   foreach(name avcodec swscale avutil)
     target_link_libraries(ffmpeg INTERFACE ${LUND_PREFIX}/lib/lib${name}.dll.a)
   endforeach()
+  file(GLOB libraries ${LUND_PREFIX}/bin/*.dll)
+  file(COPY ${libraries} DESTINATION ${CMAKE_RUNTIME_OUTPUT_DIRECTORY})  # where a program looks
   list(APPEND CMAKE_PREFIX_PATH ${LUND_PREFIX})
   # Headers that are the same for every platform are taken of this machine's, and no others of them.
   file(MAKE_DIRECTORY ${CMAKE_BINARY_DIR}/headers)
@@ -120,6 +122,30 @@ function(lund_library name)
     add_library(${name} INTERFACE)
     target_link_libraries(${name} INTERFACE lund_options ${ARGN})
   endif()
+endfunction()
+
+# lund_program(NAME description sources...): a program that users have. On Windows it says what it is
+# and how it is to be run (cmake/windows/), and is loaded anywhere, by Windows 10 and newer, with
+# nothing that can be both written and run. scripts/check-windows looks for all of that.
+function(lund_program name description)
+  add_executable(${name} ${ARGN})
+  if(NOT WIN32)
+    return()
+  endif()
+  set(LUND_PROGRAM ${name})
+  set(LUND_PROGRAM_DESCRIPTION ${description})
+  set(resources ${CMAKE_BINARY_DIR}/generated/resources)
+  foreach(kind rc manifest)
+    configure_file(${CMAKE_SOURCE_DIR}/cmake/windows/program.${kind}.in
+      ${resources}/${name}.${kind} @ONLY)
+  endforeach()
+  target_sources(${name} PRIVATE ${resources}/${name}.rc)
+  set_source_files_properties(${resources}/${name}.rc PROPERTIES
+    INCLUDE_DIRECTORIES ${resources} OBJECT_DEPENDS ${resources}/${name}.manifest)
+  target_link_options(${name} PRIVATE
+    LINKER:--dynamicbase,--high-entropy-va,--nxcompat
+    LINKER:--major-os-version=10,--minor-os-version=0
+    LINKER:--major-subsystem-version=10,--minor-subsystem-version=0)
 endfunction()
 
 # lund_test(NAME GLOB... LABEL label LIBS libraries...): a GoogleTest program of the sources that

@@ -1,13 +1,11 @@
-// lunderhaze-worker: started by the service alone.
+#include "worker/main.h"
+
 #include <cstdio>
-#include <string>
-#include <vector>
 
 #include "worker/version.h"
 #include "worker/worker.h"
 
-int main(int argc, char** argv) {
-  const std::vector<std::string> arguments(argv + 1, argv + argc);
+int worker_main(const std::vector<std::string>& arguments) {
   if (arguments.size() == 1 && arguments[0] == "--version") {
     std::printf("%s\n", LUND_VERSION_TEXT);
     return 0;

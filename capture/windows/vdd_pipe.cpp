@@ -7,12 +7,11 @@ namespace {
 using Driver = VirtualDisplayDriver;
 
 constexpr const wchar_t* PIPE_NAME = LR"(\\.\pipe\MTTVirtualDisplayPipe)";
-// A driver that hangs must not hold up whoever asks it, the host's end among them.
-constexpr DWORD TRANSFER_LIMIT_MS = 5000;
 
 class VddPipe final : public Driver::ControlPipe {
  public:
-  VddPipe(Handle pipe, Handle done) : pipe_(std::move(pipe)), done_(std::move(done)) {}
+  VddPipe(Handle pipe, Handle done, DWORD limit_ms)
+      : pipe_(std::move(pipe)), done_(std::move(done)), limit_ms_(limit_ms) {}
 
   bool write(std::u16string_view message) override {
     OVERLAPPED transfer = begin();
@@ -49,7 +48,7 @@ class VddPipe final : public Driver::ControlPipe {
   // The system is done with the transfer, and its buffer, when this returns.
   Driver::Result finish(BOOL at_once, OVERLAPPED* transfer, DWORD* count) const {
     if (!at_once && GetLastError() != ERROR_IO_PENDING) return {false, GetLastError()};
-    if (WaitForSingleObject(done_.get(), TRANSFER_LIMIT_MS) != WAIT_OBJECT_0)
+    if (WaitForSingleObject(done_.get(), limit_ms_) != WAIT_OBJECT_0)
       CancelIoEx(pipe_.get(), transfer);
     if (!GetOverlappedResult(pipe_.get(), transfer, count, TRUE)) return {false, GetLastError()};
     return {true, 0};
@@ -57,6 +56,7 @@ class VddPipe final : public Driver::ControlPipe {
 
   const Handle pipe_;
   const Handle done_;  // manual-reset, as overlapped transfers want it
+  const DWORD limit_ms_;
 };
 
 }  // namespace
@@ -66,7 +66,7 @@ Driver::Result wait_for_vdd_pipe(std::uint32_t timeout_ms) {
   return {false, GetLastError()};
 }
 
-std::unique_ptr<Driver::ControlPipe> open_vdd_pipe() {
+std::unique_ptr<Driver::ControlPipe> open_vdd_pipe(std::uint32_t transfer_limit_ms) {
   // Whoever has made the pipe may learn who asks, and must not act in that name: the host may be
   // the system itself.
   Handle pipe = owned_file(
@@ -76,5 +76,5 @@ std::unique_ptr<Driver::ControlPipe> open_vdd_pipe() {
   DWORD mode = PIPE_READMODE_MESSAGE;
   if (!pipe || !done || !SetNamedPipeHandleState(pipe.get(), &mode, nullptr, nullptr))
     return nullptr;
-  return std::make_unique<VddPipe>(std::move(pipe), std::move(done));
+  return std::make_unique<VddPipe>(std::move(pipe), std::move(done), transfer_limit_ms);
 }

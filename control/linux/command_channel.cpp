@@ -6,10 +6,10 @@
 
 #include <cerrno>
 #include <cstring>
-#include <optional>
 #include <thread>
 
 #include "connection/clock.h"
+#include "control/command_exchange.h"
 #include "control/linux/deadline.h"
 #include "control/linux/descriptor.h"
 #include "control/linux/lock_file.h"
@@ -20,9 +20,8 @@
 
 namespace {
 
-constexpr std::uint64_t PEER_US = 5'000'000;
-constexpr std::uint64_t SENDER_US = 2 * PEER_US;
-constexpr std::size_t ANSWER_MAX = 1'048'576;  // bytes; what a sender takes from a host gone wrong
+using namespace command_exchange;
+
 constexpr char SOCKET[] = "control.sock";
 constexpr char LOCK[] = "control.lock";
 constexpr int BACKLOG = 8;
@@ -31,37 +30,21 @@ std::string system_error() {
   return std::strerror(errno);
 }
 
-// One way of an exchange. Its deadline and the event, which may be null, end each wait in it.
-struct Exchange {
-  int socket;
-  std::uint64_t deadline_us;
-  const WakeEvent* stop;
+// To one peer: its deadline and the event, which may be null, end each wait.
+struct SocketLink final : Link {
+  SocketLink(int peer, std::uint64_t deadline, const WakeEvent* end)
+      : socket(peer), deadline_us(deadline), stop(end) {}
 
-  // Up to the closing zero byte, which isn't part of the text. Nothing when it is longer than
-  // `limit`, or the peer ended or was too slow before its end.
-  std::optional<std::string> receive(std::size_t limit) const {
-    std::string text;
-    char bytes[4'096];
-    while (text.size() <= limit) {
-      const std::size_t got = receive_some(socket, bytes, sizeof bytes, deadline_us, stop);
-      if (got == 0) break;
-      const std::size_t size = strnlen(bytes, got);
-      text.append(bytes, size);
-      if (size < got && text.size() <= limit) return text;
-    }
-    return std::nullopt;
+  std::size_t receive(void* bytes, std::size_t size) const override {
+    return receive_some(socket, bytes, size, deadline_us, stop);
+  }
+  std::size_t send(const void* bytes, std::size_t size) const override {
+    return send_some(socket, bytes, size, deadline_us, stop);
   }
 
-  bool send(const std::string& text) const {
-    const std::size_t total = text.size() + 1;  // with the zero byte that ends it
-    for (std::size_t done = 0; done < total;) {
-      const std::size_t sent =
-          send_some(socket, text.c_str() + done, total - done, deadline_us, stop);
-      if (sent == 0) return false;
-      done += sent;
-    }
-    return true;
-  }
+  const int socket;
+  const std::uint64_t deadline_us;
+  const WakeEvent* const stop;
 };
 
 bool is_this_user(int socket) {
@@ -85,13 +68,13 @@ class Server final : public CommandServer {
     // together apart.
     const LockFile::Result locked = lock_.acquire(directory / LOCK);
     if (locked == LockFile::Result::Busy) {
-      *error = "another host runs on the store in " + directory.string();
+      *error = another_host(directory);
       return Start::AnotherHost;
     }
     if (locked == LockFile::Result::Held && address_.fill(directory / SOCKET))
       listener_ = listen_at(address_, BACKLOG);
     if (listener_.get() < 0) {
-      *error = "no command channel in " + directory.string() + " (" + system_error() + ")";
+      *error = no_channel(directory, system_error());
       return Start::Failed;
     }
     thread_ = std::thread(&Server::run, this);
@@ -114,12 +97,7 @@ class Server final : public CommandServer {
       hlog("command channel: refused another user");
       return;
     }
-    const Exchange exchange{peer, lund_now_us() + PEER_US, &stop_};
-    const std::optional<std::string> request = exchange.receive(COMMAND_REQUEST_MAX);
-    if (request)
-      exchange.send(handler_(*request));
-    else
-      hlog("command channel: a request that was incomplete, too slow or too long was dropped");
+    answer(SocketLink(peer, lund_now_us() + PEER_US, &stop_), handler_);
   }
 
   const Handler handler_;
@@ -136,7 +114,7 @@ CommandServer::Start CommandServer::start(const std::filesystem::path& directory
                                           std::unique_ptr<CommandServer>* server,
                                           std::string* error) {
   if (directory.empty() || !store_platform::make_directory(directory)) {
-    *error = "no command channel: there is no store";
+    *error = NO_STORE;
     return Start::Failed;
   }
   auto made = std::make_unique<Server>(std::move(handler));
@@ -151,7 +129,7 @@ CommandResult send_command(const std::filesystem::path& directory, const std::st
     *error = text;
     return CommandResult::Failed;
   };
-  if (request.size() > COMMAND_REQUEST_MAX) return fail("the request is too long");
+  if (request.size() > COMMAND_REQUEST_MAX) return fail(REQUEST_TOO_LONG);
   UnixAddress address;
   if (directory.empty() || !address.fill(directory / SOCKET)) return CommandResult::NotRunning;
   const Descriptor peer(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
@@ -164,13 +142,8 @@ CommandResult send_command(const std::filesystem::path& directory, const std::st
   if (connect(peer.get(), address.get(), address.size()) != 0) {
     if (errno == ENOENT || errno == ENOTDIR || errno == ECONNREFUSED)
       return CommandResult::NotRunning;
-    return fail("the running host can't be reached (" + system_error() + ")");
+    return fail(unreachable(system_error()));
   }
   fcntl(peer.get(), F_SETFL, O_NONBLOCK);
-  const Exchange exchange{peer.get(), deadline_us, nullptr};
-  if (!exchange.send(request)) return fail("the running host takes no request");
-  std::optional<std::string> received = exchange.receive(ANSWER_MAX);
-  if (!received) return fail("the running host did not answer");
-  *answer = std::move(*received);
-  return CommandResult::Answered;
+  return ask(SocketLink(peer.get(), deadline_us, nullptr), request, answer, error);
 }

@@ -6,12 +6,11 @@
 // only if the pipe itself is the system's or the administrators'.
 #include "control/ipc_transport.h"
 
-#include <aclapi.h>
-
 #include <memory>
 #include <utility>
 
 #include "control/pipe_platform.h"
+#include "control/windows/object_owner.h"
 #include "control/windows/overlapped.h"
 #include "control/windows/path_trust.h"
 #include "control/windows/security_attributes.h"
@@ -34,11 +33,8 @@ Process peer_of(HANDLE pipe, IdOf id_of) {
 }
 
 bool is_trusted_ones(HANDLE pipe) {
-  PSID owner = nullptr;
-  LocalMemory<void> descriptor;
-  return GetSecurityInfo(pipe, SE_KERNEL_OBJECT, OWNER_SECURITY_INFORMATION, &owner, nullptr,
-                         nullptr, nullptr, descriptor.receive()) == ERROR_SUCCESS &&
-         owner != nullptr && is_system_or_administrators(owner);
+  const ObjectOwner owner(pipe, SE_KERNEL_OBJECT);
+  return owner.get() != nullptr && is_system_or_administrators(owner.get());
 }
 
 const Process& nobody() {

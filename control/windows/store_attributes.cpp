@@ -6,14 +6,6 @@ namespace {
 
 constexpr const wchar_t* MACHINE_FILE = L"O:BAG:BAD:P(A;;FA;;;SY)(A;;FA;;;BA)";
 
-// "S-1-5-..."; empty when the process's token can't be read.
-std::wstring current_user() {
-  const UserSid user(process_token(GetCurrentProcess(), TOKEN_QUERY).get());
-  LocalMemory<wchar_t> text;
-  if (user.get() == nullptr || !ConvertSidToStringSidW(user.get(), text.receive())) return {};
-  return text.get();
-}
-
 // For the user and the system, with the flags of inheritance.
 SecurityAttributes user_attributes(const std::wstring& flags) {
   const std::wstring user = current_user();

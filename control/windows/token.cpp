@@ -1,5 +1,8 @@
 #include "control/windows/token.h"
 
+// After what handles.h includes.
+#include <sddl.h>
+
 Handle process_token(HANDLE process, DWORD access) {
   Handle token;
   if (!OpenProcessToken(process, access, token.receive())) token.reset();
@@ -10,6 +13,13 @@ UserSid::UserSid(HANDLE token) {
   DWORD size = 0;
   if (GetTokenInformation(token, TokenUser, bytes_, sizeof bytes_, &size))
     user_ = reinterpret_cast<const TOKEN_USER*>(bytes_)->User.Sid;
+}
+
+std::wstring current_user() {
+  const UserSid user(process_token(GetCurrentProcess(), TOKEN_QUERY).get());
+  LocalMemory<wchar_t> text;
+  if (user.get() == nullptr || !ConvertSidToStringSidW(user.get(), text.receive())) return {};
+  return text.get();
 }
 
 namespace host_service {

@@ -1,6 +1,8 @@
 // What a process's token says about it. Any thread.
 #pragma once
 
+#include <string>
+
 #include "control/windows/handles.h"
 
 // Empty where it can't be had.
@@ -18,6 +20,9 @@ class UserSid {
   alignas(TOKEN_USER) unsigned char bytes_[sizeof(TOKEN_USER) + SECURITY_MAX_SID_SIZE];
   PSID user_ = nullptr;
 };
+
+// This process's user as SDDL has it: "S-1-5-..."; empty where it can't be had.
+std::wstring current_user();
 
 namespace host_service {
 

@@ -3,7 +3,6 @@
 #include "worker/worker.h"
 
 #include <gmock/gmock.h>
-#include <sched.h>
 
 #include <filesystem>
 #include <fstream>
@@ -18,6 +17,8 @@
 #include "control/settings.h"
 #include "tests/support/fake_platform.h"
 #include "tests/support/machine_store.h"
+#include "tests/support/own_network.h"
+#include "tests/support/pipe_place.h"
 #include "tests/support/small_service.h"
 
 using host_app::ExitCode;
@@ -37,6 +38,10 @@ using Calls = std::vector<std::string>;
 constexpr std::uint16_t PORT = 9876;
 constexpr std::chrono::seconds PATIENCE{20};
 const std::string DIGITS = "0123456789abcdef0123456789abcdef";
+
+std::string last_part(const std::string& pipe_name) {
+  return std::filesystem::path(pipe_name).filename().string();
+}
 
 // The test's threads and the worker's write into it.
 class CallBook {
@@ -58,8 +63,7 @@ class CallBook {
 // The pipes are those of the test's own directory.
 class RecordingSystem final : public WorkerSystem {
  public:
-  RecordingSystem(CallBook& book, std::filesystem::path pipes)
-      : book_(book), pipes_(std::move(pipes)) {}
+  RecordingSystem(CallBook& book, const PipePlace& pipes) : book_(book), pipes_(pipes) {}
 
   void restrict_library_directories() override { book_.add("libraries"); }
   bool in_system_session() override {
@@ -77,10 +81,9 @@ class RecordingSystem final : public WorkerSystem {
     stop_event_ = stop;
   }
   host_service::Pipe open_pipe(const std::string& name, WakeEvent* stop) override {
-    const std::string file = std::filesystem::path(name).filename();
-    const bool events = file.ends_with(host_service::EVENTS_SUFFIX);
+    const bool events = name.ends_with(host_service::EVENTS_SUFFIX);
     book_.add(events ? "open events" : "open commands");
-    return host_service::open_pipe(pipes_ / file, stop, open_limit_ms);
+    return host_service::open_pipe(pipes_ / last_part(name), stop, open_limit_ms);
   }
   bool pipe_server(host_service::Pipe& pipe, std::uint32_t pid) override {
     book_.add("peer");
@@ -106,7 +109,7 @@ class RecordingSystem final : public WorkerSystem {
   std::mutex stop_mutex_;
   WakeEvent* stop_event_ = nullptr;  // the worker's own
   CallBook& book_;
-  const std::filesystem::path pipes_;
+  const PipePlace& pipes_;
 };
 
 class RecordingDisplays final : public VirtualDisplays {
@@ -132,11 +135,7 @@ class RecordingDisplays final : public VirtualDisplays {
 class WorkerLife : public testing::Test {
  protected:
   void SetUp() override {
-    if (!MachineStore::possible()) GTEST_SKIP() << MachineStore::WHY_NOT;
-    // The worker's port is the machine's; in a network of its own this test has it for itself.
-    static const bool alone = unshare(CLONE_NEWNET) == 0;
-    if (!alone) GTEST_SKIP() << "no network namespaces here";
-    std::filesystem::permissions(directory_.path(), std::filesystem::perms::owner_all);
+    if (!PipePlace::possible()) GTEST_SKIP() << PipePlace::WHY_NOT;
     store_.emplace();
     platform_.add_display("DP-1", 0);
     platform_.on_list_displays = [this] { book_.add("list displays"); };
@@ -154,9 +153,7 @@ class WorkerLife : public testing::Test {
   }
 
   void serve() {
-    service_.emplace(
-        directory_ /
-        (std::filesystem::path(host_service::WORKER_PIPE_PREFIX).filename().string() + DIGITS));
+    service_.emplace(pipes_ / last_part(arguments()[3]));
     ASSERT_TRUE(service_->serves());
   }
   // Runs it on a thread, with a service there.
@@ -187,14 +184,27 @@ class WorkerLife : public testing::Test {
     return all;
   }
 
-  TempDirectory directory_;
+  const PipePlace pipes_;
   CallBook book_;
-  RecordingSystem system_{book_, directory_.path()};
+  RecordingSystem system_{book_, pipes_};
   FakePlatform platform_;
   Platform record_;
   std::optional<MachineStore> store_;
   std::optional<SmallService> service_;
   std::future<ExitCode> ended_;
+};
+
+// Beyond the proof of its peer, where a store and a port are the worker's.
+class WorkerRun : public WorkerLife {
+ protected:
+  void SetUp() override {
+    if (!MachineStore::possible()) GTEST_SKIP() << MachineStore::WHY_NOT;
+    if (!host_service::system_process(host_service::Process::current(), nullptr))
+      GTEST_SKIP() << "a worker trusts no pipes but the system's";
+    // The worker's port is the machine's; in a network of its own this test has it for itself.
+    if (!have_own_network()) GTEST_SKIP() << "no network of its own here";
+    WorkerLife::SetUp();
+  }
 };
 
 const Calls WHOLE_LIFE = {"list displays", "host starts", "asleep", "host shuts down"};
@@ -204,7 +214,7 @@ constexpr char STOPPED[] = "Host worker stopped: startup or machine persistence 
 
 // ---- 0
 
-TEST_F(WorkerLife, AStopCommandEndsItWith0AfterItsAnswer) {
+TEST_F(WorkerRun, AStopCommandEndsItWith0AfterItsAnswer) {
   start();
   EXPECT_EQ(service_->ask(Verb::Stop)->text, "worker stopping");
   EXPECT_EQ(end(), ExitCode::Stopped);
@@ -212,21 +222,21 @@ TEST_F(WorkerLife, AStopCommandEndsItWith0AfterItsAnswer) {
   EXPECT_THAT(log(), Not(HasSubstr(STOPPED)));
 }
 
-TEST_F(WorkerLife, ThePlatformsRequestToEndIsAnOrderlyStop) {
+TEST_F(WorkerRun, ThePlatformsRequestToEndIsAnOrderlyStop) {
   start();
   EXPECT_TRUE(system_.request_end());
   EXPECT_EQ(end(), ExitCode::Stopped);
   EXPECT_THAT(book_.all(), ElementsAreArray(calls_around(WHOLE_LIFE)));
 }
 
-TEST_F(WorkerLife, AServiceThatIsGoneEndsItInOrder) {
+TEST_F(WorkerRun, AServiceThatIsGoneEndsItInOrder) {
   start();
   service_->leave();
   EXPECT_EQ(end(), ExitCode::Stopped);
   EXPECT_THAT(book_.all(), ElementsAreArray(calls_around(WHOLE_LIFE)));
 }
 
-TEST_F(WorkerLife, AnIdleWorkerAsksNothingOfThePowerManagerUntilItEnds) {
+TEST_F(WorkerRun, AnIdleWorkerAsksNothingOfThePowerManagerUntilItEnds) {
   start();
   EXPECT_TRUE(service_->wait_heartbeats(5));  // some polls
   EXPECT_THAT(book_.all().back(), "host starts");
@@ -234,7 +244,7 @@ TEST_F(WorkerLife, AnIdleWorkerAsksNothingOfThePowerManagerUntilItEnds) {
   EXPECT_EQ(end(), ExitCode::Stopped);
 }
 
-TEST_F(WorkerLife, TheStoredSettingsAreItsHosts) {
+TEST_F(WorkerRun, TheStoredSettingsAreItsHosts) {
   ASSERT_EQ(store_->configure(), "");
   host_service::Settings settings;
   settings.fps = 144;
@@ -246,14 +256,14 @@ TEST_F(WorkerLife, TheStoredSettingsAreItsHosts) {
   EXPECT_EQ(end(), ExitCode::Stopped);
 }
 
-TEST_F(WorkerLife, ItRunsWithoutADisplayToo) {
+TEST_F(WorkerRun, ItRunsWithoutADisplayToo) {
   platform_.displays.clear();
   start();
   service_->leave();
   EXPECT_EQ(end(), ExitCode::Stopped);
 }
 
-TEST_F(WorkerLife, ItNeverStartsWithPairingOpen) {
+TEST_F(WorkerRun, ItNeverStartsWithPairingOpen) {
   start();
   EXPECT_THAT(service_->ask(Verb::Status)->text, HasSubstr("\npairing closed; "));
   service_->leave();
@@ -309,8 +319,8 @@ TEST_F(WorkerLife, AMissingCommandPipeEndsItWith4) {
 
 TEST_F(WorkerLife, AMissingEventsPipeEndsItWith4) {
   system_.open_limit_ms = 100;
-  const host_service::Pipe commands = host_service::create_pipe(
-      directory_ / std::filesystem::path(arguments()[3]).filename().string(), false, true);
+  const host_service::Pipe commands =
+      host_service::create_pipe(pipes_ / last_part(arguments()[3]), false, true);
   ASSERT_TRUE(commands);
   EXPECT_EQ(run(), ExitCode::NoPeer);
   EXPECT_THAT(book_.all(), ElementsAre("libraries", "identity", "lock", "signals on",
@@ -326,7 +336,7 @@ TEST_F(WorkerLife, ARequestToEndWhileItWaitsForItsPipesEndsItWith4) {
 TEST_F(WorkerLife, APipeOfALiveProcessOfTheSystemThatIsNotTheSupervisorEndsItWith4) {
   serve();
   std::vector<std::string> other = arguments();
-  other[1] = std::to_string(getppid());
+  other[1] = std::to_string(host_service::Process::current().id() + 1);
   EXPECT_EQ(run(other), ExitCode::NoPeer);
   EXPECT_THAT(book_.all(),
               ElementsAre("libraries", "identity", "lock", "signals on", "open commands",
@@ -336,7 +346,7 @@ TEST_F(WorkerLife, APipeOfALiveProcessOfTheSystemThatIsNotTheSupervisorEndsItWit
 
 // ---- 5
 
-TEST_F(WorkerLife, AStoreThatIsNotPrivateEndsItWith5AndWithoutALog) {
+TEST_F(WorkerRun, AStoreThatIsNotPrivateEndsItWith5AndWithoutALog) {
   ASSERT_EQ(store_->configure(), "");
   std::filesystem::permissions(store_->path(), std::filesystem::perms(0755));
   store_->restart();
@@ -346,7 +356,7 @@ TEST_F(WorkerLife, AStoreThatIsNotPrivateEndsItWith5AndWithoutALog) {
   EXPECT_FALSE(std::filesystem::exists(*store_ / "host.log"));
 }
 
-TEST_F(WorkerLife, ADamagedIdentityEndsItWith5AndIsKept) {
+TEST_F(WorkerRun, ADamagedIdentityEndsItWith5AndIsKept) {
   ASSERT_EQ(store_->configure(), "");
   write_private_text(*store_ / "identity", "damaged");
   store_->restart();
@@ -355,7 +365,7 @@ TEST_F(WorkerLife, ADamagedIdentityEndsItWith5AndIsKept) {
   EXPECT_EQ(file_content(*store_ / "identity"), "damaged");
 }
 
-TEST_F(WorkerLife, MalformedSettingsEndItWith5) {
+TEST_F(WorkerRun, MalformedSettingsEndItWith5) {
   ASSERT_EQ(store_->configure(), "");
   write_private_text(*store_ / "settings", "0123456789abcdef");
   store_->restart();
@@ -364,7 +374,7 @@ TEST_F(WorkerLife, MalformedSettingsEndItWith5) {
   EXPECT_THAT(book_.all(), ElementsAreArray(calls_around({"asleep"})));
 }
 
-TEST_F(WorkerLife, ALogThatCannotBeOpenedEndsItWith5) {
+TEST_F(WorkerRun, ALogThatCannotBeOpenedEndsItWith5) {
   ASSERT_EQ(store_->configure(), "");
   std::filesystem::create_directory(*store_ / "host.log");
   std::filesystem::permissions(*store_ / "host.log", std::filesystem::perms::owner_all);
@@ -375,7 +385,7 @@ TEST_F(WorkerLife, ALogThatCannotBeOpenedEndsItWith5) {
   EXPECT_THAT(book_.all(), ElementsAreArray(calls_around({"asleep"})));
 }
 
-TEST_F(WorkerLife, ADisplayListThatThrowsEndsItWith5AndALine) {
+TEST_F(WorkerRun, ADisplayListThatThrowsEndsItWith5AndALine) {
   record_.list_displays = []() -> std::vector<DisplayInfo> { throw std::runtime_error("trouble"); };
   launch();
   EXPECT_EQ(end(), ExitCode::Failed);
@@ -383,7 +393,7 @@ TEST_F(WorkerLife, ADisplayListThatThrowsEndsItWith5AndALine) {
   EXPECT_THAT(log(), Not(HasSubstr("trouble")));
 }
 
-TEST_F(WorkerLife, AHostThatCannotBeMadeEndsItWith5AndNothingToShutDown) {
+TEST_F(WorkerRun, AHostThatCannotBeMadeEndsItWith5AndNothingToShutDown) {
   ASSERT_EQ(store_->configure(), "");
   write_private_text(*store_ / "host_id", "no number");
   store_->restart();
@@ -393,7 +403,7 @@ TEST_F(WorkerLife, AHostThatCannotBeMadeEndsItWith5AndNothingToShutDown) {
   EXPECT_THAT(log(), HasSubstr(STOPPED));
 }
 
-TEST_F(WorkerLife, ABusyPortEndsItWith5AndTheHostThatExistsIsShutDown) {
+TEST_F(WorkerRun, ABusyPortEndsItWith5AndTheHostThatExistsIsShutDown) {
   const lund_socket taken = lund_udp_open(4, nullptr, PORT);
   ASSERT_NE(taken, LUND_NO_SOCKET);
   launch();
@@ -407,7 +417,7 @@ TEST_F(WorkerLife, ABusyPortEndsItWith5AndTheHostThatExistsIsShutDown) {
 
 // ---- 6
 
-TEST_F(WorkerLife, AStoreThatFailsWhileItRunsEndsItWith6AndTheWholeStopSequence) {
+TEST_F(WorkerRun, AStoreThatFailsWhileItRunsEndsItWith6AndTheWholeStopSequence) {
   start();
   keystore::failHostStore("trouble");
   EXPECT_EQ(end(), ExitCode::StoreFailed);
@@ -415,7 +425,7 @@ TEST_F(WorkerLife, AStoreThatFailsWhileItRunsEndsItWith6AndTheWholeStopSequence)
   EXPECT_THAT(log(), Not(HasSubstr(STOPPED)));
 }
 
-TEST_F(WorkerLife, ASaveThatFailsIsAnsweredAndEndsItWith6) {
+TEST_F(WorkerRun, ASaveThatFailsIsAnsweredAndEndsItWith6) {
   start();
   std::filesystem::create_directory(*store_ / "settings");  // no file can take its place
   const auto result =

@@ -1,49 +1,25 @@
-// Pipes as real sockets between real processes. Limits that a test expects to run into are short;
-// those that it expects not to, far beyond what a busy machine takes.
+// Pipes as sockets between real processes.
 #include "control/ipc_transport.h"
 
 #include <gtest/gtest.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 
-#include <atomic>
-#include <chrono>
 #include <functional>
-#include <thread>
 
 #include "connection/secure.h"
 #include "control/linux/unix_socket.h"
+#include "tests/support/ipc_pipes.h"
 #include "tests/support/linux/forked.h"
 #include "tests/support/linux/process_image.h"
-#include "tests/support/temp_directory.h"
 
 namespace {
 
 using namespace host_service;
 namespace fs = std::filesystem;
-using std::chrono::milliseconds;
-using std::chrono::steady_clock;
 using Bytes = std::vector<unsigned char>;
 
-constexpr std::uint32_t LONG_MS = 60'000;
-constexpr milliseconds AT_ONCE{30'000};  // as told from LONG_MS
-constexpr std::uint32_t SHORT_MS = 500;
-
-Bytes request() {
-  return encode_request({Verb::SetRelays, Bytes(100, 'r')});
-}
-
-class Stopwatch {
- public:
-  milliseconds elapsed() const {
-    return std::chrono::duration_cast<milliseconds>(steady_clock::now() - start_);
-  }
-
- private:
-  steady_clock::time_point start_ = steady_clock::now();
-};
-
-// A client that doesn't keep to the rules.
+// A client without any of the library's.
 class RawPeer {
  public:
   explicit RawPeer(const std::string& name) : socket_(unix_socket()) {
@@ -51,116 +27,18 @@ class RawPeer {
     connected_ = address.fill(name) && connect(socket_.get(), address.get(), address.size()) == 0;
   }
   bool connected() const { return connected_; }
-  bool send(const Bytes& bytes) const {
-    return ::send(socket_.get(), bytes.data(), bytes.size(), MSG_NOSIGNAL) ==
-           static_cast<ssize_t>(bytes.size());
-  }
 
  private:
   Descriptor socket_;
   bool connected_;
 };
 
-class IpcPipes : public testing::Test {
+class IpcSockets : public IpcPipes {
  protected:
-  void SetUp() override {
-    if (geteuid() != 0) GTEST_SKIP() << "pipes are root's own";
-  }
-  Pipe serve(bool first_instance = true) { return create_pipe(name_, true, first_instance); }
-  // A pair within this process.
-  void connect_ends() {
-    server_ = serve();
-    client_ = open_pipe(name_, nullptr, LONG_MS);
-    ASSERT_TRUE(connect_pipe(server_, nullptr, LONG_MS));
-    ASSERT_TRUE(client_);
-  }
-
-  TempDirectory directory_;
-  const std::string name_ = directory_ / "run/pipe";
-  Pipe server_, client_;
-  WakeEvent stop_{WakeEvent::Reset::Manual};
-  Bytes frame_;
+  const TempDirectory& directory_ = place_.directory();
 };
 
-TEST_F(IpcPipes, TheLargestFrameGoesEachWay) {
-  connect_ends();
-  const Bytes asked = encode_request({Verb::SetRelays, Bytes(PAYLOAD_MAX, 'r')});
-  const Bytes answered =
-      encode_response(Verb::SetRelays, Status::Ok, std::string(RESPONSE_TEXT_MAX, 'a'));
-  ASSERT_TRUE(write_frame(client_, asked, &stop_, LONG_MS));
-  ASSERT_TRUE(read_frame(server_, &frame_, &stop_, LONG_MS));
-  EXPECT_EQ(frame_, asked);
-  ASSERT_TRUE(write_frame(server_, answered, &stop_, LONG_MS));
-  ASSERT_TRUE(read_frame(client_, &frame_, &stop_, LONG_MS));
-  EXPECT_EQ(frame_, answered);
-}
-
-TEST_F(IpcPipes, FramesGoBothWaysAtTheSameTimeFromTwoThreadsAnEnd) {
-  connect_ends();
-  constexpr int FRAMES = 200;
-  const auto writes = [](Pipe& pipe, Verb verb) {
-    for (int i = 0; i < FRAMES; ++i) {
-      const std::string text(static_cast<std::size_t>(i * 80), static_cast<char>('a' + i % 26));
-      if (!write_frame(pipe, encode_response(verb, Status::Ok, text), nullptr, LONG_MS)) return;
-    }
-  };
-  const auto reads = [](Pipe& pipe, Verb verb, int* whole) {
-    Bytes frame;
-    Status status{};
-    std::string text;
-    for (int i = 0; i < FRAMES && read_frame(pipe, &frame, nullptr, LONG_MS); ++i) {
-      const bool right =
-          decode_response(frame.data(), frame.size(), verb, &status, &text) &&
-          text == std::string(static_cast<std::size_t>(i * 80), static_cast<char>('a' + i % 26));
-      *whole += right;
-    }
-  };
-  int at_server = 0, at_client = 0;
-  {
-    std::thread a([&] { writes(server_, Verb::Status); });
-    std::thread b([&] { writes(client_, Verb::Stop); });
-    std::thread c([&] { reads(server_, Verb::Stop, &at_server); });
-    reads(client_, Verb::Status, &at_client);
-    a.join();
-    b.join();
-    c.join();
-  }
-  EXPECT_EQ(at_server, FRAMES);
-  EXPECT_EQ(at_client, FRAMES);
-}
-
-TEST_F(IpcPipes, AClientMayComeBeforeItsServer) {
-  std::thread late([this] { server_ = serve(); });
-  client_ = open_pipe(name_, nullptr, LONG_MS);
-  late.join();
-  EXPECT_TRUE(client_);
-  EXPECT_TRUE(connect_pipe(server_, nullptr, LONG_MS));
-}
-
-TEST_F(IpcPipes, TransactAsksAndIsAnswered) {
-  server_ = serve();
-  std::thread server([this] {
-    Request asked;
-    if (connect_pipe(server_, nullptr, LONG_MS) && pipe_client(server_, true, nullptr, 0) &&
-        read_frame(server_, &frame_, nullptr, LONG_MS) &&
-        decode_request(frame_.data(), frame_.size(), &asked))
-      write_frame(server_, encode_response(asked.verb, Status::Persistence, "words"), nullptr,
-                  LONG_MS);
-  });
-  const Result result = transact(name_, {Verb::ClearPassword, {}}, nullptr);
-  server.join();
-  EXPECT_EQ(result.status, Status::Persistence);
-  EXPECT_EQ(result.text, "words");
-}
-
-TEST_F(IpcPipes, TransactWithNobodyThereSaysUnavailableWhenItIsStopped) {
-  stop_.set();
-  const Result result = transact(name_, {Verb::Status, {}}, &stop_);
-  EXPECT_EQ(result.status, Status::Unavailable);
-  EXPECT_EQ(result.text, "service unavailable or access denied");
-}
-
-TEST_F(IpcPipes, APathLongerThanASocketsNameWorks) {
+TEST_F(IpcSockets, APathLongerThanASocketsNameWorks) {
   const fs::path deep = directory_ / std::string(150, 'd');
   const std::string name = deep / "pipe";
   Pipe server = create_pipe(name, false, true);
@@ -173,7 +51,7 @@ TEST_F(IpcPipes, APathLongerThanASocketsNameWorks) {
 
 // ---- Names and instances
 
-TEST_F(IpcPipes, ANameIsAFileOfRootsAloneAndGoesWithItsLastInstance) {
+TEST_F(IpcSockets, ANameIsAFileOfRootsAloneAndGoesWithItsLastInstance) {
   server_ = serve();
   ASSERT_TRUE(server_);
   struct stat file {
@@ -189,35 +67,7 @@ TEST_F(IpcPipes, ANameIsAFileOfRootsAloneAndGoesWithItsLastInstance) {
   EXPECT_EQ(entry_count(directory_ / "run"), 0u);
 }
 
-TEST_F(IpcPipes, ANameHasFourInstancesAtMost) {
-  std::vector<Pipe> instances;
-  for (int i = 0; i < 4; ++i) {
-    instances.push_back(serve(i == 0));
-    EXPECT_TRUE(instances.back());
-  }
-  EXPECT_FALSE(serve(false));
-  instances.pop_back();
-  EXPECT_TRUE(serve(false));
-}
-
-TEST_F(IpcPipes, EachInstanceHasAClientOfItsOwn) {
-  Pipe first = serve(), second = serve(false);
-  Pipe one = open_pipe(name_, nullptr, LONG_MS), two = open_pipe(name_, nullptr, LONG_MS);
-  ASSERT_TRUE(connect_pipe(first, nullptr, LONG_MS));
-  ASSERT_TRUE(connect_pipe(second, nullptr, LONG_MS));
-  ASSERT_TRUE(write_frame(one, request(), nullptr, LONG_MS));
-  EXPECT_TRUE(read_frame(first, &frame_, nullptr, LONG_MS));
-  stop_.set();
-  EXPECT_FALSE(read_frame(second, &frame_, &stop_, LONG_MS));
-}
-
-TEST_F(IpcPipes, TheFirstInstanceFailsWhereThisProcessServesTheName) {
-  server_ = serve();
-  EXPECT_FALSE(serve());
-  EXPECT_TRUE(serve(false));
-}
-
-TEST_F(IpcPipes, ThePlaceOfAKilledServerIsTaken) {
+TEST_F(IpcSockets, ThePlaceOfAKilledServerIsTaken) {
   const Signal up;
   Forked killed([&] {
     const Pipe pipe = serve();
@@ -234,7 +84,7 @@ TEST_F(IpcPipes, ThePlaceOfAKilledServerIsTaken) {
   EXPECT_TRUE(pipe_server(client_, static_cast<std::uint32_t>(getpid())));
 }
 
-TEST_F(IpcPipes, APipeIsNotMadeWhereOthersCouldReplaceIt) {
+TEST_F(IpcSockets, APipeIsNotMadeWhereOthersCouldReplaceIt) {
   const fs::path open_to_all = directory_ / "open";
   fs::create_directory(open_to_all);
   EXPECT_FALSE(create_pipe(open_to_all / "pipe", true, true));
@@ -245,131 +95,9 @@ TEST_F(IpcPipes, APipeIsNotMadeWhereOthersCouldReplaceIt) {
   EXPECT_FALSE(open_pipe("", nullptr, LONG_MS));
 }
 
-// ---- Waits
-
-TEST_F(IpcPipes, ElevenHeaderBytesFailAtTheDeadline) {
-  server_ = serve();
-  const RawPeer peer(name_);
-  ASSERT_TRUE(connect_pipe(server_, nullptr, LONG_MS));
-  const Bytes whole = request();
-  ASSERT_TRUE(peer.send(Bytes(whole.begin(), whole.begin() + 11)));
-  const Stopwatch watch;
-  EXPECT_FALSE(read_frame(server_, &frame_, &stop_, SHORT_MS));
-  EXPECT_GE(watch.elapsed(), milliseconds(SHORT_MS));
-}
-
-TEST_F(IpcPipes, ASlowPeerFailsAtTheDeadline) {
-  server_ = serve();
-  const RawPeer peer(name_);
-  ASSERT_TRUE(connect_pipe(server_, nullptr, LONG_MS));
-  std::thread slow([this, &peer] {
-    // Its 112 bytes would take 22 seconds.
-    for (const unsigned char byte : request()) {
-      if (!peer.send({byte}) || stop_.wait(200)) return;
-    }
-  });
-  const Stopwatch watch;
-  EXPECT_FALSE(read_frame(server_, &frame_, nullptr, SHORT_MS));
-  EXPECT_GE(watch.elapsed(), milliseconds(SHORT_MS));
-  EXPECT_LT(watch.elapsed(), milliseconds(20'000));
-  stop_.set();
-  slow.join();
-}
-
-TEST_F(IpcPipes, APeerThatTakesNothingFailsTheWriteAtTheDeadline) {
-  connect_ends();
-  const Bytes largest = encode_request({Verb::SetRelays, Bytes(PAYLOAD_MAX, 'r')});
-  const Stopwatch watch;
-  while (write_frame(client_, largest, nullptr, SHORT_MS)) {
-    ASSERT_LT(watch.elapsed(), AT_ONCE);
-  }
-  EXPECT_GE(watch.elapsed(), milliseconds(SHORT_MS));
-}
-
-TEST_F(IpcPipes, AHeaderWithALengthOf16385FailsBeforeThePayload) {
-  server_ = serve();
-  const RawPeer peer(name_);
-  ASSERT_TRUE(connect_pipe(server_, nullptr, LONG_MS));
-  ASSERT_TRUE(peer.send({'L', 'H', 'I', 'P', 1, 0, 7, 0, 0x01, 0x40, 0, 0}));
-  const Stopwatch watch;
-  EXPECT_FALSE(read_frame(server_, &frame_, nullptr, LONG_MS));
-  EXPECT_LT(watch.elapsed(), AT_ONCE);
-}
-
-TEST_F(IpcPipes, APeerThatDiesInMidFrameFailsTheReadAtOnce) {
-  server_ = serve();
-  Forked peer([this] {
-    const Bytes whole = request();
-    return RawPeer(name_).send(Bytes(whole.begin(), whole.begin() + 50)) ? 0 : 1;
-  });
-  ASSERT_TRUE(connect_pipe(server_, nullptr, LONG_MS));
-  const Stopwatch watch;
-  EXPECT_FALSE(read_frame(server_, &frame_, nullptr, LONG_MS));
-  EXPECT_LT(watch.elapsed(), AT_ONCE);
-  EXPECT_EQ(peer.wait(), 0);
-}
-
-TEST_F(IpcPipes, AWriteToAPeerThatIsGoneFailsAndIsNoSignal) {
-  connect_ends();
-  server_ = Pipe();
-  EXPECT_FALSE(write_frame(client_, request(), nullptr, LONG_MS));
-}
-
-TEST_F(IpcPipes, ASetStopEventEndsEachWaitAtOnce) {
-  connect_ends();
-  Pipe waiting = serve(false);
-  const Bytes largest = encode_request({Verb::SetRelays, Bytes(PAYLOAD_MAX, 'r')});
-  const std::string missing = name_ + "-missing";
-  const std::function<void()> waits[] = {
-      [&] { EXPECT_FALSE(open_pipe(missing, &stop_, LONG_MS)); },
-      [&] { EXPECT_FALSE(connect_pipe(waiting, &stop_, LONG_MS)); },
-      [&] { EXPECT_FALSE(read_frame(client_, &frame_, &stop_, LONG_MS)); },
-      [&] {  // nobody reads: one of them waits for room
-        while (write_frame(client_, largest, &stop_, LONG_MS)) {
-        }
-      },
-      [&] { wait_client_close(client_, &stop_, LONG_MS); },
-  };
-  for (const auto& wait : waits) {
-    const Stopwatch watch;
-    stop_.reset();
-    std::atomic<bool> begun = false;
-    std::thread stopper([&] {
-      while (!begun) std::this_thread::yield();
-      stop_.set();
-    });
-    begun = true;
-    wait();
-    stopper.join();
-    EXPECT_LT(watch.elapsed(), AT_ONCE);
-  }
-}
-
-TEST_F(IpcPipes, WhatHasArrivedIsReadThoughStopIsSet) {
-  connect_ends();
-  ASSERT_TRUE(write_frame(client_, request(), nullptr, LONG_MS));
-  stop_.set();
-  EXPECT_TRUE(read_frame(server_, &frame_, &stop_, LONG_MS));
-  EXPECT_FALSE(read_frame(server_, &frame_, &stop_, LONG_MS));
-}
-
-TEST_F(IpcPipes, WaitingForTheClientsCloseEndsWithItWithDataAndAtTheLimit) {
-  connect_ends();
-  Stopwatch watch;
-  wait_client_close(server_, nullptr, SHORT_MS);
-  EXPECT_GE(watch.elapsed(), milliseconds(SHORT_MS));
-  const Stopwatch rest;
-  ASSERT_TRUE(write_frame(client_, request(), nullptr, LONG_MS));
-  wait_client_close(server_, nullptr, LONG_MS);
-  ASSERT_TRUE(read_frame(server_, &frame_, nullptr, LONG_MS));
-  client_ = Pipe();
-  wait_client_close(server_, nullptr, LONG_MS);
-  EXPECT_LT(rest.elapsed(), AT_ONCE);
-}
-
 // ---- What it leaves behind
 
-TEST_F(IpcPipes, AnExchangeLeavesNoSecretInTheMemoryOfEitherEnd) {
+TEST_F(IpcSockets, AnExchangeLeavesNoSecretInTheMemoryOfEitherEnd) {
   // Made where it is wanted, so that nothing else in the process' memory is like it.
   const auto write_secret = [](auto* out, std::size_t size) {
     for (std::size_t i = 0; i < size; ++i) out[i] = static_cast<char>('a' + (i * i + 5 * i) % 26);
@@ -424,7 +152,7 @@ TEST_F(IpcPipes, AnExchangeLeavesNoSecretInTheMemoryOfEitherEnd) {
 
 // ---- Whom to trust
 
-TEST_F(IpcPipes, EachEndKnowsTheOthersProcess) {
+TEST_F(IpcSockets, EachEndKnowsTheOthersProcess) {
   server_ = serve();
   const auto self = static_cast<std::uint32_t>(getpid());
   const Signal done;
@@ -447,7 +175,7 @@ TEST_F(IpcPipes, EachEndKnowsTheOthersProcess) {
   EXPECT_EQ(pipe_client_id(server_), 0u);
 }
 
-TEST_F(IpcPipes, AWorkerIsTheVeryProcessInItsSession) {
+TEST_F(IpcSockets, AWorkerIsTheVeryProcessInItsSession) {
   server_ = serve();
   const Signal done;
   const auto client = [&] {
@@ -474,7 +202,7 @@ TEST_F(IpcPipes, AWorkerIsTheVeryProcessInItsSession) {
   EXPECT_FALSE(pipe_client(server_, false, &process, session));
 }
 
-TEST_F(IpcPipes, AnOrdinaryUserCannotOpenAChannel) {
+TEST_F(IpcSockets, AnOrdinaryUserCannotOpenAChannel) {
   server_ = serve();
   chmod(directory_.path().c_str(), 0755);
   Forked user([this] {
@@ -492,7 +220,8 @@ TEST_F(IpcPipes, AnOrdinaryUserCannotOpenAChannel) {
   EXPECT_EQ(again.wait(), 0);
 }
 
-TEST_F(IpcPipes, AnOrdinaryUsersConnectionIsNobodysHoweverItCameAboutAndWhateverItsUserTurnsInto) {
+TEST_F(IpcSockets,
+       AnOrdinaryUsersConnectionIsNobodysHoweverItCameAboutAndWhateverItsUserTurnsInto) {
   server_ = serve();
   chmod(directory_.path().c_str(), 0755);
   chmod((directory_ / "run").c_str(), 0755);
@@ -512,7 +241,7 @@ TEST_F(IpcPipes, AnOrdinaryUsersConnectionIsNobodysHoweverItCameAboutAndWhatever
   EXPECT_EQ(user.wait(), 0);
 }
 
-TEST_F(IpcPipes, AProcessThatServesTheNameFirstKeepsTheServiceFromItAndIsNotItsServer) {
+TEST_F(IpcSockets, AProcessThatServesTheNameFirstKeepsTheServiceFromItAndIsNotItsServer) {
   const Signal up;
   Forked guesser([&] {
     Pipe pipe = serve();
@@ -539,7 +268,7 @@ struct Impostor {
   Descriptor socket;
 };
 
-TEST_F(IpcPipes, AServerThatDoesNotKeepToTheLockIsSeenToo) {
+TEST_F(IpcSockets, AServerThatDoesNotKeepToTheLockIsSeenToo) {
   fs::create_directory(directory_ / "run");
   fs::permissions(directory_ / "run", fs::perms::owner_all);
   const Impostor impostor(name_);
@@ -548,7 +277,7 @@ TEST_F(IpcPipes, AServerThatDoesNotKeepToTheLockIsSeenToo) {
   EXPECT_TRUE(fs::is_socket(name_));
 }
 
-TEST_F(IpcPipes, AnOrdinaryUsersServerIsUntrustedAndToldNothing) {
+TEST_F(IpcSockets, AnOrdinaryUsersServerIsUntrustedAndToldNothing) {
   chmod(directory_.path().c_str(), 0777);
   const std::string name = directory_ / "guessed";
   const Signal up;
@@ -569,7 +298,7 @@ TEST_F(IpcPipes, AnOrdinaryUsersServerIsUntrustedAndToldNothing) {
   EXPECT_EQ(impostor.wait(), 0);
 }
 
-TEST_F(IpcPipes, AReusedProcessIdIsNotTakenForThePeer) {
+TEST_F(IpcSockets, AReusedProcessIdIsNotTakenForThePeer) {
   // The connection outlives the peer, held by a child of it, so that only the process tells.
   const auto hold_and_end = [](const Signal& end) {
     const pid_t holder = fork();

@@ -1,0 +1,5 @@
+#include "tests/support/own_network.h"
+
+bool have_own_network() {
+  return true;
+}
