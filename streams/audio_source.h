@@ -44,6 +44,9 @@ class AudioSource {
 
   virtual const char* name() const = 0;  // of the facility, as the log says it: "WASAPI"
 
+  // Whether sound comes while nothing plays, too.
+  virtual bool sends_silence() const { return true; }
+
   // Finds the default output device. `device` becomes its id, empty if that can't be read. Here and
   // in `prepare` a source that has to wait gives up, with an error, within 50 ms after `stop` is
   // set, and in any case after 5 s.

@@ -87,7 +87,7 @@ struct SoundFacts {
   std::string output;       // the default one; empty without one
   std::string facility;     // "PulseAudio"
   std::uint32_t error = 0;  // of the recording
-  bool delivers = false;    // what it plays came, silence or not
+  bool delivers = false;    // what it plays came, silence or not, or would come
   bool muted = false;
   bool can_be_muted = false;  // so that the recording goes on
 };

@@ -66,6 +66,7 @@ void listen_to_sound(SoundFacts* facts) {
   facts->error = source->open(stop, &device, &mix);
   if (facts->error == 0) facts->error = source->prepare(stop, AudioSource::Form::Converted);
   if (facts->error == 0) facts->error = source->start();
+  facts->delivers = facts->error == 0 && !source->sends_silence();
   const std::uint64_t deadline_us = lund_now_us() + SOUND_US;
   while (facts->error == 0 && !facts->delivers && lund_now_us() < deadline_us) {
     source->wait(SOUND_WAIT_MS);

@@ -21,6 +21,7 @@ class WasapiSource final : public AudioSource {
   WasapiSource& operator=(const WasapiSource&) = delete;
 
   const char* name() const override { return "WASAPI"; }
+  bool sends_silence() const override { return false; }
   std::uint32_t open(const std::atomic<bool>& stop, std::string* device, MixFormat* mix) override;
   std::uint32_t prepare(const std::atomic<bool>& stop, Form form) override;
   std::uint32_t start() override;

@@ -63,6 +63,7 @@ TEST_F(WasapiSourceTest, OpensTheDefaultOutputAndTellsItsIdAndHowItMixes) {
   EXPECT_EQ(mix_.block_align, 8);
   EXPECT_EQ(mix_.extra_bytes, 0);
   EXPECT_STREQ(source_.name(), "WASAPI");
+  EXPECT_FALSE(source_.sends_silence());
 }
 
 TEST_F(WasapiSourceTest, AnIdThatCannotBeReadCountsAsEmptyAndHindersNothing) {
