@@ -83,6 +83,8 @@ lund_client* lund_client_create(const lund_client_config* config) {
   if (!client) return nullptr;
 
   conn_base_init(&client->base, config);
+  // A lock may take memory when it is first held; from here on the engine takes none.
+  const std::lock_guard guard(client->base.lock);
   client->has_host_key = config->has_host_key ? 1 : 0;
   if (config->has_host_key) std::memcpy(client->host_key, config->host_key, LUND_KEY_SIZE);
   client->has_code = has_code ? 1 : 0;

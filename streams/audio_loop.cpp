@@ -62,12 +62,13 @@ std::uint32_t AudioLoop::start_source() {
   MixFormat mix;
   if (const std::uint32_t error = source_.open(request_.stop, &device, &mix)) return error;
   format_ = CONVERTED_FORMAT;
-  if (source_.start(request_.stop, AudioSource::Form::Converted) != 0) {
+  if (source_.prepare(request_.stop, AudioSource::Form::Converted) != 0) {
     const auto readable = readable_format(mix);
     if (!readable) return UNREADABLE_FORMAT;
-    if (const auto error = source_.start(request_.stop, AudioSource::Form::AsMixed)) return error;
+    if (const auto error = source_.prepare(request_.stop, AudioSource::Form::AsMixed)) return error;
     format_ = *readable;
   }
+  if (const std::uint32_t error = source_.start()) return error;
   hlog(
       "audio: loopback capture of the default output (%u Hz, %u ch%s) -> Opus 48 kHz stereo 10 ms "
       "128 kbps",

@@ -25,7 +25,7 @@ struct MixFormat {
   std::uint16_t block_align = 0;  // bytes of a frame
 };
 
-// One piece of sound, in the form that the source was started with.
+// One piece of sound, in the form that the source was prepared for.
 struct AudioBuffer {
   const std::uint8_t* data = nullptr;  // null: silence
   std::uint32_t frames = 0;
@@ -44,15 +44,21 @@ class AudioSource {
 
   virtual const char* name() const = 0;  // of the facility, as the log says it: "WASAPI"
 
+  // Whether sound comes while nothing plays, too.
+  virtual bool sends_silence() const { return true; }
+
   // Finds the default output device. `device` becomes its id, empty if that can't be read. Here and
-  // in `start` a source that has to wait gives up, with an error, within 50 ms after `stop` is set,
-  // and in any case after 5 s.
+  // in `prepare` a source that has to wait gives up, with an error, within 50 ms after `stop` is
+  // set, and in any case after 5 s.
   virtual std::uint32_t open(const std::atomic<bool>& stop, std::string* device,
                              MixFormat* mix) = 0;
 
-  // Begins to record what the opened device plays, with as little delay as the system allows. May
-  // be called again with another form after a failure.
-  virtual std::uint32_t start(const std::atomic<bool>& stop, Form form) = 0;
+  // Agrees with the system on the form in which the opened device is recorded, with as little delay
+  // as it allows. May be called again with another form after a failure.
+  virtual std::uint32_t prepare(const std::atomic<bool>& stop, Form form) = 0;
+
+  // Begins to record, in the form that was agreed on. Nothing to do where that began with it.
+  virtual std::uint32_t start() { return 0; }
 
   // Returns when there is sound to take, or after `wait_ms`.
   virtual void wait(std::uint32_t wait_ms) = 0;

@@ -86,7 +86,7 @@ void InputInjector::set_mac_keys(bool on) {
 // Desktops are told apart by name, since each opening gives another handle.
 bool InputInjector::track_desktop_locked() {
   if (!track_desktop_) return true;
-  OpenDesktop desktop(*sink_, sink_->open_input_desktop());
+  OwnedDesktop desktop(*sink_, sink_->open_input_desktop());
   if (!desktop || !desktop.name(&new_name_)) return false;
   const auto own = desktops_.find(std::this_thread::get_id());
   if (own != desktops_.end() && own->second.name(&own_name_) && own_name_ == new_name_) return true;

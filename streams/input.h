@@ -68,7 +68,7 @@ class InputInjector {
   void check_locked(const char* device, const SendResult& result);
 
   const std::unique_ptr<InputSink> sink_;
-  std::map<std::thread::id, OpenDesktop> desktops_;  // that each thread was last attached to
+  std::map<std::thread::id, OwnedDesktop> desktops_;  // that each thread was last attached to
   bool track_desktop_ = false;
   bool sas_pending_ = false;  // the chord's Delete has not come up yet
   std::string desktop_name_;  // where what is held was pressed

@@ -54,18 +54,18 @@ class InputSink {
 };
 
 // A desktop's handle, closed with its owner.
-class OpenDesktop {
+class OwnedDesktop {
  public:
-  OpenDesktop() = default;
-  OpenDesktop(InputSink& sink, InputSink::Desktop handle) : sink_(&sink), handle_(handle) {}
-  OpenDesktop(OpenDesktop&& other) noexcept
+  OwnedDesktop() = default;
+  OwnedDesktop(InputSink& sink, InputSink::Desktop handle) : sink_(&sink), handle_(handle) {}
+  OwnedDesktop(OwnedDesktop&& other) noexcept
       : sink_(other.sink_), handle_(std::exchange(other.handle_, InputSink::NO_DESKTOP)) {}
-  OpenDesktop& operator=(OpenDesktop&& other) noexcept {
+  OwnedDesktop& operator=(OwnedDesktop&& other) noexcept {
     std::swap(sink_, other.sink_);
     std::swap(handle_, other.handle_);
     return *this;
   }
-  ~OpenDesktop() {
+  ~OwnedDesktop() {
     if (*this) sink_->close_desktop(handle_);
   }
 

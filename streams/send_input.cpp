@@ -30,7 +30,7 @@ std::int32_t normalised(std::int32_t pixel, std::int32_t origin, std::int32_t ex
 }  // namespace
 
 Mouse move_to(DesktopPoint pixel, const VirtualScreen& screen) {
-  return {MOVE | VIRTUALDESK | ABSOLUTE, normalised(pixel.x, screen.x, screen.width),
+  return {MOVE | VIRTUALDESK | ABSOLUTE_MOVE, normalised(pixel.x, screen.x, screen.width),
           normalised(pixel.y, screen.y, screen.height), 0};
 }
 

@@ -13,7 +13,7 @@ inline constexpr std::uint32_t MOVE = 0x0001;
 inline constexpr std::uint32_t WHEEL = 0x0800;
 inline constexpr std::uint32_t HWHEEL = 0x1000;
 inline constexpr std::uint32_t VIRTUALDESK = 0x4000;
-inline constexpr std::uint32_t ABSOLUTE = 0x8000;
+inline constexpr std::uint32_t ABSOLUTE_MOVE = 0x8000;
 
 inline constexpr std::uint32_t EXTENDEDKEY = 1;
 inline constexpr std::uint32_t KEYUP = 2;

@@ -87,7 +87,7 @@ struct SoundFacts {
   std::string output;       // the default one; empty without one
   std::string facility;     // "PulseAudio"
   std::uint32_t error = 0;  // of the recording
-  bool delivers = false;    // what it plays came, silence or not
+  bool delivers = false;    // what it plays came, silence or not, or would come
   bool muted = false;
   bool can_be_muted = false;  // so that the recording goes on
 };
@@ -100,6 +100,13 @@ struct ClipboardFacts {
 };
 Finding check_clipboard(const ClipboardFacts& facts);
 
+// What to do about a store, in the platform's words.
+struct StoreAdvice {
+  std::string no_directory;  // without a place for one
+  std::string exposed;       // others get at it
+  std::string identity;      // it is damaged
+};
+
 struct StoreFacts {
   enum class Directory { None, Missing, NoDirectory, Exists };
   std::string path;
@@ -109,6 +116,7 @@ struct StoreFacts {
   std::vector<std::string> exposed;  // what others than its owner can read or write, by name
   std::optional<std::uint64_t> room_bytes;
   std::vector<keystore::StoredFile> files;
+  StoreAdvice advice;
 };
 Findings check_store(const StoreFacts& facts);
 

@@ -64,7 +64,9 @@ void listen_to_sound(SoundFacts* facts) {
   std::string device;
   MixFormat mix;
   facts->error = source->open(stop, &device, &mix);
-  if (facts->error == 0) facts->error = source->start(stop, AudioSource::Form::Converted);
+  if (facts->error == 0) facts->error = source->prepare(stop, AudioSource::Form::Converted);
+  if (facts->error == 0) facts->error = source->start();
+  facts->delivers = facts->error == 0 && !source->sends_silence();
   const std::uint64_t deadline_us = lund_now_us() + SOUND_US;
   while (facts->error == 0 && !facts->delivers && lund_now_us() < deadline_us) {
     source->wait(SOUND_WAIT_MS);
@@ -149,7 +151,7 @@ EncoderFacts probe_encoder() {
 InputFacts probe_input(const Platform& platform) {
   const std::unique_ptr<InputSink> sink = platform.make_input();
   const InputSink::Words words = sink->words();
-  const OpenDesktop desktop(*sink, sink->open_input_desktop());
+  const OwnedDesktop desktop(*sink, sink->open_input_desktop());
   return {static_cast<bool>(desktop), words.facility, words.usual_cause};
 }
 
@@ -210,6 +212,7 @@ StoreFacts probe_store() {
   using Directory = StoreFacts::Directory;
   StoreFacts facts;
   const std::filesystem::path directory = keystore::hostStoreDirectory();
+  facts.advice = doctor_platform::store_advice(directory);
   if (directory.empty()) return facts;
   facts.path = directory.string();
   std::error_code error;

@@ -57,7 +57,7 @@ class MemorySource final : public AudioSource {
     *mix = {.tag = 3, .rate = 44'100, .channels = 2, .bits = 32, .block_align = 8};
     return 0;
   }
-  std::uint32_t start(const std::atomic<bool>&, Form form) override {
+  std::uint32_t prepare(const std::atomic<bool>&, Form form) override {
     return form == Form::Converted && as_mixed_;
   }
   void wait(std::uint32_t) override { waiting_ = true; }

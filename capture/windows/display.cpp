@@ -81,15 +81,15 @@ std::vector<DisplayInfo> desktop_monitors() {
   return list;
 }
 
-ComPtr<IDXGIFactory1> display_factory() {
+ComPtr<IDXGIFactory1> display_factory(const Direct3d& api) {
   ComPtr<IDXGIFactory1> factory;
-  if (FAILED(system_direct3d().create_factory(IID_PPV_ARGS(&factory)))) return nullptr;
+  if (FAILED(api.create_factory(IID_PPV_ARGS(&factory)))) return nullptr;
   return factory;
 }
 
 std::vector<DisplayInfo> list_displays() {
-  return merge_displays(adapter_outputs(display_factory().Get()), desktop_monitors(),
-                        virtual_display_devices());
+  return merge_displays(adapter_outputs(display_factory(system_direct3d()).Get()),
+                        desktop_monitors(), virtual_display_devices());
 }
 
 bool display_bounds(const std::string& device, DesktopRect* bounds) {

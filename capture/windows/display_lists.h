@@ -6,7 +6,7 @@
 #include "capture/display.h"
 #include "capture/windows/direct3d.h"
 
-ComPtr<IDXGIFactory1> display_factory();  // null where there is no DXGI
+ComPtr<IDXGIFactory1> display_factory(const Direct3d& api);  // null where there is no DXGI
 
 // DXGI's: the outputs of all adapters that show a part of the desktop, one on two adapters twice.
 // Null: none.

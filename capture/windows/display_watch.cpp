@@ -10,7 +10,7 @@ bool DisplayWatch::current(const std::vector<DisplayInfo>& monitors) const {
 bool DisplayWatch::find(const std::string& device, DisplayInfo* out) {
   std::vector<DisplayInfo> monitors = desktop_monitors();
   if (!current(monitors)) {
-    factory_ = display_factory();
+    factory_ = display_factory(api_);
     displays_ =
         merge_displays(adapter_outputs(factory_.Get()), monitors, virtual_display_devices());
     monitors_ = std::move(monitors);

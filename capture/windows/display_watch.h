@@ -14,11 +14,14 @@
 
 class DisplayWatch {
  public:
+  explicit DisplayWatch(const Direct3d& api = system_direct3d()) : api_(api) {}  // outlives it
+
   bool find(const std::string& device, DisplayInfo* out);  // as find_display
 
  private:
   bool current(const std::vector<DisplayInfo>& monitors) const;
 
+  const Direct3d& api_;
   ComPtr<IDXGIFactory1> factory_;
   std::vector<DisplayInfo> monitors_;  // GDI's view when `displays_` was made
   std::vector<DisplayInfo> displays_;

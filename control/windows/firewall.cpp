@@ -25,7 +25,9 @@ std::wstring add_parameters(const std::filesystem::path& program) {
   wchar_t parameters[PARAMETERS_MAX];
   if (program.empty() || program.native().find(L'%') != std::wstring::npos) return {};
   const int count = std::swprintf(parameters, PARAMETERS_MAX, ADD_PARAMETERS, program.c_str());
-  return count < 0 ? std::wstring() : std::wstring(parameters, static_cast<std::size_t>(count));
+  // What doesn't fit is a negative count by the standard, and its whole length elsewhere.
+  const bool whole = count >= 0 && static_cast<std::size_t>(count) < PARAMETERS_MAX;
+  return whole ? std::wstring(parameters, static_cast<std::size_t>(count)) : std::wstring();
 }
 
 std::string failure_of(const ElevatedEnd& end) {

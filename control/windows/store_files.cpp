@@ -1,3 +1,6 @@
+#include <mutex>
+#include <shared_mutex>
+
 #include "control/store_platform.h"
 #include "control/windows/known_folder.h"
 #include "control/windows/store_attributes.h"
@@ -20,6 +23,32 @@ bool write_whole(HANDLE file, const void* data, std::size_t size) {
 bool names_directory(const std::filesystem::path& path) {
   const DWORD attributes = GetFileAttributesW(path.c_str());
   return attributes != INVALID_FILE_ATTRIBUTES && (attributes & FILE_ATTRIBUTE_DIRECTORY) != 0;
+}
+
+// A file that is open can't be replaced, so one thread's reading and another's replacing keep off
+// each other.
+std::shared_mutex& replacing() {
+  static std::shared_mutex& mutex = *new std::shared_mutex;
+  return mutex;
+}
+
+// Other programs, a scanner of files or another one of ours, hold a file open for moments.
+constexpr int TRIES = 100;
+constexpr DWORD PAUSE_MS = 10;
+
+// The last error, should it come to that, stands afterwards.
+template <class Attempt, class IsHeld>
+bool with_patience(const Attempt& attempt, const IsHeld& is_held) {
+  for (int left = TRIES; !attempt(); --left) {
+    if (left == 1 || !is_held(GetLastError())) return false;
+    Sleep(PAUSE_MS);
+  }
+  return true;
+}
+
+bool is_plain_file(const std::filesystem::path& path) {
+  const DWORD attributes = GetFileAttributesW(path.c_str());
+  return (attributes & (FILE_ATTRIBUTE_DIRECTORY | FILE_ATTRIBUTE_READONLY)) == 0;
 }
 
 }  // namespace
@@ -49,9 +78,16 @@ bool make_directory(const std::filesystem::path& directory) {
 
 Read read_file(const std::filesystem::path& path, std::size_t limit_bytes, std::string* bytes) {
   bytes->clear();
-  const Handle file = owned_file(CreateFileW(path.c_str(), GENERIC_READ, FILE_SHARE_READ, nullptr,
-                                             OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr));
-  if (!file) return is_missing(GetLastError()) ? Read::Missing : Read::Failed;
+  const std::shared_lock lock(replacing());
+  Handle file;
+  const bool opened = with_patience(
+      [&] {
+        file = owned_file(CreateFileW(path.c_str(), GENERIC_READ, FILE_SHARE_READ, nullptr,
+                                      OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr));
+        return static_cast<bool>(file);
+      },
+      [](DWORD error) { return error == ERROR_SHARING_VIOLATION; });
+  if (!opened) return is_missing(GetLastError()) ? Read::Missing : Read::Failed;
   LARGE_INTEGER file_size;
   if (GetFileType(file.get()) != FILE_TYPE_DISK || !GetFileSizeEx(file.get(), &file_size))
     return Read::Failed;
@@ -81,8 +117,14 @@ bool create_file(const std::filesystem::path& path, const void* data, std::size_
 }
 
 bool replace_file(const std::filesystem::path& from, const std::filesystem::path& to) {
-  return MoveFileExW(from.c_str(), to.c_str(),
-                     MOVEFILE_REPLACE_EXISTING | MOVEFILE_WRITE_THROUGH) != 0;
+  constexpr DWORD HOW = MOVEFILE_REPLACE_EXISTING | MOVEFILE_WRITE_THROUGH;
+  const std::unique_lock lock(replacing());
+  return with_patience([&] { return MoveFileExW(from.c_str(), to.c_str(), HOW) != 0; },
+                       // A name that is open is "access denied", as is one that can't be replaced.
+                       [&](DWORD error) {
+                         return error == ERROR_SHARING_VIOLATION ||
+                                (error == ERROR_ACCESS_DENIED && is_plain_file(to));
+                       });
 }
 
 bool remove_file(const std::filesystem::path& path) {

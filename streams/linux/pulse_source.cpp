@@ -144,7 +144,7 @@ void PulseSource::on_change(pa_context* context, pa_subscription_event_type_t, s
   if (asking) pa_operation_unref(asking);
 }
 
-std::uint32_t PulseSource::start(const std::atomic<bool>& stop, Form form) {
+std::uint32_t PulseSource::prepare(const std::atomic<bool>& stop, Form form) {
   end_stream();
   constexpr pa_sample_spec CONVERTED{PA_SAMPLE_FLOAT32LE, 48'000, 2};
   const bool converted = form == Form::Converted;

@@ -16,7 +16,7 @@ class PulseSource final : public AudioSource {
 
   const char* name() const override { return "PulseAudio"; }
   std::uint32_t open(const std::atomic<bool>& stop, std::string* device, MixFormat* mix) override;
-  std::uint32_t start(const std::atomic<bool>& stop, Form form) override;
+  std::uint32_t prepare(const std::atomic<bool>& stop, Form form) override;
   void wait(std::uint32_t wait_ms) override;
   std::uint32_t next_buffer(AudioBuffer* out) override;
   void release_buffer() override;

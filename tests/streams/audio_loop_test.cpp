@@ -94,7 +94,7 @@ using Form = AudioSource::Form;
 TEST_F(AudioLoopTest, AsksTheEngineToConvertFirstAndSaysWhatItCaptures) {
   device_.mix = {.tag = 1, .rate = 44'100, .channels = 6, .bits = 24, .block_align = 18};
   set_up();
-  EXPECT_THAT(device_.starts, ElementsAre(Form::Converted));
+  EXPECT_THAT(device_.prepared, ElementsAre(Form::Converted));
   EXPECT_EQ(log_.count("audio: loopback capture of the default output (44100 Hz, 6 ch, engine "
                        "converts) -> Opus 48 kHz stereo 10 ms 128 kbps"),
             1);
@@ -104,7 +104,7 @@ TEST_F(AudioLoopTest, WithAnEngineThatRefusesTakesTheMixItself) {
   device_.converted_error = 0x88890008;
   device_.mix = {.tag = 1, .rate = 44'100, .channels = 1, .bits = 16, .block_align = 2};
   set_up();
-  EXPECT_THAT(device_.starts, ElementsAre(Form::Converted, Form::AsMixed));
+  EXPECT_THAT(device_.prepared, ElementsAre(Form::Converted, Form::AsMixed));
   EXPECT_EQ(log_.count("audio: loopback capture of the default output (44100 Hz, 1 ch) -> Opus "
                        "48 kHz stereo 10 ms 128 kbps"),
             1);
@@ -122,7 +122,7 @@ TEST_F(AudioLoopTest, AnUnreadableMixFailsTheSetUp) {
   device_.converted_error = 0x88890008;
   device_.mix.bits = 64;
   set_up();
-  EXPECT_THAT(device_.starts, ElementsAre(Form::Converted));
+  EXPECT_THAT(device_.prepared, ElementsAre(Form::Converted));
   EXPECT_EQ(log_.count("audio: FakeAudio loopback setup failed (0x80004005); retrying in 2 s"), 1);
   EXPECT_EQ(device_.closes, 1);
 }
@@ -147,6 +147,14 @@ TEST_F(AudioLoopTest, BothFormsRefusedFailWithTheLastError) {
   device_.as_mixed_error = 0x8889000A;
   set_up();
   EXPECT_EQ(log_.count("audio: FakeAudio loopback setup failed (0x8889000a); retrying in 2 s"), 1);
+}
+
+TEST_F(AudioLoopTest, AConvertedRecordingThatDoesNotBeginIsNotTriedAsMixed) {
+  device_.start_error = 0x88890004;
+  set_up();
+  EXPECT_THAT(device_.prepared, ElementsAre(Form::Converted));
+  EXPECT_EQ(log_.count("audio: FakeAudio loopback setup failed (0x88890004); retrying in 2 s"), 1);
+  EXPECT_EQ(device_.closes, 1);
 }
 
 TEST_F(AudioLoopTest, StopEndsThePauseAfterAFailureWithinItsStep) {

@@ -35,12 +35,13 @@ struct Device {
   std::uint32_t open_error = 0;
   std::uint32_t converted_error = 0;
   std::uint32_t as_mixed_error = 0;
+  std::uint32_t start_error = 0;
   std::function<void()> during_open;
   std::deque<Delivery> deliveries;  // by time
 
   int opens = 0;
   int closes = 0;  // of an opened one
-  std::vector<AudioSource::Form> starts;
+  std::vector<AudioSource::Form> prepared;
 };
 
 class Source final : public AudioSource {
@@ -57,10 +58,11 @@ class Source final : public AudioSource {
     *mix = device_.mix;
     return device_.open_error;
   }
-  std::uint32_t start(const std::atomic<bool>&, Form form) override {
-    device_.starts.push_back(form);
+  std::uint32_t prepare(const std::atomic<bool>&, Form form) override {
+    device_.prepared.push_back(form);
     return form == Form::Converted ? device_.converted_error : device_.as_mixed_error;
   }
+  std::uint32_t start() override { return device_.start_error; }
   void wait(std::uint32_t wait_ms) override {
     const std::uint64_t now_us = lund_now_us();
     std::uint64_t until_us = now_us + wait_ms * std::uint64_t{1'000};

@@ -10,10 +10,9 @@
 // k data shards of random bytes and m parity shards of another known byte, each at an offset of its
 // own from any alignment. Everything is in bounds for a sanitizer to the byte.
 struct FecShards {
-  FecShards(int k_, int m_, std::size_t size_, std::mt19937::result_type seed,
-            std::size_t offset = 0)
+  FecShards(int k_, int m_, std::size_t size_, std::size_t seed, std::size_t offset = 0)
       : k(k_), m(m_), size(size_) {
-    std::mt19937 random(seed);
+    std::mt19937 random(static_cast<std::mt19937::result_type>(seed));
     for (int i = 0; i < k + m; ++i) {
       memory.emplace_back(offset + size, std::uint8_t{0xA5});
       if (i < k)

@@ -6,7 +6,7 @@
 #include "control/keystore_internal.h"
 
 MachineStore::MachineStore(const std::filesystem::path& place) : parent_(place) {
-  std::filesystem::permissions(parent(), std::filesystem::perms::owner_all);
+  make_private(parent());
   restart();
 }
 

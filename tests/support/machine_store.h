@@ -30,11 +30,12 @@ class MachineStore {
   TempDirectory parent_;
 };
 
-// A file for its owner alone, as the store's are.
+// Makes what is there, a file or a directory, the system's alone.
+void make_private(const std::filesystem::path& path);
+
 inline void write_private_text(const std::filesystem::path& path, const std::string& content) {
-  using std::filesystem::perms;
   write_file(path, content);
-  std::filesystem::permissions(path, perms::owner_read | perms::owner_write);
+  make_private(path);
 }
 
 // Why the process's store failed; empty while it is healthy.

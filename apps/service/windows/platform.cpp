@@ -3,21 +3,10 @@
 #include "apps/service/windows/event_log.h"
 #include "apps/service/windows/secure_attention.h"
 #include "apps/service/windows/service_control.h"
+#include "apps/terminal/requests.h"
 #include "control/security.h"
 
 namespace service_platform {
-
-namespace {
-
-// On a thread of the console's own. What closes the console ends the process as soon as this
-// returns, or after 5 s: until then the main thread may end it in order.
-BOOL WINAPI on_console(DWORD reason) {
-  service_control().ask_to_stop();
-  if (reason != CTRL_C_EVENT && reason != CTRL_BREAK_EVENT) Sleep(INFINITE);
-  return TRUE;
-}
-
-}  // namespace
 
 // The pipes' names are protected by the pipes' own descriptors: there is no place to prepare.
 Ready prepare(std::string* error) {
@@ -35,7 +24,8 @@ std::string secure_attention() {
 
 void watch_for_stop(WakeEvent& wake) {
   service_control().wake(wake);
-  if (!service_control().managed()) SetConsoleCtrlHandler(on_console, TRUE);
+  if (!service_control().managed())
+    watch_requests({.end = [] { service_control().ask_to_stop(); }});
 }
 
 bool stop_asked() {

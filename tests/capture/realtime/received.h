@@ -22,6 +22,7 @@ class Received {
       if (frame.keyframe) ++keyframes_;
       last_at_us_ = lund_now_us();
       last_.assign(frame.data, frame.data + frame.size);
+      if (frame.keyframe) last_keyframe_ = last_;
       changed_.notify_all();
     };
     pipeline.fatal_sink = [this](const char* reason) {
@@ -33,6 +34,7 @@ class Received {
   int frames() const { return read(frames_); }
   int keyframes() const { return read(keyframes_); }
   std::vector<std::uint8_t> last() const { return read(last_); }
+  std::vector<std::uint8_t> last_keyframe() const { return read(last_keyframe_); }
   std::uint64_t last_at_us() const { return read(last_at_us_); }
   std::string fatal() const { return read(fatal_); }
   bool wait_for_frames(int count) {
@@ -62,6 +64,7 @@ class Received {
   int frames_ = 0;
   int keyframes_ = 0;
   std::vector<std::uint8_t> last_;
+  std::vector<std::uint8_t> last_keyframe_;
   std::uint64_t last_at_us_ = 0;
   std::string fatal_;
 };

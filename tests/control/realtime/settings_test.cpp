@@ -7,7 +7,6 @@
 
 #include "control/keystore.h"
 #include "control/keystore_internal.h"
-#include "tests/support/machine_store.h"
 #include "tests/support/temp_directory.h"
 
 namespace {
@@ -92,34 +91,6 @@ TEST_F(StoredSettings, MalformedOnesAreNeverTakenForTheDefaults) {
     write_file(file(), std::string(size, '\0'));
     EXPECT_THROW(host_app::load_settings(), std::runtime_error) << size;
   }
-}
-
-class MachineSettings : public testing::Test {
- protected:
-  void SetUp() override {
-    if (!MachineStore::possible()) GTEST_SKIP() << MachineStore::WHY_NOT;
-    ASSERT_EQ(store_.configure(), "");
-  }
-  MachineStore store_;
-};
-
-TEST_F(MachineSettings, Of15BytesEndTheStartAndFailTheStore) {
-  write_private_text(store_ / "settings", std::string(15, 'x'));
-  std::string said;
-  try {
-    host_app::load_settings();
-  } catch (const std::runtime_error& error) {
-    said = error.what();
-  }
-  EXPECT_EQ(said, "machine settings malformed");
-  EXPECT_EQ(store_failure(), "machine settings malformed");
-  EXPECT_EQ(store_.configure(), "machine settings malformed");
-}
-
-TEST_F(MachineSettings, AreThereForTheNextProcess) {
-  ASSERT_TRUE(host_app::save_settings({.fps = 30}));
-  ASSERT_EQ(store_.configure(), "");
-  EXPECT_EQ(host_app::load_settings().fps, 30);
 }
 
 }  // namespace

@@ -38,7 +38,7 @@ class QuietSource final : public AudioSource {
     while (record_.open_hangs && !stop) std::this_thread::sleep_for(10ms);
     return record_.open_error;
   }
-  std::uint32_t start(const std::atomic<bool>&, Form) override { return 0; }
+  std::uint32_t prepare(const std::atomic<bool>&, Form) override { return 0; }
   void wait(std::uint32_t wait_ms) override {
     look();
     std::this_thread::sleep_for(std::chrono::milliseconds(wait_ms));

@@ -7,15 +7,18 @@
 #include <unistd.h>
 
 #include <cstring>
+#include <map>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "control/keystore.h"
+#include "control/keystore_inspect.h"
 #include "control/keystore_internal.h"
 #include "control/log.h"
 #include "control/sysinfo.h"
 #include "tests/support/linux/environment.h"
+#include "tests/support/store_values.h"
 #include "tests/support/temp_directory.h"
 
 namespace {
@@ -70,6 +73,44 @@ TEST_F(LinuxStore, WithoutTheVariableItLiesBelowTheHomeDirectory) {
   }
 }
 
+TEST_F(LinuxStore, EveryFlippedBitOfASecretFileAndEveryByteMoreIsNoticed) {
+  keystore::load_or_create_identity(nullptr);
+  const std::string whole = file_content(store() / "identity");
+  std::string text;
+  for (std::size_t bit = 0; bit < whole.size() * 8; ++bit) {
+    std::string damaged = whole;
+    damaged[bit / 8] = static_cast<char>(damaged[bit / 8] ^ (1 << bit % 8));
+    write_file(store() / "identity", damaged);
+    ASSERT_EQ(keystore::internal::read_protected("identity", &text),
+              keystore::internal::Read::Failed)
+        << bit;
+    ASSERT_EQ(text, "");
+  }
+  write_file(store() / "identity", whole + '\0');
+  EXPECT_EQ(keystore::internal::read_protected("identity", &text),
+            keystore::internal::Read::Failed);
+  write_file(store() / "identity", whole);
+  EXPECT_EQ(keystore::internal::read_protected("identity", &text), keystore::internal::Read::Ok);
+}
+
+TEST_F(LinuxStore, OneSecretFileIsNotAcceptedInThePlaceOfAnother) {
+  ASSERT_TRUE(keystore::save_password_blob("secret"));
+  std::filesystem::copy_file(store() / "pairing_password", store() / "relays");
+  std::string text;
+  EXPECT_EQ(keystore::internal::read_protected("relays", &text), keystore::internal::Read::Failed);
+}
+
+TEST_F(LinuxStore, WritingTheSameSecretTwiceGivesUnrelatedFiles) {
+  ASSERT_TRUE(keystore::save_password_blob(password_blob()));
+  const std::string first = file_content(store() / "pairing_password");
+  ASSERT_TRUE(keystore::save_password_blob(password_blob()));
+  const std::string second = file_content(store() / "pairing_password");
+  ASSERT_EQ(first.size(), second.size());
+  std::size_t equal = 0;
+  for (std::size_t i = 0; i < first.size(); ++i) equal += first[i] == second[i] ? 1 : 0;
+  EXPECT_LT(equal, first.size() / 4);
+}
+
 TEST_F(LinuxStore, SecretsStayShutOnAnotherComputer) {
   keystore::load_or_create_identity(nullptr);
   std::string text;
@@ -104,6 +145,19 @@ TEST_F(LinuxStore, AMissingKeyFileShutsTheSecretsAndTheNextWriteMakesANewOne) {
   EXPECT_FALSE(std::filesystem::exists(store() / "store.key"));
   ASSERT_TRUE(keystore::save_password_blob("new"));
   EXPECT_EQ(keystore::load_password_blob(), "new");
+}
+
+TEST_F(LinuxStore, LookingAtAStoreWithoutItsKeyMakesNone) {
+  keystore::load_or_create_identity(nullptr);
+  ASSERT_TRUE(keystore::save_clients({}));
+  std::filesystem::remove(store() / "store.key");
+  using State = keystore::StoredFile::State;
+  std::map<std::string, State> states;
+  for (const keystore::StoredFile& stored : keystore::inspect_store())
+    states[stored.name] = stored.state;
+  EXPECT_EQ(states["identity"], State::Unreadable);
+  EXPECT_EQ(states["authorized_clients"], State::Whole);
+  EXPECT_FALSE(std::filesystem::exists(store() / "store.key"));
 }
 
 TEST_F(LinuxStore, ADamagedKeyFileIsKeptAside) {

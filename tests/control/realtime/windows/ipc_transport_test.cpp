@@ -21,7 +21,7 @@ class IpcNeighbours : public IpcPipes {
  protected:
   // A neighbour as LocalSystem that serves the name, and this process's connection to it.
   void meet_system_server() {
-    server_process_.emplace(Neighbour::As::System);
+    server_process_.emplace(As::System);
     if (!*server_process_) GTEST_SKIP() << Neighbour::NO_SYSTEM;
     handle_ = server_process_->tell("serve " + name_);
     ASSERT_NE(handle_, "no");
@@ -202,7 +202,7 @@ TEST_F(IpcNeighbours, TheSystemsServerIsTrustedByItsOwnNumberOrWithoutOne) {
 }
 
 TEST_F(IpcNeighbours, APipeThatIsNotTheSystemsIsNobodysWhoeverServesIt) {
-  server_process_.emplace(Neighbour::As::System);
+  server_process_.emplace(As::System);
   if (!*server_process_) GTEST_SKIP() << Neighbour::NO_SYSTEM;
   ASSERT_NE(server_process_->tell("serve " + name_ + " plain"), "no");
   client_ = open_pipe(name_, nullptr, LONG_MS);
@@ -229,7 +229,7 @@ TEST_F(IpcNeighbours, AServerThatEndedIsNotTrustedThoughItsPipeIsStillOpen) {
 }
 
 TEST_F(IpcNeighbours, AWorkerIsTheVeryProcessOfTheSystemInItsSession) {
-  Neighbour worker(Neighbour::As::System), other(Neighbour::As::System);
+  Neighbour worker(As::System), other(As::System);
   if (!worker) GTEST_SKIP() << Neighbour::NO_SYSTEM;
   meet_client(worker);
   const Process process = Process::open(worker.id()), another = Process::open(other.id());

@@ -251,7 +251,7 @@ TEST(Processes, AnOrdinaryUsersIsNotTheSystems) {
 }
 
 TEST(Processes, LocalSystemsIsTheSystemsInTheSessionOfItsToken) {
-  Neighbour neighbour(Neighbour::As::System);
+  Neighbour neighbour(As::System);
   if (!neighbour) GTEST_SKIP() << Neighbour::NO_SYSTEM;
   const Process process = Process::open(neighbour.id());
   DWORD own_session = 0;

@@ -259,8 +259,9 @@ class UnconvertedSource final : public AudioSource {
   std::uint32_t open(const std::atomic<bool>& stop, std::string* device, MixFormat* mix) override {
     return pulse_.open(stop, device, mix);
   }
-  std::uint32_t start(const std::atomic<bool>& stop, Form form) override {
-    return form == Form::Converted ? std::uint32_t{PA_ERR_NOTSUPPORTED} : pulse_.start(stop, form);
+  std::uint32_t prepare(const std::atomic<bool>& stop, Form form) override {
+    return form == Form::Converted ? std::uint32_t{PA_ERR_NOTSUPPORTED}
+                                   : pulse_.prepare(stop, form);
   }
   void wait(std::uint32_t wait_ms) override { pulse_.wait(wait_ms); }
   std::uint32_t next_buffer(AudioBuffer* out) override { return pulse_.next_buffer(out); }

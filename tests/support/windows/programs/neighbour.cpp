@@ -3,6 +3,7 @@
 #include <iostream>
 #include <sstream>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "control/windows/overlapped.h"
@@ -29,6 +30,7 @@ class Program {
     if (verb == "mutex" && words >> name) return hold(to_wide(name));
     if (verb == "close") {
       pipe_.reset();
+      others_.clear();
       return "yes";
     }
     int value = 0;
@@ -43,6 +45,7 @@ class Program {
 
   std::string serve(const std::wstring& name, bool plain) {
     SecurityAttributes system(L"O:SYG:SYD:P(A;;GA;;;SY)(A;;GRGW;;;BA)");
+    if (pipe_) others_.push_back(std::move(pipe_));
     pipe_ = owned_file(CreateNamedPipeW(
         name.c_str(), PIPE_ACCESS_DUPLEX | FILE_FLAG_OVERLAPPED | FILE_FLAG_FIRST_PIPE_INSTANCE,
         PIPE_REJECT_REMOTE_CLIENTS, 4, 4'096, 4'096, 0, plain ? nullptr : system.get()));
@@ -84,6 +87,7 @@ class Program {
   }
 
   Handle pipe_, mutex_;
+  std::vector<Handle> others_;  // that were served before
 };
 
 }  // namespace

@@ -41,7 +41,7 @@ class MachineKeystore : public testing::Test {
   void block(const std::string& name) {
     std::filesystem::remove(store_ / name);
     std::filesystem::create_directories(store_ / name / "in the way");
-    std::filesystem::permissions(store_ / name, std::filesystem::perms::owner_all);
+    make_private(store_ / name);
   }
 
   MachineStore store_;
@@ -52,7 +52,7 @@ class MachineKeystore : public testing::Test {
 TEST_F(MachineKeystore, AnEmptyFreshlyCreatedDirectoryPassesAndGetsAnIdentityThatLasts) {
   std::filesystem::remove_all(store_.path());
   ASSERT_TRUE(std::filesystem::create_directory(store_.path()));
-  std::filesystem::permissions(store_.path(), std::filesystem::perms::owner_all);
+  make_private(store_.path());
   EXPECT_EQ(store_.configure(), "");
   EXPECT_TRUE(std::filesystem::exists(store_ / "identity"));
   bool created = true;
@@ -138,10 +138,7 @@ TEST_F(MachineKeystore, EveryDamagedFileIsRefusedAtTheStartAndStaysAsItWas) {
       {"relays", plain("relays", "lunderhaze-relays-v1\n"), "machine relays unreadable"},
       {"relays", sealed("relays", "lunderhaze-relays-v1\nhttp://example\n"),
        "machine relays malformed"},
-      {"store.key", plain("store.key", ""), IDENTITY},
-      {"store.key", plain("store.key", std::string(49, 'k')), IDENTITY},
   };
-  const std::string whole_key = file_content(store_ / "store.key");
   const std::string whole_identity = file_content(store_ / "identity");
   for (const Damage& damage : damages) {
     damage.make(store_);
@@ -149,9 +146,7 @@ TEST_F(MachineKeystore, EveryDamagedFileIsRefusedAtTheStartAndStaysAsItWas) {
     EXPECT_EQ(store_.configure(), damage.said) << damage.what << ": " << before.substr(0, 80);
     EXPECT_EQ(file_content(store_ / damage.what), before) << damage.what;
     EXPECT_FALSE(std::filesystem::exists(store_ / "identity.bad"));
-    EXPECT_FALSE(std::filesystem::exists(store_ / "store.key.bad"));
     std::filesystem::remove(store_ / damage.what);
-    write_private_text(store_ / "store.key", whole_key);
     write_private_text(store_ / "identity", whole_identity);
     ASSERT_EQ(store_.configure(), "") << damage.what;
   }
@@ -183,29 +178,6 @@ TEST_F(MachineKeystore, ThePasswordsTextIsFiveFieldsWithinTheirBounds) {
     ASSERT_TRUE(write_protected("pairing_password", text));
     EXPECT_EQ(store_.configure(), good ? "" : "machine pairing password malformed") << text;
   }
-}
-
-TEST_F(MachineKeystore, ADamagedKeyFileIsNoticedEvenBeforeThereIsASecret) {
-  for (const std::string& damaged : {std::string(), std::string(49, 'k'), std::string(5000, 'k')}) {
-    std::filesystem::remove(store_ / "identity");
-    write_private_text(store_ / "store.key", damaged);
-    EXPECT_EQ(store_.configure(), "machine identity persistence failed");
-    EXPECT_EQ(file_content(store_ / "store.key"), damaged);
-    EXPECT_FALSE(std::filesystem::exists(store_ / "identity"));
-  }
-}
-
-TEST_F(MachineKeystore, AnUnreadableKeyFileIsNoticedEvenBeforeThereIsASecret) {
-  std::filesystem::remove(store_ / "identity");
-  block("store.key");
-  EXPECT_EQ(store_.configure(), "machine identity persistence failed");
-  EXPECT_TRUE(std::filesystem::is_directory(store_ / "store.key"));
-}
-
-TEST_F(MachineKeystore, AMissingKeyFileShutsTheSecretsAndIsNotReplacedUnderThem) {
-  std::filesystem::remove(store_ / "store.key");
-  EXPECT_EQ(store_.configure(), "machine identity is unreadable or malformed");
-  EXPECT_FALSE(std::filesystem::exists(store_ / "store.key"));
 }
 
 // Records
@@ -311,13 +283,6 @@ TEST_F(MachineKeystore, AFailedStoreKeepsItsFirstReasonAndRefusesEveryChange) {
   EXPECT_EQ(store_failure(), "first");
   EXPECT_EQ(entry_count(store_.path()), entries);
   EXPECT_EQ(file_content(store_ / "pairing_password"), before);
-}
-
-TEST_F(MachineKeystore, AFailedStoreMakesNoKeyFile) {
-  std::filesystem::remove(store_ / "store.key");
-  keystore::failHostStore("first");
-  EXPECT_FALSE(write_protected("anything", "x"));
-  EXPECT_FALSE(std::filesystem::exists(store_ / "store.key"));
 }
 
 TEST_F(MachineKeystore, AHostFileNamedWithADotOrASlashFailsTheStore) {

@@ -1,0 +1,85 @@
+// The input desktop as a capture's thread follows it.
+#include "capture/windows/session_desktop.h"
+
+#include <gtest/gtest.h>
+
+#include "capture/windows/input_desktop.h"
+
+namespace {
+
+using Look = InputDesktop::Look;
+
+HDESK threads_desktop() {
+  return GetThreadDesktop(GetCurrentThreadId());
+}
+std::string name_of(HDESK desktop) {
+  std::string name;
+  return read_desktop_name(desktop, &name) ? name : "";
+}
+
+TEST(SessionDesktop, IsDefaultAndTheSameWhileHeld) {
+  const auto desktop = make_session_desktop();
+  EXPECT_EQ(desktop->name(), "");
+  EXPECT_FALSE(desktop->matches());
+  EXPECT_FALSE(desktop->enter()) << "none has been found";
+  ASSERT_EQ(desktop->look(), Look::Other);
+  ASSERT_TRUE(desktop->enter());
+  EXPECT_EQ(desktop->name(), "Default");
+  EXPECT_EQ(desktop->look(), Look::Same);
+  EXPECT_TRUE(desktop->matches());
+  desktop->leave();
+  EXPECT_EQ(desktop->name(), "");
+  EXPECT_FALSE(desktop->matches());
+  EXPECT_EQ(desktop->look(), Look::Other);
+}
+
+TEST(SessionDesktop, LeavingReturnsTheThreadAndGivesTheDesktopBack) {
+  HDESK const own = threads_desktop();
+  const auto desktop = make_session_desktop();
+  ASSERT_EQ(desktop->look(), Look::Other);
+  ASSERT_TRUE(desktop->enter());
+  HDESK const held = threads_desktop();
+  EXPECT_NE(held, own);
+  EXPECT_EQ(name_of(held), "Default");
+  desktop->leave();
+  EXPECT_EQ(threads_desktop(), own);
+  EXPECT_EQ(name_of(held), "") << "still open";
+}
+
+// Switching works under Wine 10, not under Wine 8.
+class SwitchedDesktop : public testing::Test {
+ protected:
+  void SetUp() override {
+    ASSERT_TRUE(other_);
+    ASSERT_TRUE(first_);
+    ASSERT_EQ(desktop_->look(), Look::Other);
+    ASSERT_TRUE(desktop_->enter());
+  }
+  void TearDown() override {
+    SwitchDesktop(first_.get());
+    desktop_->leave();
+  }
+
+  const DesktopHandle first_ = open_input_desktop(DESKTOP_READOBJECTS | DESKTOP_SWITCHDESKTOP);
+  const DesktopHandle other_{CreateDesktopW(L"Secure", nullptr, nullptr, 0, GENERIC_ALL, nullptr)};
+  const std::unique_ptr<InputDesktop> desktop_ = make_session_desktop();
+};
+
+TEST_F(SwitchedDesktop, IsAnotherAndIsEntered) {
+  ASSERT_TRUE(SwitchDesktop(other_.get()));
+  EXPECT_FALSE(desktop_->matches());
+  ASSERT_EQ(desktop_->look(), Look::Other);
+  HDESK const left = threads_desktop();
+  ASSERT_TRUE(desktop_->enter());
+  EXPECT_EQ(desktop_->name(), "Secure");
+  EXPECT_EQ(name_of(threads_desktop()), "Secure");
+  EXPECT_EQ(name_of(left), "") << "the former is still open";
+  EXPECT_TRUE(desktop_->matches());
+  ASSERT_TRUE(SwitchDesktop(first_.get()));
+  EXPECT_FALSE(desktop_->matches());
+  ASSERT_EQ(desktop_->look(), Look::Other);
+  ASSERT_TRUE(desktop_->enter());
+  EXPECT_EQ(desktop_->name(), "Default");
+}
+
+}  // namespace
