@@ -1,8 +1,7 @@
-// How this program comes to run on its platform: what it says of itself there, sub-commands of the
-// platform's own, and who starts the run. Link-time seam, as platform.h. Main thread.
+// What this program is on its platform: what it says of itself there, and sub-commands of the
+// platform's own. Link-time seam, as platform.h. Main thread.
 #pragma once
 
-#include <functional>
 #include <vector>
 
 #include "apps/service/options.h"
@@ -20,8 +19,5 @@ struct Command {
 };
 // Where there are any, the run is a sub-command beside them, "run"; otherwise it is all there is.
 const std::vector<Command>& commands();
-
-// Under the service manager, if that started this process; in the foreground otherwise.
-ServiceExit run_managed(const std::function<ServiceExit()>& run);
 
 }  // namespace service_platform

@@ -23,9 +23,7 @@ void take_options(CLI::App& app, ServiceOptions& options) {
 
 int run_program(int argc, char** argv) {
   ServiceOptions options;
-  ServiceExit (*carry_out)(const ServiceOptions&) = [](const ServiceOptions& given) {
-    return service_platform::run_managed([&given] { return run_service(given); });
-  };
+  ServiceExit (*carry_out)(const ServiceOptions&) = run_service;
   CLI::App app{service_platform::DESCRIPTION};
   app.set_version_flag("--version", LUND_VERSION_TEXT);
   take_options(app, options);
@@ -34,7 +32,7 @@ int run_program(int argc, char** argv) {
       app.add_subcommand(command.name, command.help)->fallthrough()->callback([&] {
         carry_out = command.carry_out;
       });
-    app.add_subcommand("run", "Serve, in the foreground or as the service")->fallthrough();
+    app.add_subcommand("run", "Serve in the foreground, until Ctrl+C")->fallthrough();
     app.require_subcommand(1);
   }
   app.footer(service_platform::EXIT_STATUSES);

@@ -14,8 +14,4 @@ const std::vector<Command>& commands() {
   return none;
 }
 
-ServiceExit run_managed(const std::function<ServiceExit()>& run) {
-  return run();
-}
-
 }  // namespace service_platform

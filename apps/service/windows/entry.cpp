@@ -15,6 +15,9 @@ namespace service_platform {
 
 namespace {
 
+// What the service manager starts. Told by a word: a process can't ask in a bounded time whether it
+// was started by the manager.
+constexpr char SERVE[] = "service";
 constexpr DWORD STOP_MS = 30'000;  // what the service itself has, and some
 
 ServiceExit fail(ServiceExit status, const std::string& text) {
@@ -58,7 +61,7 @@ ServiceExit install(const ServiceOptions& options) {
                                        "beside it; put the programs into a directory such as "
                                        "C:\\Program Files\\Lunderhaze");
   }
-  std::vector<std::string> words = {program.string(), "run"};
+  std::vector<std::string> words = {program.string(), SERVE};
   if (!options.worker.empty()) words.insert(words.end(), {"--worker", worker.string()});
   for (const auto& [name, value] : options.session) words.insert(words.end(), {name, value});
   const Registered registered = register_service({}, SERVICE_NAME, command_line_of(words));
@@ -81,6 +84,11 @@ ServiceExit uninstall(const ServiceOptions&) {
   return tell(removed, "");
 }
 
+ServiceExit serve(const ServiceOptions& options) {
+  return static_cast<ServiceExit>(
+      run_under_manager([&options] { return run_service(options); }, EXIT_LOCAL));
+}
+
 }  // namespace
 
 const char* const DESCRIPTION =
@@ -97,12 +105,9 @@ const std::vector<Command>& commands() {
   static const std::vector<Command> own = {
       {"install", "Make it a service that starts with Windows, or change the one that is", install},
       {"uninstall", "Stop the service and remove it", uninstall},
+      {SERVE, "Serve as the service that Windows starts", serve},
   };
   return own;
-}
-
-ServiceExit run_managed(const std::function<ServiceExit()>& run) {
-  return static_cast<ServiceExit>(run_under_manager(run, EXIT_LOCAL));
 }
 
 }  // namespace service_platform

@@ -1,5 +1,6 @@
 #include "apps/service/windows/managed_run.h"
 
+#include <cstdio>
 #include <exception>
 
 #include "apps/service/windows/event_log.h"
@@ -32,14 +33,14 @@ void WINAPI service_main(DWORD, wchar_t**) {
 
 }  // namespace
 
-int run_under_manager(const std::function<int()>& run, int on_throw) {
-  ManagedRun managed{run, on_throw};
+int run_under_manager(const std::function<int()>& run, int on_failure) {
+  ManagedRun managed{run, on_failure};
   g_run = &managed;
   std::wstring name = SERVICE_NAME;
   const SERVICE_TABLE_ENTRYW services[] = {{name.data(), service_main}, {nullptr, nullptr}};
   if (StartServiceCtrlDispatcherW(services)) return managed.result;
-  if (GetLastError() == ERROR_FAILED_SERVICE_CONTROLLER_CONNECT) return run();
-  write_event("the service manager can't be reached (error " + std::to_string(GetLastError()) + ")",
-              EventKind::Failure);
-  return on_throw;
+  const std::string error = std::to_string(GetLastError());
+  std::fprintf(stderr, "only the service manager starts this (error %s)\n", error.c_str());
+  write_event("the service manager can't be reached (error " + error + ")", EventKind::Failure);
+  return on_failure;
 }

@@ -172,7 +172,7 @@ TEST_F(ManagerTest, IsStartedAgainAfterItWasStopped) {
   EXPECT_EQ(happened(), "ready\nstop\nready\nstop\n");
 }
 
-TEST_F(ManagerTest, AProcessThatItDidNotStartRunsInTheForeground) {
+TEST_F(ManagerTest, AProcessThatItDidNotStartIsNoService) {
   bool ran = false;
   EXPECT_EQ(run_under_manager(
                 [&ran] {
@@ -180,8 +180,8 @@ TEST_F(ManagerTest, AProcessThatItDidNotStartRunsInTheForeground) {
                   return 5;
                 },
                 4),
-            5);
-  EXPECT_TRUE(ran);
+            4);
+  EXPECT_FALSE(ran);
   EXPECT_FALSE(service_control().managed());
 }
 

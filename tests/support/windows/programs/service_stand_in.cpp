@@ -3,8 +3,8 @@
 //   fault            ends by an exception that it doesn't handle
 //   wait             until it is killed
 //   tell FILE        writes what it was started with into the file, a "name=value" a line
-//   serve CODE FILE  a service as the SCM runs one: until it is stopped, then ends with that code;
-//                    without the SCM 77. The file gets a line for each thing that becomes of it
+//   serve CODE FILE  a service as the SCM runs one: until it is stopped, then ends with that code.
+//                    The file gets a line for each thing that becomes of it
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
@@ -18,8 +18,6 @@
 #include "control/windows/wide_text.h"
 
 namespace {
-
-constexpr int UNMANAGED = 77;
 
 std::wstring desktop_name() {
   wchar_t name[256] = L"";
@@ -48,7 +46,6 @@ int tell(const char* file) {
 int serve(int code, const char* file) {
   return run_under_manager(
       [&] {
-        if (!service_control().managed()) return UNMANAGED;
         std::ofstream out(file, std::ios::binary | std::ios::app);
         static WakeEvent wake(WakeEvent::Reset::Auto);
         service_platform::watch_for_stop(wake);
