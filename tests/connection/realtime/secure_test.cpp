@@ -3,21 +3,21 @@
 
 #include <gtest/gtest.h>
 
-#include <barrier>
 #include <set>
 #include <thread>
 
 #include "connection/byte_order.h"
 #include "tests/support/session_pair.h"
+#include "tests/support/start_line.h"
 
 namespace {
 
 TEST(Seal, NoTwoRecordsOfConcurrentThreadsShareANonce) {
-  constexpr std::size_t THREADS = 4;
+  constexpr int THREADS = 4;
   constexpr std::size_t RECORDS = 5'000;
   session_pair pair;
   std::vector<std::uint64_t> counters[THREADS];
-  std::barrier together(THREADS);
+  StartLine together(THREADS);
   {
     std::vector<std::jthread> threads;
     for (auto& own : counters) {
