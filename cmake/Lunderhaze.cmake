@@ -99,6 +99,10 @@ else()
   find_package(CLI11 REQUIRED)
 endif()
 
+# For tests and fuzz targets that make PNGs of their own.
+set(ZLIB_USE_STATIC_LIBS ${WIN32})
+find_package(ZLIB REQUIRED)
+
 # lund_version_header(FOLDER): "FOLDER/version.h" for the programs of the calling folder.
 execute_process(COMMAND git -C ${CMAKE_SOURCE_DIR} describe --always --dirty
   OUTPUT_VARIABLE LUND_BUILD_ID OUTPUT_STRIP_TRAILING_WHITESPACE ERROR_QUIET)
@@ -152,10 +156,18 @@ endfunction()
 # match, with each of its tests known to ctest by its own name, and by what it needs: "virtual" runs
 # on the virtual clock, "realtime" has threads, sockets or files, "system" runs the programs. Suites
 # called ...SoakTest take minutes: ctest doesn't know them, scripts/soak runs them. NEEDS names a
-# fixture of ctest's that is set up before.
+# fixture of ctest's that is set up before; WITHOUT a folder: the tests of it are left out.
 function(lund_test name)
-  cmake_parse_arguments(arg "" "LABEL;NEEDS" "LIBS" ${ARGN})
+  cmake_parse_arguments(arg "" "LABEL;NEEDS;WITHOUT" "LIBS" ${ARGN})
   file(GLOB sources CONFIGURE_DEPENDS ${arg_UNPARSED_ARGUMENTS})
+  if(arg_WITHOUT)
+    foreach(source ${sources})
+      file(STRINGS ${source} includes REGEX "^#include \"${arg_WITHOUT}/")
+      if(includes)
+        list(REMOVE_ITEM sources ${source})
+      endif()
+    endforeach()
+  endif()
   if(NOT sources)
     return()
   endif()

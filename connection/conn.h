@@ -11,6 +11,7 @@
 #include "connection/clock.h"
 #include "connection/lists.h"
 #include "connection/netsock.h"
+#include "connection/printf_format.h"
 #include "connection/rendezvous.h"
 #include "connection/secure.h"
 
@@ -116,9 +117,7 @@ int conn_servers_load(lund_conn_server* servers, const lund_relay_config* relays
 lund_conn_event* conn_ev_push(lund_conn_base* base, std::uint32_t type);
 int conn_ev_pop(lund_conn_base* base, lund_conn_event* event_out);  // 1 or 0
 
-#if defined(__GNUC__)
-__attribute__((format(printf, 2, 3)))
-#endif
+LUND_PRINTF(2, 3)
 void conn_log(lund_conn_base* base, const char* format, ...);  // cut to 511 characters
 
 void conn_send(lund_conn_base* base, const lund_rv_endpoint& to, const std::uint8_t* bytes,

@@ -6,6 +6,8 @@
 
 #include <filesystem>
 
+#include "connection/printf_format.h"
+
 // Opens `<directory>/host.log` for appending and writes the banner. Later calls replace the file.
 void log_open(bool console, const std::filesystem::path& directory);
 
@@ -14,16 +16,10 @@ void log_open(bool console);
 
 void log_close();  // later lines reach the console only
 
-#if defined(__GNUC__)
-#define LUND_PRINTF __attribute__((format(printf, 1, 2)))
-#else
-#define LUND_PRINTF
-#endif
-
 // A line of at most 2,047 characters; on the console with the time of day.
-void hlog(const char* format, ...) LUND_PRINTF;
+LUND_PRINTF(1, 2) void hlog(const char* format, ...);
 
 // The same line in the file; on the console bare, for what a person there is meant to read.
-void hsay(const char* format, ...) LUND_PRINTF;
+LUND_PRINTF(1, 2) void hsay(const char* format, ...);
 
 std::filesystem::path log_file_path();

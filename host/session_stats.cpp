@@ -3,16 +3,15 @@
 #include <cstdarg>
 #include <cstdio>
 
+#include "connection/printf_format.h"
+
 namespace {
 
 // Appends to a line of fixed size; what doesn't fit is cut.
 class Line {
  public:
-#if defined(__GNUC__)
-  __attribute__((format(printf, 2, 3)))
-#endif
-  void
-  append(const char* format, ...) {
+  LUND_PRINTF(2, 3)
+  void append(const char* format, ...) {
     if (length_ >= sizeof text_ - 1) return;
     va_list arguments;
     va_start(arguments, format);
@@ -20,9 +19,7 @@ class Line {
     va_end(arguments);
     if (written > 0) length_ += static_cast<std::size_t>(written);
   }
-  std::string str() const {
-    return text_;
-  }
+  std::string str() const { return text_; }
 
  private:
   char text_[512] = {};

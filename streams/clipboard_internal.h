@@ -8,6 +8,7 @@
 #include <memory>
 #include <optional>
 
+#include "connection/printf_format.h"
 #include "streams/clipboard.h"
 
 inline constexpr std::uint32_t CLIP_PACKET_MAX = 1472;  // an Ethernet frame's, as UDP over IPv4
@@ -28,8 +29,7 @@ inline bool clip_older(std::uint32_t id, std::uint32_t than) {
 }
 
 // One line to the configured log, cut at 255 characters.
-[[gnu::format(printf, 2, 3)]] void clip_log(const lund_clip_config& config, const char* format,
-                                            ...);
+LUND_PRINTF(2, 3) void clip_log(const lund_clip_config& config, const char* format, ...);
 
 // As lund_clip_create, but what its thread would do is done by lund_clip_step.
 lund_clip* lund_clip_create_stepped(const lund_clip_config* config);

@@ -6,6 +6,8 @@
 
 #include "apps/ctl/commands.h"
 #include "apps/ctl/settings_text.h"
+#include "apps/ctl/words.h"
+#include "apps/terminal/utf8_console.h"
 #include "apps/version.h"
 #include "control/host_commands.h"
 
@@ -170,9 +172,10 @@ int run_program(int argc, char** argv) {
     return static_cast<int>(app.exit(error) == 0 ? Exit::Done : Exit::Usage);
   }
   if (!administrator())
-    return report(failure(Exit::Denied,
-                          "only an administrator may rule the service: run it as root, with sudo"),
-                  args.json);
+    return report(
+        failure(Exit::Denied,
+                std::string("only an administrator may rule the service: ") + AS_ADMINISTRATOR),
+        args.json);
   PipeLink service;
   return report(args.command(service), args.json);
 }
@@ -180,6 +183,7 @@ int run_program(int argc, char** argv) {
 }  // namespace
 
 int main(int argc, char** argv) {
+  const Utf8Console console;
   try {
     return run_program(argc, argv);
   } catch (const std::exception& error) {  // out of memory

@@ -3,6 +3,7 @@
 #include <iterator>
 
 #include "apps/ctl/shown_text.h"
+#include "apps/ctl/words.h"
 
 namespace ctl {
 
@@ -18,20 +19,19 @@ struct Advice {
   Status status;
   Exit exit;
   const char* text;   // null: any other
-  const char* words;  // behind the text
+  std::string words;  // behind the text
 };
-constexpr Advice ADVICE[] = {
+const Advice ADVICE[] = {
     {Status::Invalid, Exit::Invalid, nullptr, ""},
     {Status::Denied, Exit::Denied, "untrusted service endpoint",
      ": the program that serves the service's pipe is not the system's own, and was told nothing; "
      "end it, and start lunderhaze-service"},
     {Status::Denied, Exit::Denied, nullptr, ": the service doesn't allow this"},
     {Status::Unavailable, Exit::Unavailable, "service unavailable or access denied",
-     ": start it with \"systemctl start lunderhaze\", or look why it ended with \"journalctl -u "
-     "lunderhaze\""},
+     std::string(": ") + START_SERVICE},
     {Status::Unavailable, Exit::Unavailable, nullptr,
-     ": \"lunderhaze-ctl status\" shows how the last worker ended, \"journalctl -u lunderhaze\" "
-     "more"},
+     std::string(": \"lunderhaze-ctl status\" shows how the last worker ended, ") + WORKER_LOG +
+         " more"},
     {Status::Persistence, Exit::Persistence, nullptr,
      ": the host could not write its store, and the worker stops; see to the disk and to the owner "
      "and mode of the store's directory, then \"lunderhaze-ctl restart\""},

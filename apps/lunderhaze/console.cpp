@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <string_view>
 
+#include "connection/printf_format.h"
 #include "control/host_commands.h"
 #include "host/hello.h"
 #include "host/server.h"
@@ -14,11 +15,8 @@ namespace {
 
 constexpr const char* PORT_WORDS = " on UDP port ";
 
-#if defined(__GNUC__)
-__attribute__((format(printf, 1, 2)))
-#endif
-std::string
-print(const char* format, ...) {
+LUND_PRINTF(1, 2)
+std::string print(const char* format, ...) {
   char text[512];
   std::va_list arguments;
   va_start(arguments, format);

@@ -198,23 +198,21 @@ namespace {
 struct Loss {
   const char* file;
   const char* text;
-  const char* advice;
+  const char* advice;  // null: the platform's
 };
 constexpr Loss LOSSES[] = {
     {"identity", "the next start makes a new one, and no paired device knows this computer then",
-     "put back a copy of it, together with store.key, or pair the devices again"},
+     nullptr},
     {"authorized_clients", "no paired device may connect", "pair the devices again"},
     {"pairing_password", "nobody can pair by password", "set the pairing password again"},
     {"relays", "no relay server is used", "add them again: lunderhaze relays add"},
 };
 
-Finding loss_of(const keystore::StoredFile& file) {
+Finding loss_of(const keystore::StoredFile& file, const StoreAdvice& advice) {
+  const std::string text = file.name + " is damaged, or another computer's or user's";
   const auto* loss = std::ranges::find(LOSSES, file.name, &Loss::file);
-  const bool known = loss != std::end(LOSSES);
-  return problem("store",
-                 file.name + " is damaged, or another computer's or user's" +
-                     (known ? std::string(": ") + loss->text : ""),
-                 known ? loss->advice : "");
+  if (loss == std::end(LOSSES)) return problem("store", text, "");
+  return problem("store", text + ": " + loss->text, loss->advice ? loss->advice : advice.identity);
 }
 
 void check_room(const StoreFacts& facts, Findings* findings) {
@@ -233,7 +231,8 @@ Findings check_store(const StoreFacts& facts) {
   using State = keystore::StoredFile::State;
   constexpr const char* LOST = ": nothing that changes would be kept";
   if (facts.directory == Directory::None)
-    return {problem("store", std::string("this user has no home directory") + LOST, "set HOME")};
+    return {problem("store", std::string("this user has no home directory") + LOST,
+                    facts.advice.no_directory)};
   if (facts.directory == Directory::NoDirectory)
     return {problem("store", facts.path + " is no directory" + LOST, "move it out of the way")};
   Findings findings;
@@ -249,13 +248,13 @@ Findings check_store(const StoreFacts& facts) {
   if (!facts.exposed.empty())
     findings.push_back(problem(
         "store", "others than its owner can get at " + join(facts.exposed) + " in " + facts.path,
-        "chmod -R go= " + facts.path));
+        facts.advice.exposed));
   check_room(facts, &findings);
   std::vector<std::string> whole;
   for (const keystore::StoredFile& file : facts.files) {
     if (file.state == State::Whole) whole.push_back(file.name);
     if (file.state == State::Unreadable || file.state == State::Malformed)
-      findings.push_back(loss_of(file));
+      findings.push_back(loss_of(file, facts.advice));
   }
   if (!findings.empty()) return findings;
   if (facts.directory == Directory::Missing)

@@ -100,6 +100,13 @@ struct ClipboardFacts {
 };
 Finding check_clipboard(const ClipboardFacts& facts);
 
+// What to do about a store, in the platform's words.
+struct StoreAdvice {
+  std::string no_directory;  // without a place for one
+  std::string exposed;       // others get at it
+  std::string identity;      // it is damaged
+};
+
 struct StoreFacts {
   enum class Directory { None, Missing, NoDirectory, Exists };
   std::string path;
@@ -109,6 +116,7 @@ struct StoreFacts {
   std::vector<std::string> exposed;  // what others than its owner can read or write, by name
   std::optional<std::uint64_t> room_bytes;
   std::vector<keystore::StoredFile> files;
+  StoreAdvice advice;
 };
 Findings check_store(const StoreFacts& facts);
 

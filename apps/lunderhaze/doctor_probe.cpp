@@ -212,6 +212,7 @@ StoreFacts probe_store() {
   using Directory = StoreFacts::Directory;
   StoreFacts facts;
   const std::filesystem::path directory = keystore::hostStoreDirectory();
+  facts.advice = doctor_platform::store_advice(directory);
   if (directory.empty()) return facts;
   facts.path = directory.string();
   std::error_code error;

@@ -33,6 +33,7 @@ struct Ownership {
   std::vector<std::string> exposed;
 };
 Ownership ownership(const std::filesystem::path& directory);
+StoreAdvice store_advice(const std::filesystem::path& directory);
 bool may_be_made(const std::filesystem::path& directory);  // one that isn't there
 
 }  // namespace doctor_platform

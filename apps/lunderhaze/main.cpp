@@ -5,6 +5,7 @@
 
 #include "apps/lunderhaze/commands.h"
 #include "apps/lunderhaze/run.h"
+#include "apps/terminal/utf8_console.h"
 #include "apps/version.h"
 #include "control/log.h"
 
@@ -18,6 +19,7 @@ bool take_out(std::vector<std::string>* args, const std::string& option) {
 }  // namespace
 
 int main(int argc, char** argv) {
+  const Utf8Console console;
   std::vector<std::string> args(argv + 1, argv + argc);
   if (args.size() == 1 && args[0] == "--version") {
     std::printf("%s\n", LUND_VERSION_TEXT);

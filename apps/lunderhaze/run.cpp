@@ -1,7 +1,6 @@
 #include "apps/lunderhaze/run.h"
 
 #include <atomic>
-#include <csignal>
 #include <cstdio>
 #include <mutex>
 #include <string>
@@ -9,6 +8,7 @@
 #include "apps/lunderhaze/console.h"
 #include "apps/lunderhaze/pair_back.h"
 #include "apps/lunderhaze/terminal.h"
+#include "apps/terminal/requests.h"
 #include "control/command_channel.h"
 #include "control/host_commands.h"
 #include "control/keystore.h"
@@ -21,11 +21,12 @@ namespace {
 
 constexpr std::uint32_t FOREVER_MS = 0xFFFFFFFF;
 
-// The main thread's: set by signal handlers and by other threads that have something for it.
+// The main thread's: set by the terminal's requests and by other threads that have something for
+// it.
 WakeEvent g_wake(WakeEvent::Reset::Auto);
 std::atomic<bool> g_stop{false};
 
-void request_stop(int) {
+void request_stop() {
   g_stop = true;
   g_wake.set();
 }
@@ -58,9 +59,8 @@ class HostByHand {
 
   ExitStatus run() {
     if (const ExitStatus status = start(); status != EXIT_OK) return status;
-    std::signal(SIGINT, request_stop);
-    std::signal(SIGTERM, request_stop);
-    const std::unique_ptr<Terminal> terminal = Terminal::open(request_stop);
+    watch_requests({request_stop});
+    const std::unique_ptr<Terminal> terminal = Terminal::open([](int) { request_stop(); });
     has_terminal_ = terminal != nullptr;
     tell(listening_line(host_.key_code(), options_.host.port, has_terminal_));
     if (host_.pairing_status().open) tell_pairing();

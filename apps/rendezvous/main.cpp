@@ -3,12 +3,14 @@
 #include <CLI/CLI.hpp>
 
 #include <array>
-#include <csignal>
+#include <atomic>
 #include <cstdio>
 
 #include "apps/rendezvous/options.h"
 #include "apps/rendezvous/serve.h"
 #include "apps/rendezvous/server.h"
+#include "apps/terminal/requests.h"
+#include "apps/terminal/utf8_console.h"
 #include "apps/version.h"
 #include "connection/clock.h"
 #include "connection/netsock.h"
@@ -28,16 +30,8 @@ enum ExitStatus : int {
 constexpr std::uint64_t TICK_US = 100'000;
 constexpr int WAIT_MS = 100;
 
-volatile std::sig_atomic_t stop_requested = 0;
-volatile std::sig_atomic_t statistics_requested = 0;
-void request_stop(int) {
-  stop_requested = 1;
-}
-#ifdef SIGUSR1
-void request_statistics(int) {
-  statistics_requested = 1;
-}
-#endif
+std::atomic<bool> stop_requested{false};
+std::atomic<bool> statistics_requested{false};
 
 int fail(ExitStatus status, const std::string& text) {
   std::fprintf(stderr, "lunderhaze-rendezvous: %s\n", text.c_str());
@@ -84,22 +78,11 @@ int serve(lund_socket socket, RendezvousServer& server) {
       server.tick();
       next_tick = lund_now_us() + TICK_US;
     }
-    if (statistics_requested) {
-      statistics_requested = 0;
-      tell(statistics_text(server.statistics()));
-    }
+    if (statistics_requested.exchange(false)) tell(statistics_text(server.statistics()));
     if (!receive_some(socket, server) && lund_udp_wait(&socket, 1, WAIT_MS) < 0)
       return fail(EXIT_SOCKET, "the socket failed");
   }
   return EXIT_OK;
-}
-
-void watch_signals() {
-  std::signal(SIGINT, request_stop);
-  std::signal(SIGTERM, request_stop);
-#ifdef SIGUSR1
-  std::signal(SIGUSR1, request_statistics);
-#endif
 }
 
 void tell_link(const lund_relay_server& server) {
@@ -125,7 +108,7 @@ int run(const RendezvousOptions& options) {
   RendezvousServer server(setup.server.key, setup.server.key_size, options.limits,
                           send_by(socket.get()));
   if (!server.ready()) return fail(EXIT_LOCAL, "the system's random source failed");
-  watch_signals();
+  watch_requests({[] { stop_requested = true; }, [] { statistics_requested = true; }});
   if (!options.hide_link) tell_link(setup.server);
   tell("Listening on UDP port " + std::to_string(port) + ". Ctrl+C stops.\n");
   const int status = serve(socket.get(), server);
@@ -176,7 +159,8 @@ int run_program(int argc, char** argv) {
       ->check(CLI::Range(0, 100'000'000))
       ->capture_default_str();
   app.footer(
-      "Statistics are printed on SIGUSR1 and at the end.\n"
+      std::string("Statistics are printed on ") + REPORT_REQUEST +
+      " and at the end.\n"
       "Exit status: 0 stopped, 1 wrong arguments or key, 2 no socket, 3 another failure here.");
   try {
     app.parse(argc, argv);
@@ -190,6 +174,7 @@ int run_program(int argc, char** argv) {
 }  // namespace
 
 int main(int argc, char** argv) {
+  const Utf8Console console;
   try {
     return run_program(argc, argv);
   } catch (const std::exception& error) {

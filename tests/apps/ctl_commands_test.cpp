@@ -4,6 +4,7 @@
 
 #include <algorithm>
 
+#include "apps/ctl/words.h"
 #include "tests/apps/ctl_support.h"
 
 namespace ctl {
@@ -137,9 +138,8 @@ TEST_F(CtlCommandsTest, EachAnswerHasItsExitStatusAndSaysWhatToDo) {
            Case{Status::Denied, "untrusted service endpoint", Exit::Denied, "told nothing"},
            Case{Status::Denied, "command denied", Exit::Denied, "doesn't allow"},
            Case{Status::Unavailable, "service unavailable or access denied", Exit::Unavailable,
-                "systemctl start lunderhaze"},
-           Case{Status::Unavailable, "the worker waits", Exit::Unavailable,
-                "lunderhaze-ctl status"},
+                START_SERVICE},
+           Case{Status::Unavailable, "the worker waits", Exit::Unavailable, WORKER_LOG},
            Case{Status::Persistence, "machine persistence failure", Exit::Persistence, "the disk"},
            Case{Status::Failed, "bounded IPC request failed", Exit::Failed, "in time"},
            Case{Status::Failed, "device not paired", Exit::NotFound, ""},

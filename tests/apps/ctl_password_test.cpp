@@ -7,6 +7,7 @@
 
 #include "tests/apps/ctl_support.h"
 #include "tests/support/allocation_counter.h"
+#include "tests/support/temp_directory.h"
 #include "tests/support/wiped.h"
 
 namespace ctl {
@@ -120,16 +121,22 @@ TEST(CtlPassword, LeavesNothingInItsRecord) {
 
 class CtlPasswordLineTest : public testing::Test {
  protected:
+  using File = std::unique_ptr<std::FILE, int (*)(std::FILE*)>;
+
+  File file(const std::string& bytes) {
+    write_file(directory_ / "input", bytes);
+    return {std::fopen((directory_ / "input").string().c_str(), "rb"), std::fclose};
+  }
   // The first line of a file of these bytes; nothing at its end.
-  std::optional<std::string> line(std::string bytes) {
-    bytes += '\0';  // fmemopen takes no empty file
-    const std::unique_ptr<std::FILE, int (*)(std::FILE*)> file(
-        fmemopen(bytes.data(), bytes.size() - 1 > 0 ? bytes.size() - 1 : 1, "r"), std::fclose);
-    if (bytes.size() == 1) std::fgetc(file.get());
+  std::optional<std::string> line(const std::string& bytes) {
+    const File input = file(bytes);
     Password password;
-    if (!passwords_of(file.get())->read("", &password)) return std::nullopt;
+    if (!passwords_of(input.get())->read("", &password)) return std::nullopt;
     return std::string(password.bytes()) + (password.too_long() ? "..." : "");
   }
+
+ private:
+  TempDirectory directory_;
 };
 
 TEST_F(CtlPasswordLineTest, EndsAtTheLineFeedOrTheFilesEnd) {
@@ -149,12 +156,10 @@ TEST_F(CtlPasswordLineTest, NeverTakesMoreThanThereIsRoomFor) {
 }
 
 TEST_F(CtlPasswordLineTest, OneLineIsEnoughWhereNobodyTypesBlindly) {
-  std::string bytes = "one\n";
-  const std::unique_ptr<std::FILE, int (*)(std::FILE*)> file(
-      fmemopen(bytes.data(), bytes.size(), "r"), std::fclose);
+  const File input = file("one\n");
   ScriptedService service;
   service.ok();
-  EXPECT_TRUE(set_password(service, *passwords_of(file.get())).done());
+  EXPECT_TRUE(set_password(service, *passwords_of(input.get())).done());
   EXPECT_EQ(payload_text(service), "one");
 }
 

@@ -275,8 +275,11 @@ TEST(DoctorRelays, EachHasALineAndNoneIsFine) {
 using State = keystore::StoredFile::State;
 using Directory = StoreFacts::Directory;
 
+const StoreAdvice ADVICE = {"get one", "close it", "put back a copy"};
+
 StoreFacts whole_store() {
   StoreFacts facts;
+  facts.advice = ADVICE;
   facts.path = "/home/x/store";
   facts.directory = Directory::Exists;
   facts.writable = true;
@@ -315,9 +318,10 @@ TEST(DoctorStore, AMissingOneIsMadeByTheFirstStartIfItCanBe) {
 }
 
 TEST(DoctorStore, WithoutAPlaceForOneNothingIsKept) {
-  expect(only({}), "store", Verdict::Problem,
-         "this user has no home directory: nothing that changes would be kept", "set HOME");
   StoreFacts facts;
+  facts.advice = ADVICE;
+  expect(only(facts), "store", Verdict::Problem,
+         "this user has no home directory: nothing that changes would be kept", "get one");
   facts.path = "/home/x/store";
   facts.directory = Directory::NoDirectory;
   expect(only(facts), "store", Verdict::Problem,
@@ -338,8 +342,7 @@ TEST(DoctorStore, OneThatCannotBeWrittenOrIsForeignOrExposedIsAProblem) {
   facts = whole_store();
   facts.exposed = {"identity", "the directory"};
   expect(only(facts), "store", Verdict::Problem,
-         "others than its owner can get at identity, the directory in /home/x/store",
-         "chmod -R go= /home/x/store");
+         "others than its owner can get at identity, the directory in /home/x/store", "close it");
 }
 
 TEST(DoctorStore, EachDamagedFileSaysWhatItCosts) {
@@ -353,7 +356,7 @@ TEST(DoctorStore, EachDamagedFileSaysWhatItCosts) {
   expect(findings[0], "store", Verdict::Problem,
          "identity is damaged, or another computer's or user's: the next start makes a new one, "
          "and no paired device knows this computer then",
-         "put back a copy of it, together with store.key, or pair the devices again");
+         "put back a copy");
   expect(findings[1], "store", Verdict::Problem,
          "authorized_clients is damaged, or another computer's or user's: no paired device may "
          "connect",

@@ -6,6 +6,7 @@
 
 #include "capture/no_vdd_driver.h"
 #include "tests/capture/vdd_fixture.h"
+#include "tests/support/latch.h"
 
 using testing::ElementsAre;
 using testing::IsEmpty;
@@ -200,15 +201,15 @@ TEST_F(VirtualDisplayLeases, TickDoesNotWaitForALeaseInTheMaking) {
   monitor(R"(\\.\DISPLAY7)");
   ASSERT_TRUE(acquire(0, 1280, 720));
   ASSERT_TRUE(acquire(1));
-  std::promise<void> in_driver, go_on;
+  Latch in_driver(1), go_on(1);
   vdd->on_call = [&, first = true](const char*) mutable {
     if (!std::exchange(first, false)) return;
-    in_driver.set_value();
-    go_on.get_future().wait();
+    in_driver.count_down();
+    go_on.wait();
   };
   bool got = false;
   std::thread setup([&] { got = acquire(2, 1280, 720); });
-  in_driver.get_future().wait();
+  in_driver.wait();
   // The last lease ends meanwhile, and its restoration falls due.
   displays->release(0);
   displays->release(1);
@@ -217,7 +218,7 @@ TEST_F(VirtualDisplayLeases, TickDoesNotWaitForALeaseInTheMaking) {
   EXPECT_EQ(displays->status_line(), "Virtual display: ready, 3 monitors, 2 streamed");
   EXPECT_TRUE(displays->usable());
   EXPECT_THAT(lines(), IsEmpty());
-  go_on.set_value();
+  go_on.count_down();
   setup.join();
   EXPECT_TRUE(got);
   // By now there is a lease, so that nothing is restored.

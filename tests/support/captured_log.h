@@ -1,29 +1,17 @@
 // While it lives, the process-wide log goes into a file of its own, whose lines a test can count.
 #pragma once
 
-#include <unistd.h>
-
-#include <filesystem>
 #include <fstream>
 #include <sstream>
 #include <string>
 
 #include "control/log.h"
+#include "tests/support/temp_directory.h"
 
 class CapturedLog {
  public:
-  CapturedLog() {
-    static int serial = 0;
-    directory_ = std::filesystem::temp_directory_path() /
-                 ("lunderhaze-log-" + std::to_string(getpid()) + "-" + std::to_string(++serial));
-    std::filesystem::create_directories(directory_);
-    log_open(false, directory_);
-  }
-  ~CapturedLog() {
-    log_close();
-    std::error_code ignored;
-    std::filesystem::remove_all(directory_, ignored);
-  }
+  CapturedLog() { log_open(false, directory_.path()); }
+  ~CapturedLog() { log_close(); }
   CapturedLog(const CapturedLog&) = delete;
   CapturedLog& operator=(const CapturedLog&) = delete;
 
@@ -42,5 +30,5 @@ class CapturedLog {
   }
 
  private:
-  std::filesystem::path directory_;
+  TempDirectory directory_;
 };

@@ -153,6 +153,11 @@ Ownership ownership(const std::filesystem::path& directory) {
   return owned;
 }
 
+StoreAdvice store_advice(const std::filesystem::path& directory) {
+  return {"set HOME", "chmod -R go= " + directory.string(),
+          "put back a copy of it, together with store.key, or pair the devices again"};
+}
+
 bool may_be_made(const std::filesystem::path& directory) {
   for (std::filesystem::path above = directory.parent_path();; above = above.parent_path()) {
     struct stat status {};

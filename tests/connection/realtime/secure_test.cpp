@@ -7,17 +7,17 @@
 #include <thread>
 
 #include "connection/byte_order.h"
+#include "tests/support/latch.h"
 #include "tests/support/session_pair.h"
-#include "tests/support/start_line.h"
 
 namespace {
 
 TEST(Seal, NoTwoRecordsOfConcurrentThreadsShareANonce) {
-  constexpr int THREADS = 4;
+  constexpr std::size_t THREADS = 4;
   constexpr std::size_t RECORDS = 5'000;
   session_pair pair;
   std::vector<std::uint64_t> counters[THREADS];
-  StartLine together(THREADS);
+  Latch together(THREADS);
   {
     std::vector<std::jthread> threads;
     for (auto& own : counters) {

@@ -205,7 +205,7 @@ class HostServerRealtimeTest : public testing::Test {
     ASSERT_TRUE(keystore::save_clients(clients));
   }
   UdpClient client() { return {host_key_.public_key, options_.port}; }
-  long lines_with(const std::string& part) {
+  std::ptrdiff_t lines_with(const std::string& part) {
     return std::ranges::count_if(
         store.log_lines(), [&](const std::string& line) { return line.find(part) != line.npos; });
   }

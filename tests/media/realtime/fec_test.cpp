@@ -5,7 +5,7 @@
 #include <thread>
 
 #include "tests/support/fec_shards.h"
-#include "tests/support/start_line.h"
+#include "tests/support/latch.h"
 
 namespace {
 
@@ -13,7 +13,7 @@ namespace {
 // fills them while the others wait.
 TEST(FecSetup, ManyThreadsMayBeTheFirstToUseTheCode) {
   constexpr int THREADS = 8;
-  StartLine start(THREADS);
+  Latch start(THREADS);
   std::vector<std::vector<std::uint8_t>> parity(THREADS);
   {
     std::vector<std::jthread> threads;
