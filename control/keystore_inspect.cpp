@@ -12,9 +12,7 @@ using State = StoredFile::State;
 
 bool is_identity(const std::string& text) {
   lund_keypair identity;
-  const bool whole = lund_identity_load(&identity, text.c_str()) == 0;
-  lund_secure_wipe(&identity, sizeof identity);
-  return whole;
+  return lund_identity_load(&identity, text.c_str()) == 0;
 }
 
 bool is_client_list(const std::string& text) {
@@ -23,17 +21,13 @@ bool is_client_list(const std::string& text) {
 }
 
 bool is_password(const std::string& text) {
-  lund_password_record record;
-  const bool whole = lund_password_blob_parse(&record, text.c_str()) == 0;
-  lund_secure_wipe(&record, sizeof record);
-  return whole;
+  Wiped<lund_password_record> record;
+  return lund_password_blob_parse(&record.value, text.c_str()) == 0;
 }
 
 bool is_relay_list(const std::string& text) {
   lund_relay_config relays;
-  const bool whole = lund_relay_config_load(&relays, text.data(), text.size()) == 0;
-  lund_secure_wipe(&relays, sizeof relays);
-  return whole;
+  return lund_relay_config_load(&relays, text.data(), text.size()) == 0;
 }
 
 struct Kind {

@@ -26,24 +26,24 @@ std::string relay_name(const lund_relay_server& server) {
 
 ListChange add_relays(lund_relay_config* relays, const std::vector<std::string>& links,
                       std::string* text) {
-  RelayList changed(*relays);
+  lund_relay_config changed(*relays);
   std::string lines;
   for (std::size_t i = 0; i < links.size(); ++i) {
-    RelayList parsed;
-    lund_relay_server& server = parsed.config.servers[0];
+    lund_relay_config parsed;
+    lund_relay_server& server = parsed.servers[0];
     if (lund_relay_link_parse(&server, links[i].c_str()) != 0) {
       *text = "link " + std::to_string(i + 1) +
               " is no relay link (lunderhaze-relay://host[:port]#key)";
       return ListChange::BadArgument;
     }
-    const bool known = is_listed(changed.config, server);
-    if (lund_relay_config_add(&changed.config, &server) < 0) {
+    const bool known = is_listed(changed, server);
+    if (lund_relay_config_add(&changed, &server) < 0) {
       *text = std::to_string(LUND_RELAYS_MAX) + " relay servers are listed already";
       return ListChange::Full;
     }
     lines += relay_name(server) + (known ? ": replaced\n" : ": added\n");
   }
-  *relays = changed.config;
+  *relays = changed;
   *text = lines;
   return ListChange::Done;
 }

@@ -9,16 +9,6 @@
 
 #include "connection/lists.h"
 
-// A list whose keys are wiped with its scope.
-struct RelayList {
-  lund_relay_config config;
-  RelayList() = default;
-  explicit RelayList(const lund_relay_config& from) : config(from) {}
-  ~RelayList() { lund_secure_wipe(&config, sizeof config); }
-  RelayList(const RelayList&) = delete;
-  RelayList& operator=(const RelayList&) = delete;
-};
-
 std::string relay_name(const lund_relay_server& server);
 
 enum class ListChange {

@@ -5,6 +5,7 @@
 #include <cstring>
 
 #include "connection/clock.h"
+#include "connection/wiped.h"
 #include "control/keystore.h"
 #include "control/log.h"
 #include "control/text.h"
@@ -156,21 +157,17 @@ bool HostServer::set_password(const std::string& password, Keep keep) {
   constexpr std::size_t BLOB_BYTES = 192;
   std::scoped_lock lock(host_mutex_);
   if (!host_ || stopping_) return false;
-  char blob[BLOB_BYTES] = {};
+  Wiped<char[BLOB_BYTES]> blob;
   const std::uint64_t since_us = lund_now_us();
-  const bool taken = lund_host_set_password(host_, password.c_str(), blob, sizeof blob) == 0;
+  const bool taken =
+      lund_host_set_password(host_, password.c_str(), blob.value, sizeof blob.value) == 0;
   if (taken) {
     hlog("pairing password set (Argon2id %.0f ms)",
          static_cast<double>(lund_now_us() - since_us) / 1e3);
-    if (keep == Keep::Stored) {
-      std::string stored = blob;
-      keystore::save_password_blob(stored);
-      lund_secure_wipe(stored.data(), stored.size());
-    }
+    if (keep == Keep::Stored) keystore::save_password_blob(Wiped(std::string(blob.value)).value);
   } else {
     hlog("setting the pairing password failed (out of memory?)");
   }
-  lund_secure_wipe(blob, sizeof blob);
   return taken;
 }
 

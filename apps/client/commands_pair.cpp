@@ -86,9 +86,8 @@ int run_pair(const Arguments& args) {
   request.secret = args.pin.empty() ? args.password : args.pin;
   request.kind = args.pin.empty() ? std::uint32_t{LUND_KIND_PASSWORD} : 0;  // 0: guess
   if (request.secret == "-") std::getline(std::cin, request.secret);
-  RelayList given;
-  if (!given_relays(args.relays, args.relay_file, &given.config, &error))
-    return fail(EXIT_USAGE, error);
+  lund_relay_config given;
+  if (!given_relays(args.relays, args.relay_file, &given, &error)) return fail(EXIT_USAGE, error);
 
   const HostChoice choice = parse_host(args.host);
   request.stop = args.stop;
@@ -99,7 +98,7 @@ int run_pair(const Arguments& args) {
   const lund_host_entry* known = store.find(args.host);
   const std::string own_name = computer_name_utf8();
   lund_client_config config;
-  configure(args, store, given.config, own_name, &config);
+  configure(args, store, given, own_name, &config);
   config.host_code = code.c_str();
   HostLink link;
   if (!link.open(config, &error)) return fail(EXIT_LOCAL, error);
@@ -121,7 +120,7 @@ int run_pair(const Arguments& args) {
   const lund_host_entry host = merged(store, paired);
   if (!store.put(host, &error)) return fail(EXIT_LOCAL, error);
   std::printf("paired with \"%s\" (%s)\n", host.name, code_of(host.key).c_str());
-  std::fputs(remember_relays(given.config, &store).c_str(), stdout);
+  std::fputs(remember_relays(given, &store).c_str(), stdout);
   return args.back ? pair_back(link, args, host, own_name) : EXIT_OK;
 }
 

@@ -62,20 +62,20 @@ int run_relay_remove(const Arguments& args) {
 }
 
 int run_relay_check(const Arguments& args) {
-  RelayList relays;
+  lund_relay_config relays;
   std::string error;
   if (args.relay.empty()) {
     ClientStore store;
     if (!store.open(args.store, &error)) return fail(EXIT_LOCAL, error);
-    relays.config = store.relays();
-  } else if (!given_relays({args.relay}, {}, &relays.config, &error)) {
+    relays = store.relays();
+  } else if (!given_relays({args.relay}, {}, &relays, &error)) {
     return fail(EXIT_USAGE, error);
   }
-  if (relays.config.count == 0) std::fputs(relay_lines(relays.config).c_str(), stdout);
-  const std::vector<RelayCheck> checks = check_relays(relays.config, CHECK_TIMEOUT_MS);
+  if (relays.count == 0) std::fputs(relay_lines(relays).c_str(), stdout);
+  const std::vector<RelayCheck> checks = check_relays(relays, CHECK_TIMEOUT_MS);
   int worst = EXIT_OK;
   for (std::size_t i = 0; i < checks.size(); ++i) {
-    const std::string name = relay_name(relays.config.servers[i]);
+    const std::string name = relay_name(relays.servers[i]);
     std::printf("%s\n", check_line(name, checks[i]).c_str());
     worst = std::max(worst, status_of(checks[i]));
   }

@@ -17,7 +17,7 @@ ExitStatus HostAccess::open(const Arguments& args, std::string* error) {
     return EXIT_REFUSED;
   }
   host_ = *known;
-  if (!given_relays(args.relays, args.relay_file, &given_.config, error)) return EXIT_USAGE;
+  if (!given_relays(args.relays, args.relay_file, &given_, error)) return EXIT_USAGE;
   if (!open_link(args, error)) return EXIT_LOCAL;
   lund_wipe_stack();  // the store and the engine hold what they need
   add_candidates(link_, parse_host(args.host), &host_);
@@ -29,7 +29,7 @@ ExitStatus HostAccess::open(const Arguments& args, std::string* error) {
 bool HostAccess::open_link(const Arguments& args, std::string* error) {
   const std::string own_name = computer_name_utf8();
   lund_client_config config;
-  configure(args, store_, given_.config, own_name, &config);
+  configure(args, store_, given_, own_name, &config);
   config.has_host_key = 1;
   std::copy(std::begin(host_.key), std::end(host_.key), config.host_key);
   return link_.open(config, error);
@@ -38,7 +38,7 @@ bool HostAccess::open_link(const Arguments& args, std::string* error) {
 bool HostAccess::remember(const HostSession& session, std::string* error, std::FILE* talk) {
   if (session.paths().empty()) return true;
   const std::uint64_t now_s = lund_wall_us() / 1'000'000;
-  std::fputs(remember_relays(given_.config, &store_).c_str(), talk);
+  std::fputs(remember_relays(given_, &store_).c_str(), talk);
   return store_.update(
       host_,
       [&](lund_host_entry& entry) { learn(session.paths(), link_.lan_search(), now_s, &entry); },

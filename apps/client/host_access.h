@@ -29,7 +29,7 @@ class HostAccess {
 
   ClientStore store_;
   lund_host_entry host_;
-  RelayList given_;
+  lund_relay_config given_;
   HostLink link_;
 };
 

@@ -12,14 +12,6 @@ using host_service::Verb;
 
 namespace {
 
-// A request whose payload is wiped with it.
-struct SecretRequest : Request {
-  explicit SecretRequest(Verb of) { verb = of; }
-  ~SecretRequest() { lund_secure_wipe(payload.data(), payload.size()); }
-  SecretRequest(const SecretRequest&) = delete;
-  SecretRequest& operator=(const SecretRequest&) = delete;
-};
-
 Outcome tell(const std::string& line) {
   return {Exit::Done, line + "\n", {}, {}};
 }
@@ -112,7 +104,7 @@ Outcome close_pairing(ServiceLink& service) {
 Outcome set_password(ServiceLink& service, PasswordSource& passwords) {
   Password password;
   std::string error = read_new_password(passwords, &password);
-  SecretRequest request(Verb::SetPassword);
+  Request request{Verb::SetPassword, {}};
   request.payload.assign(password.bytes().begin(), password.bytes().end());
   if (error.empty()) error = password_error(password, request);
   if (!error.empty()) return failure(Exit::Invalid, error + "; nothing was changed");
@@ -160,22 +152,22 @@ Outcome set_settings(ServiceLink& service, const std::vector<std::string>& assig
                std::move(outcome));
 }
 
-Outcome set_relays(ServiceLink& service, const RelayList& relays, Apply apply) {
+Outcome set_relays(ServiceLink& service, const lund_relay_config& relays, Apply apply) {
   Outcome outcome;
   if (apply == Apply::Now) {
     const auto report = ask_status(service, &outcome);
     if (!report) return outcome;
     if (report->worker && report->worker->connected) return refuse_while_connected(NOTHING_STORED);
   }
-  SecretRequest request(Verb::SetRelays);
+  Request request{Verb::SetRelays, {}};
   request.payload.resize(host_service::PAYLOAD_MAX);
   const std::size_t size = lund_relay_config_save(
-      &relays.config, reinterpret_cast<char*>(request.payload.data()), request.payload.size());
+      &relays, reinterpret_cast<char*>(request.payload.data()), request.payload.size());
   request.payload.resize(size);
-  outcome.text = relay_lines(relays.config);
+  outcome.text = relay_lines(relays);
   outcome.json["relays"] = nlohmann::ordered_json::array();
-  for (int i = 0; i < relays.config.count; ++i)
-    outcome.json["relays"].push_back(relay_name(relays.config.servers[i]));
+  for (int i = 0; i < relays.count; ++i)
+    outcome.json["relays"].push_back(relay_name(relays.servers[i]));
   return store(service, request, apply, std::move(outcome));
 }
 

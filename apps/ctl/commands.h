@@ -34,13 +34,14 @@ enum class Apply {
 };
 Outcome set_settings(ServiceLink& service, const std::vector<std::string>& assignments,
                      Apply apply);
-Outcome set_relays(ServiceLink& service, const RelayList& relays, Apply apply);
+Outcome set_relays(ServiceLink& service, const lund_relay_config& relays, Apply apply);
 
 Outcome restart_worker(ServiceLink& service, bool force);
 Outcome stop_service(ServiceLink& service);
 
 // Relay servers of a command line: links, files with a link a line, and "-" for standard input.
 // False with `error`, which shows no link.
-bool read_relays(const std::vector<std::string>& sources, RelayList* relays, std::string* error);
+bool read_relays(const std::vector<std::string>& sources, lund_relay_config* relays,
+                 std::string* error);
 
 }  // namespace ctl

@@ -71,10 +71,10 @@ Outcome run_set_password(ServiceLink& service, const Arguments& args) {
 }
 
 Outcome run_set_relays(ServiceLink& service, const Arguments& args) {
-  RelayList relays;
+  lund_relay_config relays;
   std::string error;
   if (!read_relays(args.relays, &relays, &error)) return failure(Exit::Invalid, error);
-  if (relays.config.count == 0 && !args.no_relays)
+  if (relays.count == 0 && !args.no_relays)
     return failure(Exit::Invalid, "there is no link: --none removes all relay servers");
   return set_relays(service, relays, args.apply());
 }

@@ -35,14 +35,15 @@ std::string unreadable(std::size_t number) {
 
 }  // namespace
 
-bool read_relays(const std::vector<std::string>& sources, RelayList* relays, std::string* error) {
+bool read_relays(const std::vector<std::string>& sources, lund_relay_config* relays,
+                 std::string* error) {
   std::vector<std::string> links;
   bool good = true;
   for (std::size_t i = 0; i < sources.size() && good; ++i) {
     good = gather(sources[i], &links);
     if (!good) *error = unreadable(i + 1);
   }
-  good = good && add_relays(&relays->config, links, error) == ListChange::Done;
+  good = good && add_relays(relays, links, error) == ListChange::Done;
   for (std::string& link : links) lund_secure_wipe(link.data(), link.size());
   return good;
 }

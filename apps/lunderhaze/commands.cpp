@@ -7,6 +7,7 @@
 #include "apps/lunderhaze/console.h"
 #include "apps/lunderhaze/run.h"
 #include "connection/resolver.h"
+#include "connection/wiped.h"
 #include "control/host_commands.h"
 #include "control/keystore.h"
 #include "control/relay_list.h"
@@ -43,8 +44,8 @@ namespace {
 
 // ---- relays
 
-ExitStatus save_and_apply(const RelayList& relays, const std::string& changes) {
-  if (!keystore::save_relays(relays.config))
+ExitStatus save_and_apply(const lund_relay_config& relays, const std::string& changes) {
+  if (!keystore::save_relays(relays))
     return fail(EXIT_STORE, "could not save the relay server list");
   say(changes);
   HostRequest request;
@@ -60,7 +61,8 @@ ExitStatus save_and_apply(const RelayList& relays, const std::string& changes) {
   }
 }
 
-ExitStatus change_relays(ListChange change, const RelayList& relays, const std::string& text) {
+ExitStatus change_relays(ListChange change, const lund_relay_config& relays,
+                         const std::string& text) {
   switch (change) {
     case ListChange::Done:
       return save_and_apply(relays, text);
@@ -86,23 +88,23 @@ ExitStatus report_on_relays(const lund_relay_config& relays) {
 ExitStatus relays_command(const Arguments& args) {
   const std::string verb = args.size() > 1 ? args[1] : "";
   const Arguments rest(args.begin() + std::min<std::ptrdiff_t>(2, std::ssize(args)), args.end());
-  RelayList relays(keystore::load_relays());
+  lund_relay_config relays = keystore::load_relays();
   std::string text;
-  if (verb == "list" && rest.empty()) return say(relay_lines(relays.config));
+  if (verb == "list" && rest.empty()) return say(relay_lines(relays));
   if (verb == "add" && !rest.empty()) {
-    const ListChange change = add_relays(&relays.config, with_standard_input(rest), &text);
+    const ListChange change = add_relays(&relays, with_standard_input(rest), &text);
     return change_relays(change, relays, text);
   }
   if (verb == "remove" && rest.size() == 1) {
-    const ListChange change = remove_relay(&relays.config, rest[0], &text);
+    const ListChange change = remove_relay(&relays, rest[0], &text);
     return change_relays(change, relays, text);
   }
-  if (verb == "check" && rest.empty()) return report_on_relays(relays.config);
+  if (verb == "check" && rest.empty()) return report_on_relays(relays);
   if (verb == "check" && rest.size() == 1) {
-    RelayList given;
-    if (add_relays(&given.config, with_standard_input(rest), &text) != ListChange::Done)
+    lund_relay_config given;
+    if (add_relays(&given, with_standard_input(rest), &text) != ListChange::Done)
       return fail(EXIT_USAGE, text);
-    return report_on_relays(given.config);
+    return report_on_relays(given);
   }
   return wrong_usage("relays: list, add LINK..., remove NAME|NUMBER or check [LINK]");
 }
@@ -160,16 +162,10 @@ ExitStatus devices_command(const Arguments& args) {
 StoredHost stored_host() {
   StoredHost stored;
   lund_keypair identity;
-  if (keystore::peek_identity(&identity)) {
-    stored.key_code = code_of(identity.public_key);
-  }
-  lund_secure_wipe(&identity, sizeof identity);
-  std::string password = keystore::load_password_blob();
-  stored.has_password = !password.empty();
-  lund_secure_wipe(password.data(), password.size());
-  const RelayList relays(keystore::load_relays());
-  for (int i = 0; i < relays.config.count; ++i)
-    stored.relays.push_back(relay_name(relays.config.servers[i]));
+  if (keystore::peek_identity(&identity)) stored.key_code = code_of(identity.public_key);
+  stored.has_password = !Wiped(keystore::load_password_blob()).value.empty();
+  const lund_relay_config relays = keystore::load_relays();
+  for (int i = 0; i < relays.count; ++i) stored.relays.push_back(relay_name(relays.servers[i]));
   const lund_client_list clients = keystore::load_clients();
   for (int i = 0; i < clients.count; ++i) {
     const lund_client_entry& client = clients.entries[i];

@@ -200,11 +200,11 @@ PortFacts probe_port(std::optional<std::uint16_t> port) {
 }
 
 std::vector<RelayFacts> probe_relays() {
-  const RelayList relays(keystore::load_relays());
-  const std::vector<RelayCheck> checks = check_relays(relays.config, RELAY_CHECK_MS);
+  const lund_relay_config relays = keystore::load_relays();
+  const std::vector<RelayCheck> checks = check_relays(relays, RELAY_CHECK_MS);
   std::vector<RelayFacts> facts;
   for (std::size_t i = 0; i < checks.size(); ++i)
-    facts.push_back({relay_name(relays.config.servers[i]), checks[i]});
+    facts.push_back({relay_name(relays.servers[i]), checks[i]});
   return facts;
 }
 

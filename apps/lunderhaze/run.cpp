@@ -158,11 +158,9 @@ class HostByHand {
     switch (request.kind) {
       case HostRequest::Kind::Status:
         return {true, report()};
-      case HostRequest::Kind::Relays: {
-        const RelayList relays(keystore::load_relays());
-        host_.set_relays(relays.config);
+      case HostRequest::Kind::Relays:
+        host_.set_relays(keystore::load_relays());
         return {true, "applied to the running host"};
-      }
       case HostRequest::Kind::Pair:
         open_pairing(request.seconds);
         return {true, pairing_line(host_.pairing_status())};

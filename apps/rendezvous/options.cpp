@@ -3,7 +3,7 @@
 #include <array>
 #include <fstream>
 
-#include "connection/secure.h"
+#include "connection/wiped.h"
 
 namespace {
 
@@ -11,24 +11,19 @@ constexpr std::size_t RANDOM_KEY_BYTES = 24;
 
 // A key in a link's writing, decoded by the link's parser behind a host of no meaning.
 bool parse_key(const std::string& text, lund_relay_server* out) {
-  std::string link = "lunderhaze-relay://host#" + text;
-  const bool good = lund_relay_link_parse(out, link.c_str()) == 0;
-  lund_secure_wipe(link.data(), link.size());
-  return good;
+  const Wiped link("lunderhaze-relay://host#" + text);
+  return lund_relay_link_parse(out, link.value.c_str()) == 0;
 }
 
 bool draw_key(lund_relay_server* out, std::string* error) {
-  std::uint8_t bytes[RANDOM_KEY_BYTES];
-  if (lund_random_bytes(bytes, sizeof bytes) != LUND_OK) {
+  Wiped<std::array<std::uint8_t, RANDOM_KEY_BYTES>> bytes;
+  if (lund_random_bytes(bytes.value.data(), RANDOM_KEY_BYTES) != LUND_OK) {
     *error = "the system's random source failed";
     return false;
   }
-  std::array<char, 2 * RANDOM_KEY_BYTES + 1> hex;
-  lund_hex_encode(hex.data(), bytes, sizeof bytes);
-  const bool good = parse_key(hex.data(), out);
-  lund_secure_wipe(bytes, sizeof bytes);
-  lund_secure_wipe(hex.data(), hex.size());
-  return good;
+  Wiped<std::array<char, 2 * RANDOM_KEY_BYTES + 1>> hex;
+  lund_hex_encode(hex.value.data(), bytes.value.data(), RANDOM_KEY_BYTES);
+  return parse_key(hex.value.data(), out);
 }
 
 bool no_key(const std::string& where, std::string* error) {
@@ -38,16 +33,15 @@ bool no_key(const std::string& where, std::string* error) {
 
 bool read_key_file(const std::filesystem::path& path, RendezvousSetup* setup, std::string* error) {
   std::ifstream file(path);
-  std::string line;
+  Wiped<std::string> read;
+  std::string& line = read.value;
   if (!std::getline(file, line)) {
     *error = "cannot read a key from " + path.string();
     return false;
   }
   while (!line.empty() && (line.back() == '\r' || line.back() == ' ')) line.pop_back();
   setup->from_link = lund_relay_link_parse(&setup->server, line.c_str()) == 0;
-  const bool good = setup->from_link || parse_key(line, &setup->server);
-  lund_secure_wipe(line.data(), line.size());
-  return good || no_key(path.string(), error);
+  return setup->from_link || parse_key(line, &setup->server) || no_key(path.string(), error);
 }
 
 bool take_key(const RendezvousOptions& options, RendezvousSetup* setup, std::string* error) {
@@ -62,10 +56,6 @@ bool take_key(const RendezvousOptions& options, RendezvousSetup* setup, std::str
 }
 
 }  // namespace
-
-RendezvousSetup::~RendezvousSetup() {
-  lund_secure_wipe(&server, sizeof server);
-}
 
 bool set_up(const RendezvousOptions& options, const std::string& own_host, RendezvousSetup* setup,
             std::string* error) {

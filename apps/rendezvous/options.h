@@ -24,11 +24,6 @@ struct RendezvousOptions {
 
 // Holds a secret; wiped at the end of its life.
 struct RendezvousSetup {
-  RendezvousSetup() = default;
-  ~RendezvousSetup();
-  RendezvousSetup(const RendezvousSetup&) = delete;
-  RendezvousSetup& operator=(const RendezvousSetup&) = delete;
-
   lund_relay_server server;  // as the link says
   lund_rv_endpoint listen;   // family 0 for all local addresses; its port counts in any case
   bool from_link = false;    // the port in the link stands, whatever is listened on here

@@ -54,7 +54,6 @@ RendezvousServer::State::State(const std::uint8_t* key, std::size_t key_size,
 
 RendezvousServer::State::~State() {
   lund_secure_wipe(net_key, sizeof net_key);
-  lund_secure_wipe(&identity, sizeof identity);
 }
 
 void RendezvousServer::State::receive(const std::uint8_t* datagram, std::size_t size,

@@ -4,17 +4,12 @@
 
 #include <cstdio>
 
-#include "apps/service/run.h"
+#include "apps/service/entry.h"
 #include "apps/version.h"
 
 namespace {
 
-int run_program(int argc, char** argv) {
-  ServiceOptions options;
-  CLI::App app{
-      "Shares this computer's active graphical session: starts lunderhaze-worker for it, keeps it\n"
-      "running, and takes orders of lunderhaze-ctl. Runs in the foreground as root until Ctrl+C."};
-  app.set_version_flag("--version", LUND_VERSION_TEXT);
+void take_options(CLI::App& app, ServiceOptions& options) {
   for (const service_platform::SessionOption& option : service_platform::session_options()) {
     app.add_option_function<std::string>(
         option.name,
@@ -24,15 +19,31 @@ int run_program(int argc, char** argv) {
   app.add_option("--worker", options.worker, "The worker's program; otherwise beside this one");
   // For tests that kill the worker again and again: the usual second would double to a minute.
   app.add_option("--backoff-ms", options.backoff_ms, "")->check(CLI::Range(1, 60'000))->group("");
-  app.footer(
-      "Exit status: 0 stopped, 1 wrong arguments or no session to be found, 2 not root or\n"
-      "/run/lunderhaze is open to others, 3 another service runs, 4 another failure here.");
+}
+
+int run_program(int argc, char** argv) {
+  ServiceOptions options;
+  ServiceExit (*carry_out)(const ServiceOptions&) = [](const ServiceOptions& given) {
+    return service_platform::run_managed([&given] { return run_service(given); });
+  };
+  CLI::App app{service_platform::DESCRIPTION};
+  app.set_version_flag("--version", LUND_VERSION_TEXT);
+  take_options(app, options);
+  if (const auto& commands = service_platform::commands(); !commands.empty()) {
+    for (const service_platform::Command& command : commands)
+      app.add_subcommand(command.name, command.help)->fallthrough()->callback([&] {
+        carry_out = command.carry_out;
+      });
+    app.add_subcommand("run", "Serve, in the foreground or as the service")->fallthrough();
+    app.require_subcommand(1);
+  }
+  app.footer(service_platform::EXIT_STATUSES);
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& error) {
     return app.exit(error) == 0 ? EXIT_OK : EXIT_USAGE;
   }
-  return run_service(options);
+  return carry_out(options);
 }
 
 }  // namespace

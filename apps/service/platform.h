@@ -25,13 +25,17 @@ using SessionChoice =
 std::unique_ptr<SessionSource> session_source(const SessionChoice& choice, WakeEvent& wake,
                                               std::string* error);
 
-// Starts the program with nothing of this process but these; null and `error` on failure.
+// Starts the program for the session, with nothing of this process but these; null and `error` on
+// failure.
 std::unique_ptr<WorkerProcess> start_worker(const std::string& program,
                                             const std::vector<std::string>& arguments,
-                                            const Environment& environment, WakeEvent& wake,
+                                            const GraphicalSession& session, WakeEvent& wake,
                                             std::string* error);
 
 extern const char* const WORKER_PROGRAM;  // its file name
+
+// Has the system show what it shows for its secure attention sequence; what came of it, in words.
+std::string secure_attention();
 
 // What must hold before anything is served: this is the system's process, and the place of the
 // pipes is private to it.
@@ -46,5 +50,8 @@ bool stop_asked();
 void tell_manager_ready();
 void tell_manager_stopping();
 void tell_manager_status(const std::string& line);
+// For the log that the manager's events are in, where that doesn't get what is printed anyhow.
+enum class Line { News, Failure };
+void tell_manager_line(const std::string& line, Line kind);
 
 }  // namespace service_platform

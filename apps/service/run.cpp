@@ -19,11 +19,13 @@ constexpr std::size_t SETTINGS_LIMIT_BYTES = 256;  // a record has 16
 
 ServiceExit fail(ServiceExit status, const std::string& text) {
   std::fprintf(stderr, "lunderhaze-service: %s\n", text.c_str());
+  tell_manager_line(text, Line::Failure);
   return status;
 }
 
 void say(const std::string& line) {
   hsay("%s", line.c_str());
+  tell_manager_line(line, Line::News);
 }
 
 std::string worker_program(const ServiceOptions& options) {
@@ -97,9 +99,9 @@ ServiceExit run_service(const ServiceOptions& options) {
   const std::string program = worker_program(options);
   WorkerSupervisor supervisor(
       {*sessions,
-       [&program](const std::vector<std::string>& arguments, const Environment& environment,
+       [&program](const std::vector<std::string>& arguments, const GraphicalSession& session,
                   std::string* why) {
-         return start_worker(program, arguments, environment, wake, why);
+         return start_worker(program, arguments, session, wake, why);
        },
        [](const std::string& channel) { return PipeLink::make(channel, say, wake); },
        lund_random_bytes, say, wake, host_service::Process::current().id()},

@@ -21,7 +21,9 @@ using Environment = std::map<std::string, std::string>;
 struct GraphicalSession {
   std::string name;          // for people: "session 3 of anna on :0"
   std::uint32_t number = 0;  // as security.h counts sessions
-  Environment environment;   // what a worker needs to reach its display and its sound
+  // What a worker needs to reach its display and its sound, where being in the session isn't
+  // enough.
+  Environment environment;
   bool operator==(const GraphicalSession&) const = default;
 };
 
@@ -44,7 +46,7 @@ class WorkerProcess {
   virtual ~WorkerProcess() = default;
   virtual std::uint32_t id() const = 0;  // its own until this goes, also after its end
   virtual std::optional<WorkerEnd> ended() = 0;
-  virtual void terminate() = 0;  // asks it to end
+  virtual bool terminate() = 0;  // asks it to end; false where it can only be killed
   virtual void kill() = 0;
 };
 
@@ -66,5 +68,6 @@ class WorkerLink {
 
 // Both give null on failure.
 using StartWorker = std::function<std::unique_ptr<WorkerProcess>(
-    const std::vector<std::string>& arguments, const Environment& environment, std::string* error)>;
+    const std::vector<std::string>& arguments, const GraphicalSession& session,
+    std::string* error)>;
 using MakeLink = std::function<std::shared_ptr<WorkerLink>(const std::string& channel)>;

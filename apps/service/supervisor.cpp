@@ -94,9 +94,8 @@ std::uint32_t WorkerSupervisor::start() {
   run_.link = parts_.make_link(channel);
   if (!run_.link) return start_failed("its pipes can't be made");
   std::string error;
-  run_.process =
-      parts_.start_worker({"--supervisor", std::to_string(parts_.own_id), "--channel", channel},
-                          served_->environment, &error);
+  run_.process = parts_.start_worker(
+      {"--supervisor", std::to_string(parts_.own_id), "--channel", channel}, *served_, &error);
   if (!run_.process) {
     run_.link.reset();
     return start_failed(error);
@@ -172,15 +171,21 @@ std::uint32_t WorkerSupervisor::step_stopping() {
     kill(held_out + " of SIGTERM");
     return KILLED_MS;
   }
+  if (!run_.process->terminate()) {
+    kill(held_out + " of Stop");
+    return KILLED_MS;
+  }
   enter(Phase::Terminated);
   parts_.say("worker " + std::to_string(run_.process->id()) + ": " + held_out +
              " of Stop: sending SIGTERM");
-  run_.process->terminate();
   return times_.terminate_ms;
 }
 
 void WorkerSupervisor::worker_ended(const WorkerEnd& end) {
   const bool asked = run_.asked;
+  // Whoever ends a process that was up can give it any code: those that mean something are told by
+  // one that is starting.
+  const bool was_up = run_.link->heard_us() != 0;
   const std::string words = words_for(end);
   const std::string what =
       "worker " + std::to_string(run_.process->id()) + " ended (" + words + ")";
@@ -200,7 +205,7 @@ void WorkerSupervisor::worker_ended(const WorkerEnd& end) {
     start_at_us_ = 0;
     set_doing("between two workers");
     parts_.say(what);
-  } else if (may_start_again(end)) {
+  } else if (was_up || may_start_again(end)) {
     pause(ran_ms, what);
   } else {
     given_up_ = true;

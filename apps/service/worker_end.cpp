@@ -1,5 +1,6 @@
 #include "apps/service/worker_end.h"
 
+#include <cstdio>
 #include <iterator>
 
 namespace {
@@ -31,6 +32,12 @@ const ExitCode* known(const WorkerEnd& end) {
 std::string words_for(const WorkerEnd& end) {
   const std::string number = std::to_string(end.number);
   if (end.kind == WorkerEnd::Kind::Signalled) return "killed by signal " + number;
+  if (end.kind == WorkerEnd::Kind::Faulted) {
+    char code[16];
+    std::snprintf(code, sizeof code, "0x%08X", static_cast<unsigned>(end.number));
+    return std::string("ended by the exception ") + code;
+  }
+  if (end.kind == WorkerEnd::Kind::Killed) return "killed";
   const ExitCode* code = known(end);
   return "exit code " + number + ": " + (code != nullptr ? code->words : "not one of a worker's");
 }

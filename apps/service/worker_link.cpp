@@ -3,6 +3,7 @@
 #include <chrono>
 #include <utility>
 
+#include "apps/service/platform.h"
 #include "connection/clock.h"
 #include "connection/wiped.h"
 
@@ -83,7 +84,8 @@ bool PipeLink::answer_one() {
     return false;
   }
   if (attention) {
-    say_("a client asked for the secure attention sequence, which this system does not have");
+    say_("a client asked for the secure attention sequence: " +
+         service_platform::secure_attention());
   } else if (heard_us_.exchange(lund_now_us()) == 0) {
     say_("worker " + std::to_string(worker_.id()) + " is up");
     wake_.set();

@@ -403,11 +403,11 @@ TEST_F(CtlCommandsTest, SetThatTheWorkerCannotSaveIsAPersistenceFailure) {
 
 // ---- Relay servers
 
-RelayList relays_of(const std::vector<std::string>& links) {
-  RelayList relays;
+lund_relay_config relays_of(const std::vector<std::string>& links) {
+  lund_relay_config relays;
   std::string error;
   EXPECT_TRUE(read_relays(links, &relays, &error)) << error;
-  return RelayList(relays.config);
+  return relays;
 }
 
 TEST_F(CtlCommandsTest, RelaysGoToTheWorkerInTheStoredFormAndAreShownWithoutTheirKeys) {
@@ -427,7 +427,7 @@ TEST_F(CtlCommandsTest, RelaysGoToTheWorkerInTheStoredFormAndAreShownWithoutThei
 
 TEST_F(CtlCommandsTest, NoRelaysAreAListToo) {
   service_.ok();
-  EXPECT_EQ(set_relays(service_, RelayList(), Apply::AtNextStart).text,
+  EXPECT_EQ(set_relays(service_, lund_relay_config(), Apply::AtNextStart).text,
             "no relay servers\nStored: the next start of the worker applies it\n");
   EXPECT_EQ(std::string(service_.payloads[0].begin(), service_.payloads[0].end()),
             "lunderhaze-relays-v1\n");
@@ -435,23 +435,23 @@ TEST_F(CtlCommandsTest, NoRelaysAreAListToo) {
 
 TEST_F(CtlCommandsTest, TheWorkersAnswerOnRelaysDecides) {
   service_.answer(Status::Invalid, "invalid relay configuration");
-  EXPECT_EQ(set_relays(service_, RelayList(), Apply::AtNextStart).exit, Exit::Invalid);
+  EXPECT_EQ(set_relays(service_, lund_relay_config(), Apply::AtNextStart).exit, Exit::Invalid);
   service_.answer(Status::Persistence, "relay persistence failed");
-  EXPECT_EQ(set_relays(service_, RelayList(), Apply::AtNextStart).exit, Exit::Persistence);
+  EXPECT_EQ(set_relays(service_, lund_relay_config(), Apply::AtNextStart).exit, Exit::Persistence);
 }
 
 TEST_F(CtlCommandsTest, RelaysWithRestartAreRefusedBeforehandWhileAClientIsConnected) {
   service_.ok(worker_lines("connected"));
-  EXPECT_EQ(set_relays(service_, RelayList(), Apply::Now).exit, Exit::Failed);
+  EXPECT_EQ(set_relays(service_, lund_relay_config(), Apply::Now).exit, Exit::Failed);
   service_.ok(worker_lines()).ok().ok();
-  EXPECT_TRUE(set_relays(service_, RelayList(), Apply::Now).done());
+  EXPECT_TRUE(set_relays(service_, lund_relay_config(), Apply::Now).done());
   asked({Verb::Status, Verb::Status, Verb::SetRelays, Verb::Verb9});
 }
 
 TEST(CtlReadRelays, WhatIsNoLinkIsRefusedWithoutShowingIt) {
   for (const char* bad : {"lunderhaze-relay://a.example", "lunderhaze-rely://a.example#topsecret",
                           "/nonexistent/topsecret"}) {
-    RelayList relays;
+    lund_relay_config relays;
     std::string error;
     EXPECT_FALSE(read_relays({"lunderhaze-relay://b.example#k", bad}, &relays, &error)) << bad;
     EXPECT_NE(error.find('2'), std::string::npos) << error;
@@ -463,14 +463,14 @@ TEST(CtlReadRelays, MoreThanCanBeListedAreRefused) {
   std::vector<std::string> links;
   for (int i = 0; i <= LUND_RELAYS_MAX; ++i)
     links.push_back("lunderhaze-relay://h" + std::to_string(i) + ".example#k");
-  RelayList relays;
+  lund_relay_config relays;
   std::string error;
   EXPECT_FALSE(read_relays(links, &relays, &error));
   EXPECT_EQ(error, "8 relay servers are listed already");
   links.pop_back();
-  RelayList fits;
+  lund_relay_config fits;
   EXPECT_TRUE(read_relays(links, &fits, &error));
-  EXPECT_EQ(fits.config.count, LUND_RELAYS_MAX);
+  EXPECT_EQ(fits.count, LUND_RELAYS_MAX);
 }
 
 // ---- Restart

@@ -26,12 +26,13 @@ inline GraphicalSession session(std::uint32_t number, const std::string& user = 
 struct FakeWorker {
   std::uint32_t id = 0;
   std::vector<std::string> arguments;
-  Environment environment;
+  GraphicalSession session;
   std::uint64_t started_us = 0;
   std::uint32_t attached_session = 0;
   bool heartbeats = true;
   std::uint64_t last_heartbeat_us = 0;
   bool obeys_stop = true, obeys_sigterm = true;
+  bool can_be_asked = true;  // by its system, to end
   bool stop_asked = false, terminated = false, killed = false, closed = false;
   std::uint64_t stop_asked_us = 0, terminated_us = 0, killed_us = 0;
   std::vector<host_service::Request> requests;
@@ -95,11 +96,13 @@ class ServiceRig : public testing::Test {
         : worker(std::move(of)), wake(event) {}
     std::uint32_t id() const override { return worker->id; }
     std::optional<WorkerEnd> ended() override { return worker->end; }
-    void terminate() override {
+    bool terminate() override {
+      if (!worker->can_be_asked) return false;
       worker->terminated = true;
       worker->terminated_us = lund_now_us();
       if (worker->obeys_sigterm) worker->die(15);
       wake.set();
+      return true;
     }
     void kill() override {
       worker->killed = true;
@@ -137,7 +140,7 @@ class ServiceRig : public testing::Test {
 
   WorkerSupervisor::Parts parts() {
     return {sessions_,
-            [this](const std::vector<std::string>& arguments, const Environment& environment,
+            [this](const std::vector<std::string>& arguments, const GraphicalSession& for_session,
                    std::string* error) -> std::unique_ptr<WorkerProcess> {
               if (!start_error_.empty()) {
                 *error = start_error_;
@@ -146,7 +149,7 @@ class ServiceRig : public testing::Test {
               auto made = std::make_shared<FakeWorker>();
               made->id = 100 + static_cast<std::uint32_t>(workers_.size());
               made->arguments = arguments;
-              made->environment = environment;
+              made->session = for_session;
               made->started_us = lund_now_us();
               made->heartbeats = heartbeats_;
               workers_.push_back(made);

@@ -18,7 +18,7 @@ TEST_F(SupervisorTest, StartsAWorkerForTheActiveSessionByPidAndChannel) {
   EXPECT_EQ(worker().arguments[1], "4711");
   EXPECT_EQ(worker().arguments[2], "--channel");
   EXPECT_EQ(worker().arguments[3], channels_.back());
-  EXPECT_EQ(worker().environment.at("DISPLAY"), ":7");
+  EXPECT_EQ(worker().session, session(8));
   EXPECT_EQ(worker().attached_session, 8u);
   EXPECT_EQ(supervisor_.state().worker, worker().id);
   EXPECT_EQ(supervisor_.state().session, 8u);
@@ -107,6 +107,14 @@ TEST_F(SupervisorTest, AWorkerThatCannotStartIsNotStartedAgainAndStateSaysWhy) {
   }
 }
 
+// A process manager's "end task" gives 1, which a worker says of its arguments.
+TEST_F(SupervisorTest, AWorkerThatWasUpIsStartedAgainWhateverCodeItWasEndedWith) {
+  for (const int code : {1, 2}) {
+    step();
+    EXPECT_GE(pause_after_ms(code, 1'000), 1'000u) << code;
+  }
+}
+
 TEST_F(SupervisorTest, ARestartTriesOnceMoreWhatWasGivenUp) {
   step();
   worker().exit(1);
@@ -139,6 +147,9 @@ TEST_F(SupervisorTest, EachExitCodeHasItsOwnWords) {
   EXPECT_EQ(words_for({WorkerEnd::Kind::Exited, 7}), "exit code 7: not one of a worker's");
   EXPECT_EQ(words_for({WorkerEnd::Kind::Exited, -1}), "exit code -1: not one of a worker's");
   EXPECT_EQ(words_for({WorkerEnd::Kind::Signalled, 9}), "killed by signal 9");
+  EXPECT_EQ(words_for({WorkerEnd::Kind::Faulted, static_cast<int>(0xC0000005)}),
+            "ended by the exception 0xC0000005");
+  EXPECT_EQ(words_for({WorkerEnd::Kind::Killed, 1}), "killed");
 }
 
 TEST_F(SupervisorTest, AnotherActiveSessionStopsTheWorkerAndGetsItsOwnAtOnce) {
@@ -264,6 +275,18 @@ TEST_F(SupervisorTest, AWorkerThatIgnoresSigtermTooIsKilledAndLogged) {
   run_ms(20'000);
   EXPECT_EQ(worker().killed_us - worker().terminated_us, 5'000'000u);
   EXPECT_EQ(said("did not end within 5 s of SIGTERM: killing it"), 1);
+  EXPECT_TRUE(supervisor_.done());
+}
+
+TEST_F(SupervisorTest, AWorkerThatIgnoresStopAndCannotBeAskedOtherwiseIsKilledAtOnce) {
+  step();
+  worker().obeys_stop = false;
+  worker().can_be_asked = false;
+  supervisor_.stop();
+  run_ms(20'000);
+  EXPECT_EQ(worker().killed_us - worker().stop_asked_us, 10'000'000u);
+  EXPECT_EQ(said("did not end within 10 s of Stop: killing it"), 1);
+  EXPECT_EQ(said("SIGTERM"), 0);
   EXPECT_TRUE(supervisor_.done());
 }
 

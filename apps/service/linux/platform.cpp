@@ -52,6 +52,10 @@ void watch_for_stop(WakeEvent& wake) {
   handle(SIGPIPE, SIG_IGN);  // whoever read the log may go
 }
 
+std::string secure_attention() {
+  return "this system does not have one";
+}
+
 bool stop_asked() {
   return stop_signalled;
 }

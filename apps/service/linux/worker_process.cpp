@@ -40,7 +40,7 @@ class Worker final : public WorkerProcess {
         info_.si_code == CLD_EXITED ? WorkerEnd::Kind::Exited : WorkerEnd::Kind::Signalled,
         info_.si_status};
   }
-  void terminate() override { ::kill(pid_, SIGTERM); }
+  bool terminate() override { return ::kill(pid_, SIGTERM) == 0; }
   void kill() override { ::kill(pid_, SIGKILL); }
 
  private:
@@ -103,7 +103,7 @@ const char* const WORKER_PROGRAM = "lunderhaze-worker";
 
 std::unique_ptr<WorkerProcess> start_worker(const std::string& program,
                                             const std::vector<std::string>& arguments,
-                                            const Environment& environment, WakeEvent& wake,
+                                            const GraphicalSession& session, WakeEvent& wake,
                                             std::string* error) {
   std::vector<std::string> words = {program};
   words.insert(words.end(), arguments.begin(), arguments.end());
@@ -111,7 +111,7 @@ std::unique_ptr<WorkerProcess> start_worker(const std::string& program,
   // the stack, and with them what copying a secret has left there: all are bound at the start.
   std::vector<std::string> variables = {"PATH=/usr/sbin:/usr/bin:/sbin:/bin", "LANG=C.UTF-8",
                                         "LD_BIND_NOW=1"};
-  for (const auto& [name, value] : environment)
+  for (const auto& [name, value] : session.environment)
     variables.emplace_back(name).append("=").append(value);
   const FileActions actions;
   const Attributes attributes;

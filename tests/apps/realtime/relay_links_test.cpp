@@ -13,9 +13,9 @@ constexpr char LINK[] = "lunderhaze-relay://relay.example#top-secret";
 class RelayLinks : public testing::Test {
  protected:
   bool give(const std::vector<std::string>& links) {
-    return given_relays(links, {}, &relays_.config, &error_);
+    return given_relays(links, {}, &relays_, &error_);
   }
-  RelayList relays_;
+  lund_relay_config relays_;
   std::string error_;
 };
 
@@ -28,9 +28,9 @@ TEST_F(RelayLinks, OneThatIsMalformedIsNamedByItsNumberAndNotShown) {
 TEST_F(RelayLinks, TheCommandLineAndAFileAreAddedUp) {
   const TempDirectory directory;
   write_file(directory / "links", "lunderhaze-relay://other.example#k\n");
-  ASSERT_TRUE(given_relays({LINK}, directory / "links", &relays_.config, &error_)) << error_;
-  EXPECT_EQ(relays_.config.count, 2);
-  EXPECT_FALSE(given_relays({}, directory / "missing", &relays_.config, &error_));
+  ASSERT_TRUE(given_relays({LINK}, directory / "links", &relays_, &error_)) << error_;
+  EXPECT_EQ(relays_.count, 2);
+  EXPECT_FALSE(given_relays({}, directory / "missing", &relays_, &error_));
   EXPECT_NE(error_.find("missing"), std::string::npos) << error_;
 }
 
@@ -41,7 +41,7 @@ TEST_F(RelayLinks, WhatIsGivenComesBeforeWhatIsRemembered) {
                                ("lunderhaze-relay://10.0.0." + std::to_string(i) + "#old").c_str());
   ASSERT_TRUE(give({"lunderhaze-relay://10.0.0.3#new", "lunderhaze-relay://relay.example#k"}));
   lund_relay_config all;
-  relays_to_use(relays_.config, remembered, &all);
+  relays_to_use(relays_, remembered, &all);
   ASSERT_EQ(all.count, 8);
   EXPECT_EQ(relay_name(all.servers[0]), "10.0.0.3:9877");
   EXPECT_EQ(all.servers[0].key[0], 'n');
@@ -55,10 +55,10 @@ TEST_F(RelayLinks, OnlyWhatIsNewIsRememberedAndSaid) {
   ASSERT_TRUE(store.open(directory / "client", &error_)) << error_;
   ASSERT_TRUE(give({LINK}));
   const std::string news = "relay server relay.example:9877 is remembered\n";
-  EXPECT_EQ(remember_relays(relays_.config, &store), news);
-  EXPECT_EQ(remember_relays(relays_.config, &store), "");
+  EXPECT_EQ(remember_relays(relays_, &store), news);
+  EXPECT_EQ(remember_relays(relays_, &store), "");
   ASSERT_TRUE(give({"lunderhaze-relay://relay.example#another-secret"}));
-  EXPECT_EQ(remember_relays(relays_.config, &store), news) << "its key has changed";
+  EXPECT_EQ(remember_relays(relays_, &store), news) << "its key has changed";
   ASSERT_TRUE(store.open(directory / "client", &error_));
   EXPECT_EQ(store.relays().count, 1);
   EXPECT_EQ(store.relays().servers[0].key[0], 'a');

@@ -23,7 +23,7 @@ class ServiceProcessTest : public testing::Test {
  protected:
   std::unique_ptr<WorkerProcess> shell(const std::string& script,
                                        const Environment& environment = {}) {
-    return start_worker("/bin/sh", {"-c", script}, environment, wake_, &error_);
+    return start_worker("/bin/sh", {"-c", script}, {"", 1, environment}, wake_, &error_);
   }
   std::optional<WorkerEnd> end_of(WorkerProcess& process) {
     for (int i = 0; i < 100; ++i) {
@@ -94,12 +94,12 @@ TEST_F(ServiceProcessTest, AnInterruptMeantForTheServiceDoesNotReachTheWorker) {
 
 TEST_F(ServiceProcessTest, SigtermAsksAndSigkillEnds) {
   const auto obeys = shell("exec sleep 60");
-  obeys->terminate();
+  EXPECT_TRUE(obeys->terminate());
   EXPECT_EQ(end_of(*obeys)->number, SIGTERM);
   const std::string ready = (directory_ / "ready").string();
   const auto ignores = shell("trap '' TERM; touch " + ready + "; while :; do sleep 60; done");
   while (!std::filesystem::exists(ready)) std::this_thread::yield();
-  ignores->terminate();
+  EXPECT_TRUE(ignores->terminate());
   EXPECT_FALSE(ignores->ended());
   ignores->kill();
   EXPECT_EQ(end_of(*ignores)->number, SIGKILL);

@@ -16,6 +16,7 @@
 
 #include <chrono>
 #include <cstdio>
+#include <fstream>
 #include <functional>
 #include <string>
 
@@ -89,10 +90,27 @@ class TerminalJobTest : public testing::Test {
   int next_status() {
     pollfd polled{reports_[0], POLLIN, 0};
     int status = -1;
-    EXPECT_EQ(poll(&polled, 1, static_cast<int>(DEADLINE.count()) * 1'000), 1);
+    EXPECT_EQ(poll(&polled, 1, static_cast<int>(DEADLINE.count()) * 1'000), 1)
+        << "program: " << state_of(program_) << "shell: " << state_of(shell_);
     if (polled.revents == 0) return status;
     EXPECT_EQ(read(reports_[0], &status, sizeof status), static_cast<ssize_t>(sizeof status));
     return status;
+  }
+  // What the kernel says of a process that hangs: whether it runs, its signals, where it waits.
+  static std::string state_of(pid_t process) {
+    const std::string directory = "/proc/" + std::to_string(process) + "/";
+    std::string state;
+    std::ifstream status(directory + "status");
+    for (std::string line; std::getline(status, line);)
+      if (line.starts_with("State") || line.starts_with("Sig") || line.starts_with("ShdPnd"))
+        state += line + "; ";
+    for (const char* name : {"wchan", "syscall"}) {
+      std::ifstream file(directory + name);
+      std::string line;
+      std::getline(file, line);
+      state += std::string(name) + ": " + line + "; ";
+    }
+    return state + "\n";
   }
   bool changed_state() {
     pollfd polled{reports_[0], POLLIN, 0};
