@@ -99,6 +99,10 @@ else()
   find_package(CLI11 REQUIRED)
 endif()
 
+# For tests and fuzz targets that make PNGs of their own.
+set(ZLIB_USE_STATIC_LIBS ${WIN32})
+find_package(ZLIB REQUIRED)
+
 # lund_version_header(FOLDER): "FOLDER/version.h" for the programs of the calling folder.
 execute_process(COMMAND git -C ${CMAKE_SOURCE_DIR} describe --always --dirty
   OUTPUT_VARIABLE LUND_BUILD_ID OUTPUT_STRIP_TRAILING_WHITESPACE ERROR_QUIET)

@@ -158,7 +158,9 @@ World::World(std::uint8_t setup) {
   Servers::configure(config);
   client_ = lund_client_create(&config);
   servers_.attach(client_, host_keys_.public_key);
-  client_engine::forget_pairing(*client_);  // its padding too, so that it can be looked at whole
+  // So that it can be looked at whole: its padding, too, and a lock that is made when first taken.
+  client_engine::forget_pairing(*client_);
+  session_id();
 }
 
 void World::create_host(const lund_client_list& clients) {

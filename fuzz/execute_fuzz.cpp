@@ -4,7 +4,6 @@
 #include <algorithm>
 #include <cstdint>
 #include <cstdlib>
-#include <filesystem>
 #include <string>
 #include <vector>
 
@@ -58,12 +57,6 @@ void check_store() {
 }
 
 }  // namespace
-
-// Each input's store is written and flushed anew: in memory, where there is such a place.
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
-  if (std::filesystem::is_directory("/dev/shm")) setenv("TMPDIR", "/dev/shm", 0);
-  return 0;
-}
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   virtual_time::reset();

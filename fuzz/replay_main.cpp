@@ -50,7 +50,7 @@ int main(int argc, char** argv) {
     }
     for (const fs::path& path : files) {
       if (!replay(path)) {
-        std::fprintf(stderr, "can't read %s\n", path.c_str());
+        std::fprintf(stderr, "can't read %s\n", path.string().c_str());
         return 1;
       }
       ++replayed;

@@ -100,9 +100,7 @@ std::optional<DibLayout> read_dib_header(Block block) {
 
 bool image_from_dib(Block block, Image* out) {
   const std::optional<DibLayout> layout = read_dib_header(block);
-  if (!layout || layout->pixels > block.size()) return false;
-  const bool compressed = layout->compression != DIB_RGB && layout->compression != DIB_BITFIELDS;
-  if (!compressed && !layout->rows_within(block.size())) return false;
+  if (!layout || !layout->lies_within(block.size())) return false;
 
   out->width = layout->width;
   out->height = layout->height;

@@ -37,8 +37,10 @@ struct DibLayout {
   std::uint64_t pixels = 0;   // their offset from the block's start; may lie outside the block
   std::uint64_t stride = 0;   // bytes from row to row
 
-  bool rows_within(std::uint64_t block_bytes) const {
-    return pixels + height * stride <= block_bytes;
+  bool compressed() const { return compression != DIB_RGB && compression != DIB_BITFIELDS; }
+  // How long the rows are is known of those alone that aren't compressed.
+  bool lies_within(std::uint64_t block_bytes) const {
+    return pixels + (compressed() ? 0 : height * stride) <= block_bytes;
   }
 };
 

@@ -23,7 +23,7 @@ enum class ClipboardForm {
   PrivateMark,
   Text,  // UTF-8
   Png,
-  Dib,  // of several, the one with the newest header
+  Dib,  // of several, the one with the newest header that holds together
 };
 
 // A form as the clipboard has it.

@@ -15,6 +15,6 @@ bool encode_png(const Image& image, std::vector<std::uint8_t>* png);
 bool decode_png(std::span<const std::uint8_t> png, Image* out);
 
 // Each pixel becomes the average of the area that it covers, weighted by alpha, so that the colour
-// of what is transparent doesn't bleed into edges; a side of very few pixels may be taken less
-// exactly. Neither side grows; both are at least 1.
+// of what is transparent doesn't bleed into edges, and as exact as it shows; a side of very few
+// pixels may be taken less exactly. Neither side grows; both are at least 1.
 bool scale_image(const Image& source, std::uint32_t width, std::uint32_t height, Image* out);

@@ -4,6 +4,7 @@
 #include <string>
 
 #include "capture/windows/d3d11_encoder_device.h"
+#include "capture/windows/gdi_pointer.h"
 #include "capture/windows/nv12_converter.h"
 #include "connection/windows/performance_counter.h"
 #include "control/log.h"
@@ -50,7 +51,7 @@ class DuplicationSource final : public CaptureSource, private PointerSource {
  private:
   PointerUpdate pointer_update() override;
   bool read_pointer_shape(std::uint8_t* buffer, PointerShape* out) override;
-  bool system_pointer(DesktopPoint* out) override;
+  bool system_pointer(DesktopPoint* out) override { return GdiPointer().system_pointer(out); }
 
   HRESULT duplicate();
   AcquireResult failed_acquire(HRESULT result);
@@ -236,13 +237,6 @@ bool DuplicationSource::read_pointer_shape(std::uint8_t* buffer, PointerShape* o
           static_cast<std::int32_t>(shape.Pitch),
           shape.HotSpot.x,
           shape.HotSpot.y};
-  return true;
-}
-
-bool DuplicationSource::system_pointer(DesktopPoint* out) {
-  POINT point;
-  if (!GetCursorPos(&point)) return false;
-  *out = {point.x, point.y};
   return true;
 }
 

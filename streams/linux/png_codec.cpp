@@ -3,15 +3,12 @@
 
 #include <png.h>
 
-#include <algorithm>
 #include <memory>
 #include <new>
 
-namespace {
+#include "streams/png_claim.h"
 
-// Deflate makes at most 1032 bytes of one (RFC 1951: 258 bytes by a pair of one-bit codes), so a
-// file can't hold the rows of a picture that is larger than that; a header alone gets no memory.
-constexpr std::uint64_t DEFLATE_RATIO_MAX = 1032;
+namespace {
 
 // Frees what libpng holds on every way out.
 class PngImage {
@@ -26,14 +23,6 @@ class PngImage {
  private:
   png_image image_{};
 };
-
-// Of a file whose header libpng has found good: signature, then IHDR with width, height, bit depth
-// and colour type.
-bool holds_rows(const png_image& image, std::span<const std::uint8_t> png) {
-  constexpr std::uint64_t CHANNELS[] = {1, 0, 3, 1, 2, 0, 4};  // by colour type
-  const std::uint64_t pixel_bits = std::uint64_t{png[24]} * CHANNELS[png[25]];
-  return pixel_bits * image.width / 8 * image.height <= png.size() * DEFLATE_RATIO_MAX;
-}
 
 }  // namespace
 
@@ -55,12 +44,9 @@ bool encode_png(const Image& image, std::vector<std::uint8_t>* png) try {
 }
 
 bool decode_png(std::span<const std::uint8_t> png, Image* out) try {
+  if (!png_claim_is_possible(png)) return false;
   PngImage reader;
   if (png_image_begin_read_from_memory(reader.get(), png.data(), png.size()) == 0) return false;
-  if (reader->width == 0 || reader->height == 0 ||
-      std::uint64_t{reader->width} * reader->height > IMAGE_PIXELS_MAX ||
-      !holds_rows(*reader.get(), png))
-    return false;
   reader->format = PNG_FORMAT_BGRA;
   reader->flags |= PNG_IMAGE_FLAG_16BIT_sRGB;  // unless the file says otherwise
   out->width = reader->width;

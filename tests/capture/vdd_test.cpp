@@ -2,11 +2,11 @@
 #include "capture/vdd.h"
 
 #include <future>
-#include <latch>
 #include <thread>
 
 #include "capture/no_vdd_driver.h"
 #include "tests/capture/vdd_fixture.h"
+#include "tests/support/latch.h"
 
 using testing::ElementsAre;
 using testing::IsEmpty;
@@ -201,7 +201,7 @@ TEST_F(VirtualDisplayLeases, TickDoesNotWaitForALeaseInTheMaking) {
   monitor(R"(\\.\DISPLAY7)");
   ASSERT_TRUE(acquire(0, 1280, 720));
   ASSERT_TRUE(acquire(1));
-  std::latch in_driver(1), go_on(1);
+  Latch in_driver(1), go_on(1);
   vdd->on_call = [&, first = true](const char*) mutable {
     if (!std::exchange(first, false)) return;
     in_driver.count_down();

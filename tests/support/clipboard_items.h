@@ -21,9 +21,9 @@ inline Image noise_picture(std::uint32_t side, bool opaque = false) {
   Image image{side, side, {}};
   image.pixels.resize(std::size_t{side} * side * IMAGE_PIXEL_BYTES);
   std::uint32_t state = 1;
-  for (std::uint8_t& byte : image.pixels) {
+  for (std::uint8_t& channel : image.pixels) {
     state = state * 1'664'525u + 1'013'904'223u;
-    byte = static_cast<std::uint8_t>(state >> 24);
+    channel = static_cast<std::uint8_t>(state >> 24);
   }
   for (std::size_t i = 3; opaque && i < image.pixels.size(); i += IMAGE_PIXEL_BYTES)
     image.pixels[i] = 255;

@@ -72,6 +72,7 @@ struct World {
   std::string cpu_encoder = "libopenh264";
   bool encoder_opens = true;
   bool rate_in_place = false;
+  EncoderSurface surface;       // what begin_frame gives
   std::uint64_t encode_us = 0;  // how long an encode takes
   // What an encode gives; by default a keyframe where one is forced.
   std::function<Encoded(bool force)> encoded = [](bool force) {
@@ -192,7 +193,10 @@ class FakeEncoder final : public PictureEncoder {
   }
   void close() override { name_.clear(); }
   bool is_open() const override { return !name_.empty(); }
-  bool begin_frame(EncoderSurface*) override { return is_open(); }
+  bool begin_frame(EncoderSurface* surface) override {
+    *surface = world_.surface;
+    return is_open();
+  }
   bool prepare_cpu_frame(const std::uint8_t*, std::uint64_t, int, int, int) override {
     return is_open();
   }

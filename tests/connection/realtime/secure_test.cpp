@@ -3,11 +3,11 @@
 
 #include <gtest/gtest.h>
 
-#include <barrier>
 #include <set>
 #include <thread>
 
 #include "connection/byte_order.h"
+#include "tests/support/latch.h"
 #include "tests/support/session_pair.h"
 
 namespace {
@@ -17,7 +17,7 @@ TEST(Seal, NoTwoRecordsOfConcurrentThreadsShareANonce) {
   constexpr std::size_t RECORDS = 5'000;
   session_pair pair;
   std::vector<std::uint64_t> counters[THREADS];
-  std::barrier together(THREADS);
+  Latch together(THREADS);
   {
     std::vector<std::jthread> threads;
     for (auto& own : counters) {

@@ -2,10 +2,10 @@
 
 #include <gtest/gtest.h>
 
-#include <barrier>
 #include <thread>
 
 #include "tests/support/fec_shards.h"
+#include "tests/support/latch.h"
 
 namespace {
 
@@ -13,7 +13,7 @@ namespace {
 // fills them while the others wait.
 TEST(FecSetup, ManyThreadsMayBeTheFirstToUseTheCode) {
   constexpr int THREADS = 8;
-  std::barrier start(THREADS);
+  Latch start(THREADS);
   std::vector<std::vector<std::uint8_t>> parity(THREADS);
   {
     std::vector<std::jthread> threads;
