@@ -9,7 +9,8 @@
 
 class ClockOffset {
  public:
-  explicit ClockOffset(bool one_computer = false) : one_computer_(one_computer) {
+  ClockOffset() = default;
+  explicit ClockOffset(bool one_computer) : one_computer_(one_computer) {
     if (one_computer) offset_us_ = 0;
   }
 
@@ -28,7 +29,7 @@ class ClockOffset {
   std::optional<std::int64_t> us() const { return offset_us_; }
 
  private:
-  bool one_computer_;
+  bool one_computer_ = false;
   std::uint64_t best_rtt_us_ = 0;
   std::optional<std::int64_t> offset_us_;
 };
