@@ -57,8 +57,7 @@ double ScreenStream::rtt_us() {
 }
 
 std::optional<std::int64_t> ScreenStream::clock_offset_us() const {
-  if (!session_.loopback && session_.best_rtt_us == 0) return std::nullopt;
-  return decoder_.clock_offset();
+  return session_.clock.us();
 }
 
 std::size_t ScreenStream::payload() const {
@@ -73,13 +72,13 @@ void ScreenStream::attach(std::uint32_t session, bool loopback, bool with_sound,
                           std::uint64_t now_us) {
   session_ = {};
   session_id_ = session;
-  session_.loopback = loopback;
+  session_.clock = ClockOffset(loopback);
   session_.hello = wish_;
   session_.hello.audio = with_sound;
   if (const std::uint32_t kbps = wanted_kbps_) session_.hello.bitrate_kbps = kbps;
   session_.told_kbps = session_.hello.bitrate_kbps;
   session_.tellings = BITRATE_TELLINGS;
-  if (loopback) decoder_.set_clock_offset(0);
+  tell_clock();
   last_heard_us_ = now_us;
 }
 
@@ -262,17 +261,17 @@ void ScreenStream::take(const std::uint8_t* packet, std::size_t size, const Pack
   }
 }
 
+void ScreenStream::tell_clock() {
+  if (const auto offset = session_.clock.us()) decoder_.set_clock_offset(*offset);
+}
+
 void ScreenStream::on_pong(const std::uint8_t* packet, std::size_t size) {
   lund_ping pong;
   const std::uint64_t now = lund_now_us();
   if (lund_decode_ping(packet, size, &pong) != 0 || pong.client_time_us > now) return;
   const std::uint64_t rtt = now - pong.client_time_us;
-  if (!session_.loopback && (session_.best_rtt_us == 0 || rtt < session_.best_rtt_us)) {
-    // Of all answers the quickest tells most exactly how the two clocks stand.
-    session_.best_rtt_us = std::max<std::uint64_t>(rtt, 1);
-    decoder_.set_clock_offset(static_cast<std::int64_t>(pong.host_time_us) -
-                              static_cast<std::int64_t>(pong.client_time_us + rtt / 2));
-  }
+  session_.clock.measured(pong.client_time_us, pong.host_time_us, rtt);
+  tell_clock();
   input_.rtt_measured(rtt);
   std::lock_guard lock(decoder_.statistics_mutex());
   decoder_.statistics().rtt_measured(static_cast<double>(rtt));

@@ -13,6 +13,7 @@
 #include <optional>
 #include <string>
 
+#include "apps/client/clock_offset.h"
 #include "apps/client/cursor_cache.h"
 #include "apps/client/decode_thread.h"
 #include "apps/client/frame_gate.h"
@@ -74,6 +75,7 @@ class ScreenStream {
  private:
   void on_hello_ack(const std::uint8_t* packet, std::size_t size);
   bool start_decoder(const lund_hello_ack& ack);
+  void tell_clock();
   void on_pong(const std::uint8_t* packet, std::size_t size);
   void on_shard(const std::uint8_t* packet, std::size_t size);
   void take_frames();
@@ -103,7 +105,7 @@ class ScreenStream {
   FrameGate gate_;
   std::optional<StreamEnding> ending_;
   struct Session {
-    bool loopback = false;
+    ClockOffset clock;
     lund_hello hello;  // as it is repeated: the same bytes are the same wish
     std::uint64_t first_hello_us = 0, last_hello_us = 0;
     std::uint64_t first_frame_us = 0;
@@ -113,7 +115,6 @@ class ScreenStream {
     std::uint32_t newest_shard_frame = 0;
     std::uint32_t last_popped_frame = 0;
     std::uint32_t ping_seq = 0;
-    std::uint64_t best_rtt_us = 0;
     std::uint32_t told_kbps = 0;
     int tellings = 0;  // of told_kbps
     std::uint64_t told_us = 0;

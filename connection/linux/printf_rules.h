@@ -1,0 +1,3 @@
+#pragma once
+
+#define LUND_PRINTF_RULES printf
