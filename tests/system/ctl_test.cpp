@@ -182,26 +182,27 @@ TEST_F(CtlTest, WithoutAServiceItIsUnavailableInWords) {
 
 TEST_F(CtlTest, AProgramThatIsNotTheSystemsOwnIsToldNothing) {
   const Signal listening;
-  std::optional<Forked> impostor;
-  lab_->call([&] {
-    ASSERT_EQ(mkdir("/run/lunderhaze", 0700), 0);
-    ASSERT_EQ(chown("/run/lunderhaze", ORDINARY_USER, ORDINARY_USER), 0);
-    impostor.emplace([&] {
-      if (!become_ordinary()) return 1;
+  Forked impostor([&] {
+    int status = 1;
+    lab_->call([&] {
       UnixAddress address;
-      if (!address.fill(host_service::SERVICE_PIPE)) return 2;
+      if (mkdir("/run/lunderhaze", 0700) != 0 ||
+          chown("/run/lunderhaze", ORDINARY_USER, ORDINARY_USER) != 0 || !become_ordinary() ||
+          !address.fill(host_service::SERVICE_PIPE))
+        return;
       const Descriptor socket = listen_at(address, 4);
       listening.give();
       const Descriptor peer = accept_peer(socket.get(), UINT64_MAX, nullptr);
       char byte;
-      return receive_some(peer.get(), &byte, 1, UINT64_MAX, nullptr) == 1 ? 3 : 0;
+      status = receive_some(peer.get(), &byte, 1, UINT64_MAX, nullptr) == 1 ? 2 : 0;
     });
+    return status;
   });
   listening.take();
   holds(ctl_reading(SECRET, "set-password --stdin"), 3,
         "untrusted service endpoint: the program that serves the service's pipe is not the "
         "system's own, and was told nothing");
-  EXPECT_EQ(impostor->wait(), 0);
+  EXPECT_EQ(impostor.wait(), 0);
 }
 
 TEST_F(CtlTest, AWrongCommandLineAsksNothing) {

@@ -1,5 +1,6 @@
 // A process of a test's own that runs a function: as another user, in a process id namespace of its
-// own. Killed and reaped with its scope. One thread.
+// own. Killed and reaped with its scope. Made by a thread that outlives it: PR_SET_PDEATHSIG means
+// the thread's death.
 #pragma once
 
 #include <grp.h>
