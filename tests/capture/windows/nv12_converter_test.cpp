@@ -14,8 +14,8 @@ using testing::IsEmpty;
 
 class Nv12ConverterTest : public testing::Test {
  protected:
-  Nv12ConverterTest() {
-    open_display_device(gpu_.api(), gpu_.display(), &device_);
+  void SetUp() override {
+    ASSERT_TRUE(open_display_device(gpu_.api(), gpu_.display(), &device_));
     description_.Width = 1921;
     description_.Height = 1080;
     description_.ArraySize = 1;
