@@ -6,8 +6,10 @@ if(NOT CMAKE_BUILD_TYPE)
 endif()
 find_program(LUND_CCACHE ccache)
 if(LUND_CCACHE)
-  set(CMAKE_CXX_COMPILER_LAUNCHER ${LUND_CCACHE})
-  set(CMAKE_C_COMPILER_LAUNCHER ${LUND_CCACHE})
+  # Without these leniencies it doesn't keep what was compiled by a precompiled header.
+  set(launcher ${CMAKE_COMMAND} -E env CCACHE_SLOPPINESS=pch_defines,time_macros ${LUND_CCACHE})
+  set(CMAKE_CXX_COMPILER_LAUNCHER ${launcher})
+  set(CMAKE_C_COMPILER_LAUNCHER ${launcher})
 endif()
 
 # The two dependencies that scripts/setup builds lie in its prefix.
@@ -175,6 +177,7 @@ function(lund_test name)
   target_link_libraries(${name} PRIVATE ${arg_LIBS} GTest::gmock GTest::gtest_main)
   target_compile_definitions(${name} PRIVATE
     LUND_SOURCE_DIR="${CMAKE_SOURCE_DIR}" LUND_BIN_DIR="${CMAKE_RUNTIME_OUTPUT_DIRECTORY}")
+  target_precompile_headers(${name} REUSE_FROM test_headers)
   if(WIN32)
     return()  # scripts/test-windows runs the programs whole: each start of Wine takes its time
   endif()
