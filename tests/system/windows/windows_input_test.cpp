@@ -8,6 +8,7 @@
 #include "connection/clock.h"
 #include "tests/system/desk_support.h"
 #include "tests/system/windows/windows_host_support.h"
+#include "tests/system/windows/x_ping_support.h"
 
 using testing::ElementsAre;
 using testing::ElementsAreArray;
@@ -36,6 +37,7 @@ class WindowsInputTest : public WindowsHostTest {
     if (IsSkipped() || HasFatalFailure()) return;
     ASSERT_TRUE(window_->wait_for_output("has focus", seconds(30))) << window_->output();
     user_ = std::make_unique<User>(desk().display());
+    ping_ = std::make_unique<XPing>(desk().display());
     serve();
     settle();
   }
@@ -43,6 +45,7 @@ class WindowsInputTest : public WindowsHostTest {
     if (HasFailure() && hand_) ADD_FAILURE() << "the client said:\n" << hand_->output();
     if (HasFailure() && window_) ADD_FAILURE() << "the window said:\n" << window_->output();
     hand_.reset();
+    ping_.reset();
     user_.reset();
     WindowsHostTest::TearDown();
   }
@@ -57,14 +60,21 @@ class WindowsInputTest : public WindowsHostTest {
     return *hand_;
   }
 
-  // Wine moves X's pointer after its own, and takes X's word for where it is: until the window has
-  // been told, a click could come to where the pointer was before. X tells in order, so that what
-  // is behind the turn of a wheel can't come any more.
+  // Wine moves X's pointer after its own, and takes X's word for where it is, from the desktop's
+  // program as from the window's: until both have taken all that X told them, a click could come to
+  // where the pointer was before. Then a turn of X's wheel brings its place.
   void settle() {
+    ping_->ping_under_pointer();
     const std::size_t from = window_->output().size();
     user_->click(X_WHEEL_UP);
     EXPECT_TRUE(window_->wait_for_output("wheel 120\r\n", seconds(20), from));
+    ping_->ping_under_pointer();
     heard_ = window_->output().size();
+  }
+  // By X's hand: a client that points there then moves nothing.
+  void put_pointer(int x, int y) {
+    user_->move(x, y);
+    settle();
   }
 
   // What the window was told since then, of these kinds, up to this line; waits for it.
@@ -93,6 +103,7 @@ class WindowsInputTest : public WindowsHostTest {
   static std::unique_ptr<ChildProcess> window_;
   std::size_t heard_ = 0;
   std::unique_ptr<User> user_;
+  std::unique_ptr<XPing> ping_;
   std::unique_ptr<ClientHand> hand_;
 };
 
@@ -102,6 +113,7 @@ TEST_F(WindowsInputTest, AProgramGetsTheTypedLineCharacterForCharacter) {
   std::string line;
   for (char c = ' '; c <= '~'; ++c) line += c;
   line += "  The quick (brown) fox: \"jumps\" over 10% of {lazy} dogs & returns~";
+  put_pointer(100, 100);
   stream(0.1, {"--click", "100,100", "--type", line + "\n"});
   EXPECT_THAT(told("button", "button 1 up 100,100"),
               ElementsAre("button 1 down 100,100", "button 1 up 100,100"));
@@ -136,6 +148,7 @@ TEST_F(WindowsInputTest, ClicksComeToTheExactPixel) {
 }
 
 TEST_F(WindowsInputTest, AClickIntoAScaledStreamComesToThePixelAtTheSamePlace) {
+  put_pointer(WIDTH - 1, HEIGHT - 1);
   stream(0.1, {"--width", std::to_string(WIDTH / 2), "--click", "639,359"});
   EXPECT_EQ(report()["stream"]["width"], WIDTH / 2);
   EXPECT_THAT(told("button", "button 1 up 1279,719"),
