@@ -130,14 +130,18 @@ function(lund_library name)
   endif()
 endfunction()
 
-# lund_program(NAME description sources...): a program that users have. On Windows it says what it is
-# and how it is to be run (cmake/windows/), and is loaded anywhere, by Windows 10 and newer, with
-# nothing that can be both written and run. scripts/check-windows looks for all of that.
+# lund_program(NAME description sources...): a program that users have; `programs` builds all of them.
+# On Windows it says what it is and how it is to be run (cmake/windows/), and is loaded anywhere, by
+# Windows 10 and newer, with nothing that can be both written and run: scripts/check-windows looks for
+# all of that. There the component `programs` is what scripts/pack-windows packs.
+add_custom_target(programs)
 function(lund_program name description)
   add_executable(${name} ${ARGN})
+  add_dependencies(programs ${name})
   if(NOT WIN32)
     return()
   endif()
+  install(TARGETS ${name} RUNTIME DESTINATION . COMPONENT programs)
   set(LUND_PROGRAM ${name})
   set(LUND_PROGRAM_DESCRIPTION ${description})
   set(resources ${CMAKE_BINARY_DIR}/generated/resources)
