@@ -6,8 +6,10 @@ if(NOT CMAKE_BUILD_TYPE)
 endif()
 find_program(LUND_CCACHE ccache)
 if(LUND_CCACHE)
-  set(CMAKE_CXX_COMPILER_LAUNCHER ${LUND_CCACHE})
-  set(CMAKE_C_COMPILER_LAUNCHER ${LUND_CCACHE})
+  # Without these leniencies it doesn't keep what was compiled by a precompiled header.
+  set(launcher ${CMAKE_COMMAND} -E env CCACHE_SLOPPINESS=pch_defines,time_macros ${LUND_CCACHE})
+  set(CMAKE_CXX_COMPILER_LAUNCHER ${launcher})
+  set(CMAKE_C_COMPILER_LAUNCHER ${launcher})
 endif()
 
 # The two dependencies that scripts/setup builds lie in its prefix.
@@ -129,14 +131,18 @@ function(lund_library name)
   endif()
 endfunction()
 
-# lund_program(NAME description sources...): a program that users have. On Windows it says what it is
-# and how it is to be run (cmake/windows/), and is loaded anywhere, by Windows 10 and newer, with
-# nothing that can be both written and run. scripts/check-windows looks for all of that.
+# lund_program(NAME description sources...): a program that users have; `programs` builds all of them.
+# On Windows it says what it is and how it is to be run (cmake/windows/), and is loaded anywhere, by
+# Windows 10 and newer, with nothing that can be both written and run: scripts/check-windows looks for
+# all of that. There the component `programs` is what scripts/pack-windows packs.
+add_custom_target(programs)
 function(lund_program name description)
   add_executable(${name} ${ARGN})
+  add_dependencies(programs ${name})
   if(NOT WIN32)
     return()
   endif()
+  install(TARGETS ${name} RUNTIME DESTINATION . COMPONENT programs)
   set(LUND_PROGRAM ${name})
   set(LUND_PROGRAM_DESCRIPTION ${description})
   set(resources ${CMAKE_BINARY_DIR}/generated/resources)
@@ -168,6 +174,7 @@ function(lund_test name)
   target_link_libraries(${name} PRIVATE ${arg_LIBS} GTest::gmock GTest::gtest_main)
   target_compile_definitions(${name} PRIVATE
     LUND_SOURCE_DIR="${CMAKE_SOURCE_DIR}" LUND_BIN_DIR="${CMAKE_RUNTIME_OUTPUT_DIRECTORY}")
+  target_precompile_headers(${name} REUSE_FROM test_headers)
   if(WIN32)
     return()  # scripts/test-windows runs the programs whole: each start of Wine takes its time
   endif()
