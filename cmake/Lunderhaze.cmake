@@ -131,8 +131,8 @@ function(lund_library name)
 endfunction()
 
 # lund_program(NAME description sources...): a program that users have. On Windows it says what it is
-# and how it is to be run (cmake/windows/), and is loaded anywhere, by Windows 10 and newer, with
-# nothing that can be both written and run. scripts/check-windows looks for all of that.
+# and how it is to be run (cmake/windows/), is loaded anywhere, by Windows 10 and newer, with
+# nothing that can be both written and run, and ends by an exception when it is aborted. scripts/check-windows looks for all of that.
 function(lund_program name description)
   add_executable(${name} ${ARGN})
   if(NOT WIN32)
@@ -145,7 +145,7 @@ function(lund_program name description)
     configure_file(${CMAKE_SOURCE_DIR}/cmake/windows/program.${kind}.in
       ${resources}/${name}.${kind} @ONLY)
   endforeach()
-  target_sources(${name} PRIVATE ${resources}/${name}.rc)
+  target_sources(${name} PRIVATE ${resources}/${name}.rc ${CMAKE_SOURCE_DIR}/cmake/windows/program.cpp)
   set_source_files_properties(${resources}/${name}.rc PROPERTIES
     INCLUDE_DIRECTORIES ${resources} OBJECT_DEPENDS ${resources}/${name}.manifest)
   target_link_options(${name} PRIVATE
