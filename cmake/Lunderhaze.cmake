@@ -130,14 +130,23 @@ function(lund_library name)
   endif()
 endfunction()
 
-# lund_program(NAME description sources...): a program that users have. On Windows it says what it is
-# and how it is to be run (cmake/windows/), is loaded anywhere, by Windows 10 and newer, with
-# nothing that can be both written and run, and ends by an exception when it is aborted. scripts/check-windows looks for all of that.
+# lund_program(NAME description sources...): a program that users have; `programs` builds all of them.
+# On Windows the component `programs` is what scripts/pack-windows packs.
+add_custom_target(programs)
 function(lund_program name description)
   add_executable(${name} ${ARGN})
-  if(NOT WIN32)
-    return()
+  add_dependencies(programs ${name})
+  if(WIN32)
+    install(TARGETS ${name} RUNTIME DESTINATION . COMPONENT programs)
+    lund_windows_program(${name} ${description})
   endif()
+endfunction()
+
+# lund_windows_program(NAME description): a program as users have it on Windows: it says what it is and
+# how it is to be run (cmake/windows/), ends by an exception when it is aborted, and is loaded
+# anywhere, by Windows 10 and newer, with nothing that can be both written and run:
+# scripts/check-windows looks for all that can be seen of that.
+function(lund_windows_program name description)
   set(LUND_PROGRAM ${name})
   set(LUND_PROGRAM_DESCRIPTION ${description})
   set(resources ${CMAKE_BINARY_DIR}/generated/resources)

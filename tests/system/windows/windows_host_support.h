@@ -17,6 +17,7 @@ class WindowsHostTest : public SystemTest {
   static void SetUpTestSuite() { open_desk({}); }
   static void TearDownTestSuite();
   static void open_desk(WineDesk::Options options);
+  static bool has_desk() { return desk_ && desk_->running(); }
   static const WineDesk& desk() { return *desk_; }
 
   void SetUp() override;
@@ -25,6 +26,8 @@ class WindowsHostTest : public SystemTest {
 
   // A host that this client is paired with: by its PIN, the first time.
   void serve(const std::vector<std::string>& arguments = {});
+  // By Ctrl+C, its exit status. Of a program that is killed Wine may keep sockets and windows.
+  static std::optional<int> end(ChildProcess* program);
   // A program of the desk's, once it has said this; it runs until the test's end.
   ChildProcess& open(const std::string& name, const std::vector<std::string>& arguments,
                      const std::string& says);
