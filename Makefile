@@ -4,7 +4,9 @@ SECONDS ?= 10
 JOBS ?= $(shell nproc)
 BUILD = build/linux
 
-.PHONY: help run test lint sanitize soak bench fuzz deb windows test-windows clean
+.PHONY: help run test test-build test-run lint sanitize soak bench fuzz deb windows \
+  test-windows test-windows-build test-windows-run clean
+.NOTPARALLEL:
 
 help:
 	@echo "make run [SECONDS=n]  build, stream this computer's screen to a client here, report"
@@ -32,9 +34,13 @@ run: | build
 	@cmake --build $(BUILD) -j $(JOBS) --target lunderhaze lunderhaze-client lunderhaze-testscreen
 	@scripts/run $(BUILD)/bin $(SECONDS) out/run
 
-test: | build
+test: test-build test-run
+
+test-build: | build
 	$(call configure,tests,linux)
 	@cmake --build $(BUILD) -j $(JOBS)
+
+test-run:
 	@ctest --test-dir $(BUILD) -j $(JOBS) --output-on-failure --no-tests=error
 
 lint: | build
@@ -83,11 +89,15 @@ windows: | build
 	@scripts/check-windows out/windows
 	@du -sh out/windows
 
-test-windows: windows
+test-windows: test-windows-build test-windows-run
+
+test-windows-build: windows
 	$(call configure,wine,windows)
 	@cmake --build build/windows -j $(JOBS)
 	$(call configure,tests,linux)
 	@cmake --build $(BUILD) -j $(JOBS) --target windows_system_test
+
+test-windows-run:
 	@scripts/test-windows build/windows/bin
 
 clean:

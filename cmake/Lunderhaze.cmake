@@ -75,6 +75,7 @@ if(WIN32)
   file(GLOB libraries ${LUND_PREFIX}/bin/*.dll)
   file(COPY ${libraries} DESTINATION ${CMAKE_RUNTIME_OUTPUT_DIRECTORY})  # where a program looks
   list(APPEND CMAKE_PREFIX_PATH ${LUND_PREFIX})
+  list(APPEND CMAKE_FIND_ROOT_PATH ${LUND_PREFIX})
   # Headers that are the same for every platform are taken of this machine's, and no others of them.
   file(MAKE_DIRECTORY ${CMAKE_BINARY_DIR}/headers)
   foreach(name nlohmann CLI)
@@ -162,18 +163,10 @@ endfunction()
 # match, with each of its tests known to ctest by its own name, and by what it needs: "virtual" runs
 # on the virtual clock, "realtime" has threads, sockets or files, "system" runs the programs. Suites
 # called ...SoakTest take minutes: ctest doesn't know them, scripts/soak runs them. NEEDS names a
-# fixture of ctest's that is set up before; WITHOUT a folder: the tests of it are left out.
+# fixture of ctest's that is set up before.
 function(lund_test name)
-  cmake_parse_arguments(arg "" "LABEL;NEEDS;WITHOUT" "LIBS" ${ARGN})
+  cmake_parse_arguments(arg "" "LABEL;NEEDS" "LIBS" ${ARGN})
   file(GLOB sources CONFIGURE_DEPENDS ${arg_UNPARSED_ARGUMENTS})
-  if(arg_WITHOUT)
-    foreach(source ${sources})
-      file(STRINGS ${source} includes REGEX "^#include \"${arg_WITHOUT}/")
-      if(includes)
-        list(REMOVE_ITEM sources ${source})
-      endif()
-    endforeach()
-  endif()
   if(NOT sources)
     return()
   endif()
