@@ -65,3 +65,22 @@ Handle make_system_token() {
   if (status < 0) token.release();
   return token;
 }
+
+Handle make_administrator_token() {
+  const Handle own = process_token(GetCurrentProcess(), TOKEN_QUERY | TOKEN_DUPLICATE);
+  TOKEN_ELEVATION elevation{};
+  TOKEN_LINKED_TOKEN linked{};
+  DWORD size = 0;
+  Handle elevated, token;
+  if (!own || !GetTokenInformation(own.get(), TokenElevation, &elevation, sizeof elevation, &size))
+    return {};
+  if (elevation.TokenIsElevated == 0) {
+    if (!GetTokenInformation(own.get(), TokenLinkedToken, &linked, sizeof linked, &size)) return {};
+    elevated.reset(linked.LinkedToken);
+  }
+  // To start a process with it takes a primary one.
+  if (!DuplicateTokenEx(elevated ? elevated.get() : own.get(), TOKEN_ALL_ACCESS, nullptr,
+                        SecurityImpersonation, TokenPrimary, token.receive()))
+    token.release();
+  return token;
+}
