@@ -6,8 +6,6 @@
 #include <cstddef>
 #include <cstdint>
 
-#include "control/windows/token.h"
-
 namespace {
 
 using CreateToken = NTSTATUS(NTAPI*)(HANDLE*, ACCESS_MASK, OBJECT_ATTRIBUTES*, TOKEN_TYPE, LUID*,
@@ -67,12 +65,12 @@ Handle make_system_token() {
 }
 
 Handle make_administrator_token() {
-  const Handle own = process_token(GetCurrentProcess(), TOKEN_QUERY | TOKEN_DUPLICATE);
   TOKEN_ELEVATION elevation{};
   TOKEN_LINKED_TOKEN linked{};
   DWORD size = 0;
-  Handle elevated, token;
-  if (!own || !GetTokenInformation(own.get(), TokenElevation, &elevation, sizeof elevation, &size))
+  Handle own, elevated, token;
+  if (!OpenProcessToken(GetCurrentProcess(), TOKEN_QUERY | TOKEN_DUPLICATE, own.receive()) ||
+      !GetTokenInformation(own.get(), TokenElevation, &elevation, sizeof elevation, &size))
     return {};
   if (elevation.TokenIsElevated == 0) {
     if (!GetTokenInformation(own.get(), TokenLinkedToken, &linked, sizeof linked, &size)) return {};
