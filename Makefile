@@ -4,7 +4,9 @@ SECONDS ?= 10
 JOBS ?= $(shell nproc)
 BUILD = build/linux
 
-.PHONY: help run test lint sanitize soak bench fuzz deb windows test-windows clean
+.PHONY: help run test test-build test-run lint sanitize soak bench fuzz deb windows \
+  test-windows test-windows-build test-windows-run clean
+.NOTPARALLEL:
 
 help:
 	@echo "make run [SECONDS=n]  build, stream this computer's screen to a client here, report"
@@ -16,7 +18,7 @@ help:
 	@echo "make fuzz             each fuzz target for FUZZ_SECONDS (default 600)"
 	@echo "make deb              build the Debian package, out/deb/lunderhaze_<version>_<architecture>.deb"
 	@echo "make windows          cross-build for Windows x64 what exists for it"
-	@echo "make test-windows     the unit tests as Windows programs, under Wine"
+	@echo "make test-windows     the tests as Windows programs under Wine, and those with this client"
 
 # $(call configure,packages to set up,preset,further arguments)
 define configure
@@ -32,9 +34,13 @@ run: | build
 	@cmake --build $(BUILD) -j $(JOBS) --target lunderhaze lunderhaze-client lunderhaze-testscreen
 	@scripts/run $(BUILD)/bin $(SECONDS) out/run
 
-test: | build
+test: test-build test-run
+
+test-build: | build
 	$(call configure,tests,linux)
 	@cmake --build $(BUILD) -j $(JOBS)
+
+test-run:
 	@ctest --test-dir $(BUILD) -j $(JOBS) --output-on-failure --no-tests=error
 
 lint: | build
@@ -73,14 +79,21 @@ deb: | build
 	@ls out/deb/*.deb
 
 windows: | build
-	@scripts/setup windows
-	@cmake --preset windows > build/.windows.log 2>&1 || { cat build/.windows.log; exit 1; }
-	@cmake --build build/windows -j $(JOBS)
+	$(call configure,windows,windows)
+	@cmake --build build/windows -j $(JOBS) --target programs
+	@scripts/pack-windows build/windows out/windows
+	@scripts/check-windows out/windows
+	@du -sh out/windows
 
-test-windows: | build
-	@scripts/setup wine
-	@cmake --preset windows -DLUND_TESTS=ON > build/.windows.log 2>&1 || { cat build/.windows.log; exit 1; }
+test-windows: test-windows-build test-windows-run
+
+test-windows-build: windows
+	$(call configure,wine,windows)
 	@cmake --build build/windows -j $(JOBS)
+	$(call configure,tests,linux)
+	@cmake --build $(BUILD) -j $(JOBS) --target windows_system_test
+
+test-windows-run:
 	@scripts/test-windows build/windows/bin
 
 clean:

@@ -6,8 +6,10 @@ if(NOT CMAKE_BUILD_TYPE)
 endif()
 find_program(LUND_CCACHE ccache)
 if(LUND_CCACHE)
-  set(CMAKE_CXX_COMPILER_LAUNCHER ${LUND_CCACHE})
-  set(CMAKE_C_COMPILER_LAUNCHER ${LUND_CCACHE})
+  # Without these leniencies it doesn't keep what was compiled by a precompiled header.
+  set(launcher ${CMAKE_COMMAND} -E env CCACHE_SLOPPINESS=pch_defines,time_macros ${LUND_CCACHE})
+  set(CMAKE_CXX_COMPILER_LAUNCHER ${launcher})
+  set(CMAKE_C_COMPILER_LAUNCHER ${launcher})
 endif()
 
 # The two dependencies that scripts/setup builds lie in its prefix.
@@ -73,6 +75,7 @@ if(WIN32)
   file(GLOB libraries ${LUND_PREFIX}/bin/*.dll)
   file(COPY ${libraries} DESTINATION ${CMAKE_RUNTIME_OUTPUT_DIRECTORY})  # where a program looks
   list(APPEND CMAKE_PREFIX_PATH ${LUND_PREFIX})
+  list(APPEND CMAKE_FIND_ROOT_PATH ${LUND_PREFIX})
   # Headers that are the same for every platform are taken of this machine's, and no others of them.
   file(MAKE_DIRECTORY ${CMAKE_BINARY_DIR}/headers)
   foreach(name nlohmann CLI)
@@ -128,14 +131,18 @@ function(lund_library name)
   endif()
 endfunction()
 
-# lund_program(NAME description sources...): a program that users have. On Windows it says what it is
-# and how it is to be run (cmake/windows/), and is loaded anywhere, by Windows 10 and newer, with
-# nothing that can be both written and run. scripts/check-windows looks for all of that.
+# lund_program(NAME description sources...): a program that users have; `programs` builds all of them.
+# On Windows it says what it is and how it is to be run (cmake/windows/), and is loaded anywhere, by
+# Windows 10 and newer, with nothing that can be both written and run: scripts/check-windows looks for
+# all of that. There the component `programs` is what scripts/pack-windows packs.
+add_custom_target(programs)
 function(lund_program name description)
   add_executable(${name} ${ARGN})
+  add_dependencies(programs ${name})
   if(NOT WIN32)
     return()
   endif()
+  install(TARGETS ${name} RUNTIME DESTINATION . COMPONENT programs)
   set(LUND_PROGRAM ${name})
   set(LUND_PROGRAM_DESCRIPTION ${description})
   set(resources ${CMAKE_BINARY_DIR}/generated/resources)
@@ -156,18 +163,10 @@ endfunction()
 # match, with each of its tests known to ctest by its own name, and by what it needs: "virtual" runs
 # on the virtual clock, "realtime" has threads, sockets or files, "system" runs the programs. Suites
 # called ...SoakTest take minutes: ctest doesn't know them, scripts/soak runs them. NEEDS names a
-# fixture of ctest's that is set up before; WITHOUT a folder: the tests of it are left out.
+# fixture of ctest's that is set up before.
 function(lund_test name)
-  cmake_parse_arguments(arg "" "LABEL;NEEDS;WITHOUT" "LIBS" ${ARGN})
+  cmake_parse_arguments(arg "" "LABEL;NEEDS" "LIBS" ${ARGN})
   file(GLOB sources CONFIGURE_DEPENDS ${arg_UNPARSED_ARGUMENTS})
-  if(arg_WITHOUT)
-    foreach(source ${sources})
-      file(STRINGS ${source} includes REGEX "^#include \"${arg_WITHOUT}/")
-      if(includes)
-        list(REMOVE_ITEM sources ${source})
-      endif()
-    endforeach()
-  endif()
   if(NOT sources)
     return()
   endif()
@@ -175,6 +174,7 @@ function(lund_test name)
   target_link_libraries(${name} PRIVATE ${arg_LIBS} GTest::gmock GTest::gtest_main)
   target_compile_definitions(${name} PRIVATE
     LUND_SOURCE_DIR="${CMAKE_SOURCE_DIR}" LUND_BIN_DIR="${CMAKE_RUNTIME_OUTPUT_DIRECTORY}")
+  target_precompile_headers(${name} REUSE_FROM test_headers)
   if(WIN32)
     return()  # scripts/test-windows runs the programs whole: each start of Wine takes its time
   endif()

@@ -7,6 +7,7 @@
 #include <iterator>
 #include <string_view>
 
+#include "apps/terminal/binary_stream.h"
 #include "control/utf8.h"
 #include "streams/clipboard_text.h"
 
@@ -48,7 +49,10 @@ std::optional<ClipboardItem> read_clipboard_item(const std::filesystem::path& pa
                                                  std::string* error) {
   std::ifstream file;
   const bool standard = path == "-";
-  if (!standard) file.open(path, std::ios::binary);
+  if (standard)
+    make_binary(stdin);
+  else
+    file.open(path, std::ios::binary);
   std::istream& in = standard ? std::cin : file;
   std::vector<std::uint8_t> bytes{std::istreambuf_iterator<char>(in), {}};
   if (!standard && (!file.is_open() || file.bad())) {
@@ -65,7 +69,10 @@ bool write_clipboard_item(const std::filesystem::path& path, const ClipboardItem
                           std::string* error) {
   std::ofstream file;
   const bool standard = path == "-";
-  if (!standard) file.open(path, std::ios::binary | std::ios::trunc);
+  if (standard)
+    make_binary(stdout);
+  else
+    file.open(path, std::ios::binary | std::ios::trunc);
   std::ostream& out = standard ? std::cout : file;
   out.write(reinterpret_cast<const char*>(item.bytes.data()),
             static_cast<std::streamsize>(item.bytes.size()));

@@ -10,6 +10,7 @@
 #include "apps/client/host_access.h"
 #include "apps/client/json_report.h"
 #include "apps/client/view/desktop_clipboard.h"
+#include "apps/client/view/desktop_hint.h"
 #include "apps/client/view/keys.h"
 #include "apps/client/view/sound_output.h"
 #include "apps/client/view/viewer.h"
@@ -32,6 +33,7 @@ class Sdl {
     SDL_SetHint(SDL_HINT_VIDEO_MINIMIZE_ON_FOCUS_LOSS, "0");
     SDL_SetHint(SDL_HINT_MOUSE_FOCUS_CLICKTHROUGH, "1");     // a click that focuses is one
     SDL_SetHint(SDL_HINT_ALLOW_ALT_TAB_WHILE_GRABBED, "0");  // Alt+Tab is the host's
+    SDL_SetHint(SDL_HINT_WINDOWS_NO_CLOSE_ON_ALT_F4, "1");   // and so is Alt+F4
     SDL_SetHint(SDL_HINT_VIDEO_X11_NET_WM_BYPASS_COMPOSITOR, "0");
     if (SDL_Init(SDL_INIT_VIDEO) != 0 || TTF_Init() != 0) {
       *error = SDL_GetError();
@@ -83,9 +85,8 @@ int run_view(const Arguments& args) {
   std::string error;
   Sdl sdl;
   if (!sdl.start(&error))
-    return fail(EXIT_LOCAL, "no window can be opened (" + error +
-                                "): is there a desktop, and does DISPLAY name it? \"connect\" "
-                                "needs none");
+    return fail(EXIT_LOCAL, "no window can be opened (" + error + "): " + DESKTOP_HINT +
+                                " \"connect\" needs none");
   HostAccess access;
   if (const ExitStatus status = access.open(args, &error); status != EXIT_OK)
     return fail(status, error);

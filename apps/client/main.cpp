@@ -2,11 +2,12 @@
 // from them without one.
 #include <CLI/CLI.hpp>
 
-#include <csignal>
 #include <cstdio>
 
 #include "apps/client/commands.h"
 #include "apps/client/view/keys.h"
+#include "apps/terminal/requests.h"
+#include "apps/terminal/utf8_console.h"
 #include "apps/version.h"
 #include "control/keystore.h"
 #include "control/log.h"
@@ -16,9 +17,6 @@ using namespace client_app;
 namespace {
 
 std::atomic<bool> stop_requested{false};
-void request_stop(int) {
-  stop_requested = true;
-}
 
 using Command = int (*)(const Arguments& args);
 struct Subcommand {
@@ -218,8 +216,7 @@ int run_program(int argc, char** argv) {
   std::string error;
   if (!keystore::configureHostStore(keystore::User, &error)) return fail(EXIT_LOCAL, error);
   if (args.verbose) log_open(true);
-  std::signal(SIGINT, request_stop);
-  std::signal(SIGTERM, request_stop);
+  watch_requests({[] { stop_requested = true; }});
   for (const Subcommand& command : commands)
     if (command.app->parsed()) return command.run(args);
   return EXIT_USAGE;  // not reached: one is required
@@ -228,6 +225,7 @@ int run_program(int argc, char** argv) {
 }  // namespace
 
 int main(int argc, char** argv) {
+  const Utf8Console console;
   try {
     return run_program(argc, argv);
   } catch (const std::exception& error) {  // out of memory, or a disk that throws

@@ -4,7 +4,7 @@
 
 #include <algorithm>
 #include <cmath>
-#include <cstdio>
+#include <fstream>
 
 namespace {
 
@@ -37,8 +37,17 @@ bool write_image(const std::filesystem::path& path, int width, int height, png_u
   image.width = static_cast<png_uint_32>(width);
   image.height = static_cast<png_uint_32>(height);
   image.format = format;
-  const bool written = png_image_write_to_file(&image, temporary.string().c_str(), 0, pixels.data(),
-                                               0, nullptr) != 0;
+  // Not by a file name: the library takes those in the C library's encoding.
+  png_alloc_size_t size = PNG_IMAGE_PNG_SIZE_MAX(image);
+  std::vector<char> file(size);
+  bool written =
+      png_image_write_to_memory(&image, file.data(), &size, 0, pixels.data(), 0, nullptr) != 0;
+  if (written) {
+    std::ofstream out(temporary, std::ios::binary | std::ios::trunc);
+    out.write(file.data(), static_cast<std::streamsize>(size));
+    out.close();
+    written = !out.fail();
+  }
   std::error_code failed;
   if (written) std::filesystem::rename(temporary, path, failed);
   if (!written || failed) std::filesystem::remove(temporary, failed);

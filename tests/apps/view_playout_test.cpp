@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <numbers>
 #include <random>
 
 #include "tests/support/allocation_counter.h"
@@ -40,8 +41,8 @@ struct Line {
     while (pulled_s < seconds) {
       while (arrives_s <= pulled_s) {
         for (std::size_t i = 0; i < PACKET; ++i, ++tone)
-          packet[2 * i] = packet[2 * i + 1] =
-              static_cast<float>(0.5 * std::sin(2 * M_PI * 440 * static_cast<double>(tone) / RATE));
+          packet[2 * i] = packet[2 * i + 1] = static_cast<float>(
+              0.5 * std::sin(2 * std::numbers::pi * 440 * static_cast<double>(tone) / RATE));
         buffer.push(packet.data(), PACKET, in_device(arrives_s - taken_s));
         sent_s += PACKET / RATE / sender_rate;
         arrives_s = std::max(arrives_s, sent_s + late(random));
@@ -136,7 +137,7 @@ TEST(PlayoutBuffer, CorrectionsLeaveTheToneWhole) {
     steepest = std::max(steepest, std::abs(static_cast<double>(played[i + 2] - played[i])));
   // A whole sine of amplitude 0.5 moves by at most 0.5 * 2 pi f / rate a frame; a merged frame by
   // one and a half times as much.
-  EXPECT_LE(steepest, 1.6 * 0.5 * 2 * M_PI * 440 / RATE);
+  EXPECT_LE(steepest, 1.6 * 0.5 * 2 * std::numbers::pi * 440 / RATE);
 }
 
 TEST(PlayoutBuffer, RunningDryFadesOutAndWaitsForTheReserve) {

@@ -1,11 +1,12 @@
 // A program started by a test, with its output and its end. Killed and reaped when it goes out of
-// scope. One thread.
+// scope. One thread. On Windows it has a console of its own, without a window.
 #pragma once
 
 #include <sys/types.h>
 
 #include <chrono>
 #include <map>
+#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
@@ -18,7 +19,8 @@ class ChildProcess {
   };
 
   // Starts `arguments[0]` (looked up in PATH) with the test's environment changed by `environment`;
-  // an empty value removes a variable. Standard output and error are collected together.
+  // an empty value removes a variable. Standard output and error are collected together, and each
+  // line of them ends in \n alone.
   explicit ChildProcess(std::vector<std::string> arguments,
                         const std::map<std::string, std::string>& environment = {},
                         Streams streams = Streams::Piped);
@@ -35,20 +37,24 @@ class ChildProcess {
   std::optional<int> wait(std::chrono::milliseconds deadline);
 
   void type(const std::string& keys) const;  // on its terminal
+  // On Windows SIGINT and SIGTERM are Ctrl+C on its console, SIGBREAK is Ctrl+Break.
   void signal(int number) const;
   const std::string& output() const { return output_; }
-  pid_t pid() const { return pid_; }
+  pid_t pid() const;
   double processor_seconds() const;  // user and system time so far
 
  private:
   bool read_some(std::chrono::steady_clock::time_point deadline);  // false: deadline or end of file
   void reap(bool block);
 
-  pid_t pid_ = -1;
-  int pipe_ = -1;  // its output, or the other end of its terminal
+  struct Parts;
+  std::unique_ptr<Parts> parts_;
   std::string output_;
   std::optional<int> status_;
 };
+
+// One of this project's programs, which lie together.
+std::string own_program(const std::string& name);
 
 // Runs to the end within the deadline; fails the test when it doesn't end.
 struct RunResult {

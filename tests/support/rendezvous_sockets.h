@@ -1,6 +1,5 @@
-// Hosts and clients that speak to a real rendezvous server over loopback, each from an address of
-// its own in 127.0.0.0/8; and the server's program itself. What is lost is sent again, as engines
-// do.
+// Hosts and clients that speak to a real rendezvous server over loopback, from addresses in
+// 127.0.0.0/8; and the server's program itself. What is lost is sent again, as engines do.
 #pragma once
 
 #include <chrono>
@@ -21,6 +20,7 @@
 class RendezvousProgram {
  public:
   static constexpr char KEY[] = "0123456789abcdef";
+  static const int REPORT_SIGNAL;
 
   // Waits until it listens; the test goes on without a port when it doesn't.
   explicit RendezvousProgram(const std::vector<std::string>& arguments = {});
@@ -28,7 +28,7 @@ class RendezvousProgram {
   ChildProcess& process() { return *process_; }
   lund_rv_endpoint address() const;  // by loopback
   const std::uint8_t* net_key() const { return net_key_; }
-  // What it prints on SIGUSR1, since the last call.
+  // What it prints when it is asked to report, since the last call.
   std::string statistics();
 
  private:
@@ -78,13 +78,15 @@ class LoopbackPeer {
   std::uint8_t net_key_[LUND_KEY_SIZE];
 };
 
-// Many hosts, each with an address and a socket of its own.
+// Many hosts, each with a socket of its own.
 class LoopbackHosts {
  public:
-  // Raises this process' limit of open files as far as it is needed; false when it can't be.
+  // Raises this process' limit of open files, if there is one, as far as it is needed; false when
+  // it can't be.
   static bool can_open(int count);
 
-  LoopbackHosts(int count, const RendezvousProgram& server);
+  // All with this address; without one each has its own.
+  LoopbackHosts(int count, const RendezvousProgram& server, const std::string& address = {});
   ~LoopbackHosts();
 
   // Registers them all, or refreshes; how many the server has confirmed by the deadline.

@@ -61,7 +61,7 @@ class SystemTest : public testing::Test {
   RgbPicture last_frame() const { return read_png(out() / "last_frame.png"); }
   std::filesystem::path out() const { return directory_ / "out"; }
   std::filesystem::path recording() const { return out() / "stream.h264"; }
-  std::string host_log() const;
+  virtual std::string host_log() const;
   const Environment& environment() const { return environment_; }
 
   // What stands on the desktop.

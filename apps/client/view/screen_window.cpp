@@ -1,30 +1,17 @@
 #include "apps/client/view/screen_window.h"
 
-#include <SDL_opengl.h>
-
 #include <algorithm>
 #include <cmath>
 #include <cstdlib>
 #include <cstring>
+
+#include "apps/client/view/processor_drawing.h"
 
 namespace {
 
 constexpr Uint8 DIMMED = 110;  // of 255, of an old picture's light
 constexpr ViewSize SMALLEST{160, 120};
 constexpr std::size_t IMAGES = 32;  // of the pointer; a desktop uses a dozen
-
-// An OpenGL that itself runs on the processor only adds to the delay: SDL's own drawing is quicker.
-bool is_software_opengl(SDL_Renderer* renderer) {
-  SDL_RendererInfo info;
-  if (SDL_GetRendererInfo(renderer, &info) != 0 || std::strncmp(info.name, "opengl", 6) != 0)
-    return false;
-  using GetString = const GLubyte*(APIENTRY*)(GLenum);
-  void* found = SDL_GL_GetProcAddress("glGetString");
-  GetString get_string = nullptr;
-  std::memcpy(&get_string, &found, sizeof get_string);
-  const auto* name = get_string ? reinterpret_cast<const char*>(get_string(GL_RENDERER)) : nullptr;
-  return name && (std::strstr(name, "llvmpipe") || std::strstr(name, "softpipe"));
-}
 
 // SDL wants straight alpha, and its X11 driver hands it to the server, which wants it multiplied.
 void multiply_for_x11(std::vector<std::uint8_t>& pixels) {
@@ -59,7 +46,7 @@ bool ScreenWindow::make_renderer(std::string* error) {
   renderer_.reset(SDL_CreateRenderer(window_.get(), -1, 0));
   // Whoever names a driver in SDL_RENDER_DRIVER gets it.
   const bool chosen = std::getenv("SDL_RENDER_DRIVER") != nullptr;
-  if (!renderer_ || (!chosen && is_software_opengl(renderer_.get()))) {
+  if (!renderer_ || (!chosen && draws_by_processor(renderer_.get()))) {
     renderer_.reset();
     // Else SDL would show what it has drawn by that same OpenGL: 6 ms a picture instead of 0.02.
     SDL_SetHint(SDL_HINT_FRAMEBUFFER_ACCELERATION, "0");

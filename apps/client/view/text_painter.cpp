@@ -1,7 +1,5 @@
 #include "apps/client/view/text_painter.h"
 
-#include <fontconfig/fontconfig.h>
-
 #include <algorithm>
 
 namespace {
@@ -10,34 +8,7 @@ constexpr int MARGIN = 12;  // pixels to the window's edge
 constexpr int PADDING = 8;  // pixels of ground around the text
 constexpr Uint8 GROUND_ALPHA = 190;
 
-std::string overlay_font_path() {
-  std::string path;
-  FcConfig* config = FcInitLoadConfigAndFonts();
-  if (!config) return path;
-  FcPattern* wanted = FcNameParse(reinterpret_cast<const FcChar8*>("monospace:weight=medium"));
-  if (wanted) {
-    FcConfigSubstitute(config, wanted, FcMatchPattern);
-    FcDefaultSubstitute(wanted);
-    FcResult result = FcResultNoMatch;
-    FcPattern* found = FcFontMatch(config, wanted, &result);
-    FcChar8* file = nullptr;
-    if (found && FcPatternGetString(found, FC_FILE, 0, &file) == FcResultMatch)
-      path = reinterpret_cast<const char*>(file);
-    if (found) FcPatternDestroy(found);
-    FcPatternDestroy(wanted);
-  }
-  FcConfigDestroy(config);
-  return path;
-}
-
 }  // namespace
-
-SdlPtr<TTF_Font> open_overlay_font(int pixels, std::string* error) {
-  const std::string path = overlay_font_path();
-  SdlPtr<TTF_Font> font(path.empty() ? nullptr : TTF_OpenFont(path.c_str(), pixels));
-  if (!font) *error = path.empty() ? "no font is installed" : TTF_GetError();
-  return font;
-}
 
 void TextPainter::render(const std::vector<std::string>& lines, Block* block) {
   const bool same = std::equal(lines.begin(), lines.end(), block->begin(), block->end(),

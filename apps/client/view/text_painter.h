@@ -8,9 +8,6 @@
 #include "apps/client/view/geometry.h"
 #include "apps/client/view/sdl_handles.h"
 
-// The desktop's monospaced font; null with `error` when it has none.
-SdlPtr<TTF_Font> open_overlay_font(int pixels, std::string* error);
-
 enum class TextPlace { TopLeft, Middle, Bottom };
 
 class TextPainter {

@@ -51,13 +51,13 @@ Viewer::Viewer(const ViewRequest& request, SoundOutput& sound)
 
 Viewer::~Viewer() {
   screens_.clear();
-  font_.reset();
+  font_.font.reset();
 }
 
 bool Viewer::open(std::string* error) {
   std::string no_font;
   font_ = open_overlay_font(FONT_PIXELS, &no_font);
-  if (!font_) std::fprintf(stderr, "no words over the picture: %s\n", no_font.c_str());
+  if (!font_.font) std::fprintf(stderr, "no words over the picture: %s\n", no_font.c_str());
   for (int i = 0; i < request_.screens; ++i) {
     auto screen = std::make_unique<Screen>();
     screen->number = i;
@@ -66,7 +66,7 @@ bool Viewer::open(std::string* error) {
     wanted.size = FIRST_SIZE;
     wanted.full_screen = request_.full_screen;
     place(i, &wanted);
-    screen->window = ScreenWindow::open(wanted, font_.get(), error);
+    screen->window = ScreenWindow::open(wanted, font_.font.get(), error);
     if (!screen->window) return false;
     screens_.push_back(std::move(screen));
   }
@@ -112,7 +112,7 @@ SessionEnd Viewer::run(HostSession& session, std::string* text) {
   network.join();
   finish_second(lund_now_us());
   if (!snapped) {
-    std::fprintf(stderr, "cannot write %s\n", request_.snapshot.c_str());
+    std::fprintf(stderr, "cannot write %s\n", request_.snapshot.string().c_str());
     return SessionEnd::LocalFailure;
   }
   return end;

@@ -12,6 +12,7 @@
 
 #include "apps/client/host_session.h"
 #include "apps/client/view/carry.h"
+#include "apps/client/view/overlay_font.h"
 #include "apps/client/view/release_key.h"
 #include "apps/client/view/scene.h"
 #include "apps/client/view/screen_window.h"
@@ -96,7 +97,7 @@ class Viewer {
   ViewRequest request_;
   SoundOutput& sound_;
   Uint32 wake_event_ = 0;
-  SdlPtr<TTF_Font> font_;
+  OverlayFont font_;
   std::unique_ptr<ViewInbox> inbox_;
   SharedView shared_;
   std::vector<std::unique_ptr<Screen>> screens_;

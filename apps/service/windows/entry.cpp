@@ -3,7 +3,7 @@
 #include <cstdio>
 #include <filesystem>
 
-#include "apps/service/windows/command_line.h"
+#include "control/windows/command_line.h"
 #include "apps/service/windows/event_log.h"
 #include "apps/service/windows/managed_run.h"
 #include "apps/service/windows/registration.h"

@@ -3,7 +3,7 @@
 // After what handles.h includes.
 #include <userenv.h>
 
-#include "apps/service/windows/command_line.h"
+#include "control/windows/command_line.h"
 #include "control/windows/wide_text.h"
 
 namespace {

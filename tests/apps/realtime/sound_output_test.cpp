@@ -12,7 +12,7 @@ namespace {
 
 // A device that takes 1,024 frames at a time, whatever it is asked for.
 TEST(SoundOutput, ADeviceWithPortionsOfItsOwnPlaysWhatComesAndKeepsTheLimit) {
-  setenv("SDL_AUDIODRIVER", "dummy", 1);
+  SDL_setenv("SDL_AUDIODRIVER", "dummy", 1);
   SoundOutput output;
   std::string error;
   ASSERT_TRUE(output.open(&error)) << error;
@@ -30,7 +30,7 @@ TEST(SoundOutput, ADeviceWithPortionsOfItsOwnPlaysWhatComesAndKeepsTheLimit) {
   EXPECT_GE(figures.playout.played_frames, 48'000U / 2) << "half a second of sound";
   EXPECT_LE(figures.most_ms, 60.0);
   output.close();
-  unsetenv("SDL_AUDIODRIVER");
+  SDL_setenv("SDL_AUDIODRIVER", "", 1);
 }
 
 }  // namespace

@@ -38,16 +38,22 @@ void take_end(ChildProcess::Streams streams, int end) {
 
 }  // namespace
 
+struct ChildProcess::Parts {
+  pid_t pid = -1;
+  int pipe = -1;  // its output, or the other end of its terminal
+};
+
 ChildProcess::ChildProcess(std::vector<std::string> arguments,
-                           const std::map<std::string, std::string>& environment, Streams streams) {
+                           const std::map<std::string, std::string>& environment, Streams streams)
+    : parts_(std::make_unique<Parts>()) {
   int ends[2];
   if (!open_ends(streams, ends)) return;
   std::vector<char*> argv;
   argv.reserve(arguments.size() + 1);
   for (std::string& argument : arguments) argv.push_back(argument.data());
   argv.push_back(nullptr);
-  pid_ = fork();
-  if (pid_ == 0) {
+  parts_->pid = fork();
+  if (parts_->pid == 0) {
     take_end(streams, ends[1]);
     for (const auto& [name, value] : environment) {
       if (value.empty())
@@ -59,28 +65,28 @@ ChildProcess::ChildProcess(std::vector<std::string> arguments,
     _exit(127);
   }
   close(ends[1]);
-  pipe_ = ends[0];
+  parts_->pipe = ends[0];
 }
 
 ChildProcess::~ChildProcess() {
-  if (!status_ && pid_ > 0) {
-    kill(pid_, SIGKILL);
+  if (!status_ && parts_->pid > 0) {
+    kill(parts_->pid, SIGKILL);
     reap(true);
   }
-  if (pipe_ >= 0) close(pipe_);
+  if (parts_->pipe >= 0) close(parts_->pipe);
 }
 
 bool ChildProcess::read_some(Clock::time_point deadline) {
-  if (pipe_ < 0) return false;
+  if (parts_->pipe < 0) return false;
   const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now());
   if (left.count() <= 0) return false;
-  pollfd ready{pipe_, POLLIN, 0};
+  pollfd ready{parts_->pipe, POLLIN, 0};
   if (poll(&ready, 1, static_cast<int>(left.count())) <= 0) return errno == EINTR;
   char buffer[4096];
-  const ssize_t size = read(pipe_, buffer, sizeof buffer);
+  const ssize_t size = read(parts_->pipe, buffer, sizeof buffer);
   if (size <= 0) {
-    close(pipe_);
-    pipe_ = -1;
+    close(parts_->pipe);
+    parts_->pipe = -1;
     return false;
   }
   output_.append(buffer, static_cast<std::size_t>(size));
@@ -98,7 +104,7 @@ bool ChildProcess::wait_for_output(const std::string& text, std::chrono::millise
 
 void ChildProcess::reap(bool block) {
   int status = 0;
-  if (status_ || waitpid(pid_, &status, block ? 0 : WNOHANG) != pid_) return;
+  if (status_ || waitpid(parts_->pid, &status, block ? 0 : WNOHANG) != parts_->pid) return;
   status_ = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
 }
 
@@ -107,20 +113,24 @@ std::optional<int> ChildProcess::wait(std::chrono::milliseconds deadline) {
   // The end of its output is the end of the program, but for its exit itself.
   while (read_some(until)) {
   }
-  if (pipe_ < 0) reap(true);
+  if (parts_->pipe < 0) reap(true);
   return status_;
 }
 
 void ChildProcess::type(const std::string& keys) const {
-  EXPECT_EQ(write(pipe_, keys.data(), keys.size()), static_cast<ssize_t>(keys.size()));
+  EXPECT_EQ(write(parts_->pipe, keys.data(), keys.size()), static_cast<ssize_t>(keys.size()));
 }
 
 void ChildProcess::signal(int number) const {
-  if (!status_) kill(pid_, number);
+  if (!status_) kill(parts_->pid, number);
+}
+
+pid_t ChildProcess::pid() const {
+  return parts_->pid;
 }
 
 double ChildProcess::processor_seconds() const {
-  std::ifstream file("/proc/" + std::to_string(pid_) + "/stat");
+  std::ifstream file("/proc/" + std::to_string(parts_->pid) + "/stat");
   std::string text((std::istreambuf_iterator<char>(file)), {});
   std::istringstream fields(text.substr(text.rfind(')') + 2));
   std::string skipped;
@@ -131,11 +141,6 @@ double ChildProcess::processor_seconds() const {
   return (user + system) / static_cast<double>(sysconf(_SC_CLK_TCK));
 }
 
-RunResult run_program(const std::vector<std::string>& arguments,
-                      const std::map<std::string, std::string>& environment,
-                      std::chrono::milliseconds deadline) {
-  ChildProcess child(arguments, environment);
-  const auto status = child.wait(deadline);
-  EXPECT_TRUE(status.has_value()) << arguments[0] << " did not end; it said:\n" << child.output();
-  return {status.value_or(-1), child.output()};
+std::string own_program(const std::string& name) {
+  return std::string(LUND_BIN_DIR) + "/" + name;
 }

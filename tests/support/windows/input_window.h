@@ -4,6 +4,7 @@
 
 #include <chrono>
 #include <condition_variable>
+#include <functional>
 #include <future>
 #include <mutex>
 #include <set>
@@ -16,8 +17,12 @@
 
 class InputWindow {
  public:
+  // Told of each event as it comes, and where the pointer is, on the window's thread.
+  using Listener = std::function<void(const std::string& event, POINT at)>;
+
   // On the given desktop, or the process's. Returns when it has the focus.
-  explicit InputWindow(HDESK desktop = nullptr) : thread_([this, desktop] { run(desktop); }) {
+  explicit InputWindow(HDESK desktop = nullptr, Listener listener = {})
+      : listener_(std::move(listener)), thread_([this, desktop] { run(desktop); }) {
     window_ = made_.get_future().get();
   }
   ~InputWindow() {
@@ -74,16 +79,19 @@ class InputWindow {
     return DefWindowProcW(window, message, first, second);
   }
 
+  void note_pointer(HWND window, LPARAM place) {
+    POINT at{static_cast<short>(LOWORD(place)), static_cast<short>(HIWORD(place))};
+    ClientToScreen(window, &at);
+    const std::scoped_lock lock(mutex_);
+    pointer_ = at;
+    more_.notify_all();
+  }
+
   void note(HWND window, UINT message, WPARAM first, LPARAM second) {
+    // The wheel's places are the screen's, and of no use here.
+    if (message >= WM_MOUSEMOVE && message <= WM_XBUTTONDBLCLK && message != WM_MOUSEWHEEL)
+      note_pointer(window, second);
     switch (message) {
-      case WM_MOUSEMOVE: {
-        POINT at{static_cast<short>(LOWORD(second)), static_cast<short>(HIWORD(second))};
-        ClientToScreen(window, &at);
-        const std::scoped_lock lock(mutex_);
-        pointer_ = at;
-        more_.notify_all();
-        return;
-      }
       case WM_LBUTTONDOWN:
       case WM_LBUTTONUP:
         return add(button("1", message == WM_LBUTTONDOWN));
@@ -131,10 +139,12 @@ class InputWindow {
   }
   void add(std::string event) {
     const std::scoped_lock lock(mutex_);
+    if (listener_) listener_(event, pointer_);
     events_.push_back(std::move(event));
     more_.notify_all();
   }
 
+  const Listener listener_;
   std::promise<HWND> made_;
   std::mutex mutex_;
   std::condition_variable more_;

@@ -5,7 +5,7 @@
 
 #include <cstring>
 
-#include "apps/service/windows/command_line.h"
+#include "control/windows/command_line.h"
 #include "control/windows/wide_text.h"
 
 // After what handles.h includes.

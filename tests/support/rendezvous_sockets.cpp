@@ -1,10 +1,8 @@
 #include "tests/support/rendezvous_sockets.h"
 
 #include <gtest/gtest.h>
-#include <sys/resource.h>
 
 #include <algorithm>
-#include <csignal>
 #include <cstring>
 #include <string_view>
 
@@ -34,13 +32,9 @@ lund_rv_message message_of(std::uint8_t type) {
 
 RendezvousProgram::RendezvousProgram(const std::vector<std::string>& arguments) {
   write_file(directory_ / "key", KEY);
-  std::vector<std::string> all = {std::string(LUND_BIN_DIR) + "/lunderhaze-rendezvous",
-                                  "--port",
-                                  "0",
-                                  "--host",
-                                  "127.0.0.1",
-                                  "--key-file",
-                                  (directory_ / "key").string()};
+  std::vector<std::string> all = {
+      own_program("lunderhaze-rendezvous"), "--port", "0", "--host", "127.0.0.1", "--key-file",
+      (directory_ / "key").string()};
   all.insert(all.end(), arguments.begin(), arguments.end());
   process_ = std::make_unique<ChildProcess>(all);
   lund_rv_net_key(net_key_, reinterpret_cast<const std::uint8_t*>(KEY), std::strlen(KEY));
@@ -61,7 +55,7 @@ lund_rv_endpoint RendezvousProgram::address() const {
 
 std::string RendezvousProgram::statistics() {
   const std::size_t before = process_->output().size();
-  process_->signal(SIGUSR1);
+  process_->signal(REPORT_SIGNAL);
   // The last word of it; a text that never comes makes the wait read what there is.
   const auto complete = [&] {
     return process_->output().find("not sent", before) != std::string::npos;
@@ -146,10 +140,8 @@ std::optional<lund_rv_message> LoopbackPeer::look_up(const std::uint8_t* target,
 }
 
 struct LoopbackHosts::Host {
-  Host(std::uint32_t number, const RendezvousProgram& server)
-      : peer(std::make_unique<LoopbackPeer>(
-            "127.1." + std::to_string(number / 200) + "." + std::to_string(1 + number % 200),
-            server)) {
+  Host(std::uint32_t number, const std::string& address, const RendezvousProgram& server)
+      : peer(std::make_unique<LoopbackPeer>(address, server)) {
     std::uint8_t secret[LUND_KEY_SIZE] = {};
     store_le(secret + 1, number + 1);
     lund_keypair_from_secret(&keys, secret);
@@ -173,18 +165,14 @@ struct LoopbackHosts::Host {
   bool confirmed = false;
 };
 
-bool LoopbackHosts::can_open(int count) {
-  constexpr rlim_t OTHERS = 100;
-  const rlim_t needed = static_cast<rlim_t>(count) + OTHERS;
-  rlimit limit;
-  if (getrlimit(RLIMIT_NOFILE, &limit) != 0) return false;
-  if (limit.rlim_cur >= needed) return true;
-  limit.rlim_cur = needed;
-  return limit.rlim_max >= needed && setrlimit(RLIMIT_NOFILE, &limit) == 0;
-}
-
-LoopbackHosts::LoopbackHosts(int count, const RendezvousProgram& server) {
-  for (int i = 0; i < count; ++i) hosts_.emplace_back(static_cast<std::uint32_t>(i), server);
+LoopbackHosts::LoopbackHosts(int count, const RendezvousProgram& server,
+                             const std::string& address) {
+  for (int i = 0; i < count; ++i)
+    hosts_.emplace_back(static_cast<std::uint32_t>(i),
+                        address.empty()
+                            ? "127.1." + std::to_string(i / 200) + "." + std::to_string(1 + i % 200)
+                            : address,
+                        server);
 }
 
 LoopbackHosts::~LoopbackHosts() = default;

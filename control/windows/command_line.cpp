@@ -1,4 +1,4 @@
-#include "apps/service/windows/command_line.h"
+#include "control/windows/command_line.h"
 
 #include "control/windows/wide_text.h"
 

@@ -1,0 +1,3 @@
+#include "apps/terminal/binary_stream.h"
+
+void make_binary(std::FILE*) {}

@@ -1,0 +1,97 @@
+// The Windows host's stream: a moving screen by GDI and libopenh264, its picture, loss, its end.
+#include <signal.h>
+
+#include "tests/system/windows/windows_host_support.h"
+
+namespace system_test {
+namespace {
+
+class WindowsStreamTest : public WindowsHostTest {
+ protected:
+  void serve_a_moving_picture() {
+    open("moving_picture.exe", {}, "painted");
+    serve();
+  }
+  // The distribution's own decoder, which knows nothing of this project.
+  void expect_a_clean_recording() const {
+    const RunResult decoded = run_program(
+        {"ffmpeg", "-v", "warning", "-xerror", "-i", recording().string(), "-f", "null", "-"});
+    EXPECT_EQ(decoded.status, 0);
+    EXPECT_EQ(decoded.output, "");
+  }
+  void stream_a_moving_picture(int length_s) {
+    serve_a_moving_picture();
+    stream(length_s);
+    const auto json = report();
+    std::printf("%d s: %s\n", length_s, json.dump().c_str());
+    EXPECT_GT(json["frames"].get<int>(), 30 * length_s);
+    EXPECT_EQ(json["frames_undecodable"], 0);
+    EXPECT_EQ(json["frames_lost"], 0);
+    expect_a_clean_recording();
+  }
+};
+
+TEST_F(WindowsStreamTest, AMovingPictureArrivesCompleteAndDecodable) {
+  stream_a_moving_picture(10);
+}
+
+using WindowsStreamSoakTest = WindowsStreamTest;
+
+TEST_F(WindowsStreamSoakTest, AMinuteOfAMovingPictureArrivesCompleteAndDecodable) {
+  stream_a_moving_picture(60);
+}
+
+// Windows's clock begins elsewhere than this computer's: where the client would take them for one,
+// the way from the one to the other would take days, or no time.
+TEST_F(WindowsStreamTest, TimesOnTheWayAreThoseOfOneClock) {
+  serve_a_moving_picture();
+  stream(3);
+  const auto latency = report()["latency_ms"];
+  ASSERT_TRUE(latency.contains("paint")) << latency.dump();
+  EXPECT_GT(latency["paint"]["samples"].get<int>(), 60);
+  for (const char* stage : {"paint", "transport", "total"}) {
+    EXPECT_GT(latency[stage]["p50"].get<double>(), 0.0) << stage << ": " << latency.dump();
+    EXPECT_LT(latency[stage]["p50"].get<double>(), 200.0) << stage << ": " << latency.dump();
+  }
+}
+
+TEST_F(WindowsStreamTest, TextAndAGridHaveALumaPsnrOfAtLeast35DecibelsAtTheDefaultRate) {
+  open("moving_picture.exe", {"still"}, "painted");
+  serve();
+  stream(4);
+  const double psnr = luma_psnr(last_frame(), screen(0, 0, 1280, 720));
+  std::printf("luma PSNR %.1f dB\n", psnr);
+  EXPECT_GE(psnr, 35.0);
+}
+
+TEST_F(WindowsStreamTest, ARecordingUnderLossDecodesWithoutAMessage) {
+  serve_a_moving_picture();
+  stream(3, {"--drop", "5", "--seed", "7"});
+  const auto json = report();
+  EXPECT_GT(json["datagrams_dropped_on_purpose"].get<int>(), 0) << json.dump();
+  EXPECT_GT(json["frames_recovered"].get<int>(), 0) << json.dump();
+  EXPECT_EQ(json["frames_undecodable"], 0) << json.dump();
+  expect_a_clean_recording();
+}
+
+TEST_F(WindowsStreamTest, StoppingTheHostTellsTheClient) {
+  serve_a_moving_picture();
+  ChildProcess& receiver = start_receiver();
+  EXPECT_EQ(stop_host(), 0);
+  EXPECT_EQ(receiver.wait(seconds(3)), 3) << receiver.output();
+  EXPECT_NE(receiver.output().find("the host ended the stream"), std::string::npos);
+  EXPECT_NE(host_log().find("host shutting down"), std::string::npos);
+}
+
+// The suite's last: Wine may keep the port of a host that was killed.
+TEST_F(WindowsStreamTest, AHostThatIsKilledEndsTheClientWithWords) {
+  serve_a_moving_picture();
+  ChildProcess& receiver = start_receiver();
+  host_->signal(SIGKILL);
+  EXPECT_EQ(receiver.wait(seconds(15)), 2) << receiver.output();
+  host_.reset();
+  EXPECT_NE(receiver.output().find("the host has fallen silent"), std::string::npos);
+}
+
+}  // namespace
+}  // namespace system_test
