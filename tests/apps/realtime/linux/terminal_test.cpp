@@ -34,9 +34,9 @@ class TerminalTest : public TerminalJobTest {
  protected:
   void start(bool foreground = true) { TerminalJobTest::start(echo_keys, "[ready]", foreground); }
   bool by_line() const {
-    const bool canonical = (modes() & ICANON) != 0;
-    EXPECT_EQ(canonical, (modes() & ECHO) != 0);
-    return canonical;
+    const tcflag_t now = modes();
+    EXPECT_EQ((now & ICANON) != 0, (now & ECHO) != 0);
+    return (now & ICANON) != 0;
   }
 };
 
