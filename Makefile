@@ -61,6 +61,10 @@ soak: | build
 	  --target lunderhaze lunderhaze-client lunderhaze-testscreen system_test \
 	  control_realtime_test
 	@scripts/soak build/linux-asan/bin
+	$(call configure,wine,windows)
+	@cmake --build build/windows -j $(JOBS) --target lunderhaze moving_picture
+	@cmake --build $(BUILD) -j $(JOBS) --target windows_system_test
+	@LUND_WINDOWS_BIN=build/windows/bin $(BUILD)/bin/windows_system_test --gtest_filter='*SoakTest.*'
 
 bench: | build
 	$(call configure,tests,linux)

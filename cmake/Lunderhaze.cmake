@@ -168,17 +168,22 @@ function(lund_library name)
 endfunction()
 
 # lund_program(NAME description sources...): a program that users have; `programs` builds all of them.
-# On Windows it says what it is and how it is to be run (cmake/windows/), and is loaded anywhere, by
-# Windows 10 and newer, with nothing that can be both written and run: scripts/check-windows looks for
-# all of that. There the component `programs` is what scripts/pack-windows packs.
+# On Windows the component `programs` is what scripts/pack-windows packs.
 add_custom_target(programs)
 function(lund_program name description)
   add_executable(${name} ${ARGN})
   add_dependencies(programs ${name})
-  if(NOT WIN32)
-    return()
+  if(WIN32)
+    install(TARGETS ${name} RUNTIME DESTINATION . COMPONENT programs)
+    lund_windows_program(${name} ${description})
   endif()
-  install(TARGETS ${name} RUNTIME DESTINATION . COMPONENT programs)
+endfunction()
+
+# lund_windows_program(NAME description): a program as users have it on Windows: it says what it is and
+# how it is to be run (cmake/windows/), ends by an exception when it is aborted, and is loaded
+# anywhere, by Windows 10 and newer, with nothing that can be both written and run:
+# scripts/check-windows looks for all that can be seen of that.
+function(lund_windows_program name description)
   set(LUND_PROGRAM ${name})
   set(LUND_PROGRAM_DESCRIPTION ${description})
   set(resources ${CMAKE_BINARY_DIR}/generated/resources)
@@ -186,7 +191,7 @@ function(lund_program name description)
     configure_file(${CMAKE_SOURCE_DIR}/cmake/windows/program.${kind}.in
       ${resources}/${name}.${kind} @ONLY)
   endforeach()
-  target_sources(${name} PRIVATE ${resources}/${name}.rc)
+  target_sources(${name} PRIVATE ${resources}/${name}.rc ${CMAKE_SOURCE_DIR}/cmake/windows/program.cpp)
   set_source_files_properties(${resources}/${name}.rc PROPERTIES
     INCLUDE_DIRECTORIES ${resources} OBJECT_DEPENDS ${resources}/${name}.manifest)
   target_link_options(${name} PRIVATE

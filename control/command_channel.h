@@ -5,8 +5,7 @@
 //
 // A request and an answer each end with a zero byte, so that one that was cut off by the end of its
 // sender is never taken for a whole one. A peer has 5 s for its request and to take its answer; the
-// channel serves one after the other, so a sender waits twice that. Link-time seam: one file a
-// platform.
+// channel serves one after the other, so a sender waits twice that.
 #pragma once
 
 #include <filesystem>

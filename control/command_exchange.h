@@ -30,6 +30,14 @@ void answer(const Link& link, const CommandServer::Handler& handler);
 CommandResult ask(const Link& link, const std::string& request, std::string* answer,
                   std::string* error);
 
+// The platforms' own parts of CommandServer::start, in a directory that is there, and of
+// send_command, with a request that isn't too long.
+CommandServer::Start start_server(const std::filesystem::path& directory,
+                                  CommandServer::Handler handler,
+                                  std::unique_ptr<CommandServer>* server, std::string* error);
+CommandResult ask_host(const std::filesystem::path& directory, const std::string& request,
+                       std::string* answer, std::string* error);
+
 // Their words for what goes wrong around an exchange.
 inline constexpr char NO_STORE[] = "no command channel: there is no store";
 inline constexpr char REQUEST_TOO_LONG[] = "the request is too long";

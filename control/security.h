@@ -33,7 +33,7 @@ class Process {
   std::intptr_t native_handle() const;
 
  private:
-  std::intptr_t handle_;
+  std::intptr_t handle_;  // the platform's, or its NO_PROCESS
   std::uint32_t id_ = 0;
 };
 

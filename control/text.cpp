@@ -37,3 +37,7 @@ bool same_but_for_case(std::string_view a, std::string_view b) {
 const char* plural(int count) {
   return count == 1 ? "" : "s";
 }
+
+std::filesystem::path utf8_path(std::string_view name) {
+  return std::u8string(name.begin(), name.end());
+}

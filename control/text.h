@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstdint>
+#include <filesystem>
 #include <string>
 #include <string_view>
 
@@ -17,3 +18,6 @@ bool is_code_of(const std::string& text, const std::uint8_t key[LUND_KEY_SIZE]);
 std::string_view trimmed(std::string_view text);  // without blanks, tabs, CR and LF at its ends
 bool same_but_for_case(std::string_view a, std::string_view b);  // of A to Z; no other folding
 const char* plural(int count);                                   // "", or "s" unless it is one
+// The path of a name in UTF-8, as the programs are given it. A path that is made of a string's
+// bytes has on Windows a character for each of them.
+std::filesystem::path utf8_path(std::string_view name);

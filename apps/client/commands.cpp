@@ -8,6 +8,7 @@ namespace client_app {
 
 int fail(ExitStatus status, const std::string& text) {
   std::fprintf(stderr, "lunderhaze-client: %s\n", text.c_str());
+  std::fflush(stderr);
   return status;
 }
 

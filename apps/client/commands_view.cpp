@@ -98,6 +98,7 @@ int run_view(const Arguments& args) {
   const bool shares = !args.view.no_clipboard && clipboard.start();
   if (!args.view.no_clipboard && !shares)
     std::fputs("no clipboard can be reached: going on without\n", stderr);
+  std::fflush(stderr);
   Viewer viewer(view_request(args, access.host().name[0] ? access.host().name : args.host), sound);
   if (!viewer.open(&error)) return fail(EXIT_LOCAL, "no window can be opened: " + error);
   if (shares) viewer.switch_clipboard = [&clipboard](bool on) { clipboard.set_enabled(on); };

@@ -6,6 +6,7 @@
 
 #include "apps/client/commands.h"
 #include "apps/client/view/keys.h"
+#include "apps/terminal/path_option.h"
 #include "apps/terminal/requests.h"
 #include "apps/terminal/utf8_console.h"
 #include "apps/version.h"
@@ -38,7 +39,7 @@ void add_reaching(CLI::App& command, Arguments& args) {
                   "Link of a relay server, remembered once it has served; - reads links from "
                   "standard input, which hides them from other users of this computer")
       ->allow_extra_args(false);
-  command.add_option("--relay-file", args.relay_file, "File with such links, one a line");
+  add_path_option(command, "--relay-file", args.relay_file, "File with such links, one a line");
   command
       .add_option("--path", args.path_mode,
                   "all; direct: servers only help to get through; relay: through servers alone; "
@@ -85,13 +86,13 @@ CLI::Option* add_in_order(CLI::App& command, const std::string& name, const std:
 }
 
 void add_sharing(CLI::App& connect, Arguments& args) {
-  connect.add_option("--audio-out", args.audio_out, "Record the host's sound as a WAV file");
-  connect.add_option("--clipboard-set", args.clipboard_set,
-                     "Give the host's clipboard this file, text or a PNG picture; - reads "
-                     "standard input");
-  connect.add_option("--clipboard-get", args.clipboard_get,
-                     "Write what the host's clipboard sent last; - writes it to standard output, "
-                     "and everything else to standard error");
+  add_path_option(connect, "--audio-out", args.audio_out, "Record the host's sound as a WAV file");
+  add_path_option(connect, "--clipboard-set", args.clipboard_set,
+                  "Give the host's clipboard this file, text or a PNG picture; - reads "
+                  "standard input");
+  add_path_option(connect, "--clipboard-get", args.clipboard_get,
+                  "Write what the host's clipboard sent last; - writes it to standard output, "
+                  "and everything else to standard error");
   add_in_order(connect, "--type", "Type this text with the keys of a US keyboard",
                [&args](const std::string& text) {
                  std::string error;
@@ -123,7 +124,8 @@ void add_wishes(CLI::App& command, Arguments& args) {
 void add_connect(CLI::App& connect, Arguments& args) {
   add_reaching(connect, args);
   connect.add_option("--seconds", args.seconds, "How long; 0: until Ctrl+C")->capture_default_str();
-  connect.add_option("--out", args.out, "Directory for the stream, the last picture, report.json");
+  add_path_option(connect, "--out", args.out,
+                  "Directory for the stream, the last picture, report.json");
   connect.add_flag("--reconnect", args.reconnect, "Come back after the host has fallen silent");
   connect.add_option("--drop", args.drop_percent, "Percent of datagrams to lose on purpose")
       ->check(CLI::Range(0.0, 100.0));
@@ -156,8 +158,8 @@ void add_view(CLI::App& view, Arguments& args) {
   add_wishes(view, args);
   view.add_option("--seconds", wanted.seconds, "How long; 0: until it is closed")
       ->capture_default_str();
-  view.add_option("--snapshot", wanted.snapshot, "PNG of what the window shows at the end");
-  view.add_option("--report", wanted.report, "JSON of what was measured");
+  add_path_option(view, "--snapshot", wanted.snapshot, "PNG of what the window shows at the end");
+  add_path_option(view, "--report", wanted.report, "JSON of what was measured");
 }
 
 void add_relay(CLI::App& relay, Arguments& args, std::vector<Subcommand>& commands) {
@@ -181,8 +183,8 @@ int run_program(int argc, char** argv) {
   CLI::App app{"Finds, pairs with and receives the screen of a Lunderhaze host."};
   app.set_version_flag("--version", LUND_VERSION_TEXT);
   app.require_subcommand(1);
-  app.add_option("--store", args.store,
-                 "Directory of this client's own identity, paired hosts and relay servers");
+  add_path_option(app, "--store", args.store,
+                  "Directory of this client's own identity, paired hosts and relay servers");
   app.add_flag("--verbose", args.verbose, "Show what the connection layer does");
 
   std::vector<Subcommand> commands;

@@ -5,6 +5,7 @@
 
 #include "apps/ctl/commands.h"
 #include "connection/secure.h"
+#include "control/text.h"
 
 namespace ctl {
 
@@ -19,7 +20,7 @@ bool gather(const std::string& source, std::vector<std::string>* links) {
   } else if (source == "-") {
     read = read_links(std::cin);
   } else {
-    std::ifstream file(source);
+    std::ifstream file(utf8_path(source));
     if (!file) return false;
     read = read_links(file);
   }

@@ -7,6 +7,7 @@
 #include <future>
 #include <memory>
 #include <thread>
+#include <type_traits>
 
 #include "apps/lunderhaze/commands_internal.h"
 #include "apps/lunderhaze/doctor_probe.h"
@@ -21,22 +22,47 @@ using std::chrono::seconds;
 constexpr seconds DISPLAY_PATIENCE{4};
 constexpr seconds PATIENCE{9};
 
-// On a thread that nobody joins: what it waits for may never come.
+// Work on a thread of its own. What that waits for may never come; then it is left behind, though
+// not detached: the run-time library of MinGW takes a thread's record back twice when it ends while
+// it is being detached, and gives it to two others.
+template <typename Result>
+class InBackground {
+ public:
+  template <typename Work>
+  explicit InBackground(Work work) {
+    std::packaged_task<Result()> task(std::move(work));
+    result_ = task.get_future().share();
+    thread_ = std::thread(std::move(task));
+  }
+  InBackground(InBackground&& other) = default;
+  ~InBackground() {
+    if (!thread_.joinable()) return;
+    if (result_.wait_for(seconds(0)) == std::future_status::ready)
+      thread_.join();
+    else
+      new std::thread(std::move(thread_));  // until the process ends
+  }
+
+  bool done_by(Clock::time_point deadline) const {
+    return result_.wait_until(deadline) == std::future_status::ready;
+  }
+  const std::shared_future<Result>& result() const { return result_; }
+
+ private:
+  std::shared_future<Result> result_;
+  std::thread thread_;
+};
 template <typename Work>
-auto in_background(Work work) {
-  std::packaged_task<decltype(work())()> task(std::move(work));
-  auto result = task.get_future();
-  std::thread(std::move(task)).detach();
-  return result;
-}
+InBackground(Work) -> InBackground<std::invoke_result_t<Work>>;
 
 class Doctor {
  public:
   explicit Doctor(std::optional<std::uint16_t> port) {
     // The order in which they are shown; all but the desktop's run from the start.
-    auto display = in_background([platform = platform_] { return probe_display(*platform); });
+    const InBackground display([platform = platform_] { return probe_display(*platform); });
     Check encoder = start("encoder", "the encoder", [] { return check_encoder(probe_encoder()); });
-    const auto port_facts = in_background([port] { return probe_port(port); }).share();
+    const InBackground port_probe([port] { return probe_port(port); });
+    const std::shared_future<PortFacts> port_facts = port_probe.result();
     Check port_check = start("port", "this user's running host",
                              [port_facts] { return check_port(port_facts.get()); });
     Check firewall = start("firewall", "the firewall's program", [port_facts] {
@@ -47,9 +73,9 @@ class Doctor {
     Check sound = start("sound", "the sound server",
                         [platform = platform_] { return check_sound(probe_sound(*platform)); });
     Check store = start("store", "the disk", [] { return check_store(probe_store()); });
-    examine_desktop(std::move(display));
+    examine_desktop(display);
     for (Check* check : {&encoder, &port_check, &firewall, &relays, &sound, &store}) collect(check);
-    const bool known = port_facts.wait_for(seconds(0)) == std::future_status::ready;
+    const bool known = port_probe.done_by(started_);
     result_.port = known ? port_facts.get().port : port.value_or(HostOptions().port);
   }
 
@@ -59,7 +85,7 @@ class Doctor {
   struct Check {
     const char* name;
     const char* waits_for;
-    std::future<Findings> findings;
+    InBackground<Findings> findings;
   };
 
   static Findings as_findings(Finding finding) { return {std::move(finding)}; }
@@ -67,14 +93,14 @@ class Doctor {
 
   template <typename Work>
   static Check start(const char* name, const char* waits_for, Work work) {
-    return {name, waits_for, in_background([work] { return as_findings(work()); })};
+    return {name, waits_for, InBackground([work] { return as_findings(work()); })};
   }
 
-  void examine_desktop(std::future<DisplayFacts> display) {
+  void examine_desktop(const InBackground<DisplayFacts>& display) {
     constexpr const char* DESKTOP_CHECKS[] = {"capture", "input", "clipboard"};
     std::string obstacle = "there is no display";
-    if (display.wait_until(started_ + DISPLAY_PATIENCE) == std::future_status::ready) {
-      const DisplayFacts facts = display.get();
+    if (display.done_by(started_ + DISPLAY_PATIENCE)) {
+      const DisplayFacts& facts = display.result().get();
       result_.findings.push_back(check_display(facts));
       DisplayInfo chosen;
       if (select_display(facts.displays, "", &chosen)) return look_at_desktop(chosen);
@@ -96,9 +122,10 @@ class Doctor {
   }
 
   void collect(Check* check) {
-    if (check->findings.wait_until(started_ + PATIENCE) != std::future_status::ready)
+    if (!check->findings.done_by(started_ + PATIENCE))
       return give_up(check->name, check->waits_for, PATIENCE);
-    for (Finding& finding : check->findings.get()) result_.findings.push_back(std::move(finding));
+    for (const Finding& finding : check->findings.result().get())
+      result_.findings.push_back(finding);
   }
 
   void give_up(const char* name, const char* waits_for, seconds patience) {

@@ -9,6 +9,7 @@
 #include "apps/rendezvous/options.h"
 #include "apps/rendezvous/serve.h"
 #include "apps/rendezvous/server.h"
+#include "apps/terminal/path_option.h"
 #include "apps/terminal/requests.h"
 #include "apps/terminal/utf8_console.h"
 #include "apps/version.h"
@@ -132,9 +133,9 @@ int run_program(int argc, char** argv) {
   auto* key = app.add_option("--key", options.key,
                              "The shared key as in a link. Other users of this computer can see it "
                              "on the command line: prefer --key-file");
-  auto* key_file = app.add_option("--key-file", options.key_file,
-                                  "File whose first line is the key, or a whole link; without any "
-                                  "key a random one is made");
+  auto* key_file = add_path_option(app, "--key-file", options.key_file,
+                                   "File whose first line is the key, or a whole link; without any "
+                                   "key a random one is made");
   auto* link = app.add_option("--link", options.link,
                               "Host, port and key by a relay link; seen by "
                               "other users as --key is");

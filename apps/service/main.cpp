@@ -5,6 +5,7 @@
 #include <cstdio>
 
 #include "apps/service/entry.h"
+#include "apps/terminal/utf8_console.h"
 #include "apps/version.h"
 
 namespace {
@@ -47,6 +48,7 @@ int run_program(int argc, char** argv) {
 }  // namespace
 
 int main(int argc, char** argv) {
+  const Utf8Console console;
   try {
     return run_program(argc, argv);
   } catch (const std::exception& error) {

@@ -19,6 +19,7 @@ constexpr std::size_t SETTINGS_LIMIT_BYTES = 256;  // a record has 16
 
 ServiceExit fail(ServiceExit status, const std::string& text) {
   std::fprintf(stderr, "lunderhaze-service: %s\n", text.c_str());
+  std::fflush(stderr);
   tell_manager_line(text, Line::Failure);
   return status;
 }

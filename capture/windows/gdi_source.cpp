@@ -1,5 +1,7 @@
 #include "capture/windows/gdi_source.h"
 
+#include <optional>
+
 #include "capture/windows/dib.h"
 #include "capture/windows/gdi_pointer.h"
 #include "control/log.h"
@@ -15,22 +17,15 @@ constexpr DWORD WHOLE_SCREEN_COPY = SRCCOPY | CAPTUREBLT;
 // A bitmap in memory that a context draws into and a program reads.
 class DrawnPicture {
  public:
-  DrawnPicture() = default;
-  ~DrawnPicture() {
-    // A bitmap can't be deleted while a context draws into it.
-    if (former_) SelectObject(context_.get(), former_);
-  }
-  DrawnPicture(const DrawnPicture&) = delete;
-  DrawnPicture& operator=(const DrawnPicture&) = delete;
-
   bool create(HDC like, std::int32_t width, std::int32_t height) {
+    selected_.reset();
     context_.reset(CreateCompatibleDC(like));
     if (!context_) return false;
     const BITMAPINFO form = {top_down_rows(width, height, BYTES_PER_PIXEL * 8), {}};
     bitmap_.reset(CreateDIBSection(like, &form, DIB_RGB_COLORS, &bits_, nullptr, 0));
     if (!bitmap_) return false;
-    former_ = SelectObject(context_.get(), bitmap_.get());
-    return former_ != nullptr;
+    selected_.emplace(context_.get(), bitmap_.get());
+    return static_cast<bool>(*selected_);
   }
   HDC context() const { return context_.get(); }
   const std::uint8_t* pixels() const { return static_cast<const std::uint8_t*>(bits_); }
@@ -38,7 +33,7 @@ class DrawnPicture {
  private:
   MemoryContext context_;
   BitmapHandle bitmap_;
-  HGDIOBJ former_ = nullptr;
+  std::optional<Selected> selected_;
   void* bits_ = nullptr;
 };
 

@@ -1,6 +1,7 @@
 #include "capture/windows/vdd_driver.h"
 
 #include "capture/windows/vdd_pipe.h"
+#include "control/windows/token.h"
 #include "control/windows/wide_text.h"
 
 namespace {
@@ -35,12 +36,8 @@ Driver::Result WindowsVddDriver::change_adapter(const std::string& id, AdapterCh
 }
 
 bool WindowsVddDriver::elevated() {
-  Handle token;
-  TOKEN_ELEVATION elevation = {};
-  DWORD size = 0;
-  return OpenProcessToken(GetCurrentProcess(), TOKEN_QUERY, token.receive()) &&
-         GetTokenInformation(token.get(), TokenElevation, &elevation, sizeof(elevation), &size) &&
-         elevation.TokenIsElevated != 0;
+  const Handle token = process_token(GetCurrentProcess(), TOKEN_QUERY);
+  return token && is_elevated(token.get());
 }
 
 // ---- The driver's settings file

@@ -15,7 +15,6 @@
 #include "control/linux/lock_file.h"
 #include "control/linux/unix_socket.h"
 #include "control/log.h"
-#include "control/store_platform.h"
 #include "control/wake_event.h"
 
 namespace {
@@ -110,28 +109,25 @@ class Server final : public CommandServer {
 
 }  // namespace
 
-CommandServer::Start CommandServer::start(const std::filesystem::path& directory, Handler handler,
-                                          std::unique_ptr<CommandServer>* server,
-                                          std::string* error) {
-  if (directory.empty() || !store_platform::make_directory(directory)) {
-    *error = NO_STORE;
-    return Start::Failed;
-  }
+CommandServer::Start command_exchange::start_server(const std::filesystem::path& directory,
+                                                    CommandServer::Handler handler,
+                                                    std::unique_ptr<CommandServer>* server,
+                                                    std::string* error) {
   auto made = std::make_unique<Server>(std::move(handler));
-  const Start result = made->listen_in(directory, error);
-  if (result == Start::Running) *server = std::move(made);
+  const CommandServer::Start result = made->listen_in(directory, error);
+  if (result == CommandServer::Start::Running) *server = std::move(made);
   return result;
 }
 
-CommandResult send_command(const std::filesystem::path& directory, const std::string& request,
-                           std::string* answer, std::string* error) {
+CommandResult command_exchange::ask_host(const std::filesystem::path& directory,
+                                         const std::string& request, std::string* answer,
+                                         std::string* error) {
   const auto fail = [error](const std::string& text) {
     *error = text;
     return CommandResult::Failed;
   };
-  if (request.size() > COMMAND_REQUEST_MAX) return fail(REQUEST_TOO_LONG);
   UnixAddress address;
-  if (directory.empty() || !address.fill(directory / SOCKET)) return CommandResult::NotRunning;
+  if (!address.fill(directory / SOCKET)) return CommandResult::NotRunning;
   const Descriptor peer(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
   if (peer.get() < 0) return fail("no socket (" + system_error() + ")");
   // A full queue makes `connect` wait, as long as sending may.

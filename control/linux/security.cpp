@@ -128,25 +128,6 @@ std::optional<bool> has_acl(int file) {
 
 // ---- Processes
 
-Process::Process() : handle_(-1) {}
-Process::~Process() {
-  if (handle_ >= 0) close(static_cast<int>(handle_));
-}
-Process::Process(Process&& other) noexcept
-    : handle_(std::exchange(other.handle_, -1)), id_(std::exchange(other.id_, 0)) {}
-Process& Process::operator=(Process&& other) noexcept {
-  std::swap(handle_, other.handle_);
-  std::swap(id_, other.id_);
-  return *this;
-}
-
-Process Process::adopt(std::intptr_t handle, std::uint32_t id) {
-  Process process;
-  process.handle_ = handle;
-  process.id_ = id;
-  return process;
-}
-
 Process Process::current() {
   return open(static_cast<std::uint32_t>(getpid()));
 }
@@ -155,16 +136,6 @@ Process Process::open(std::uint32_t id) {
   const long opened =
       syscall(SYS_pidfd_open, static_cast<pid_t>(id), 0);  // close-on-exec by itself
   return opened >= 0 ? adopt(opened, id) : Process();
-}
-
-Process::operator bool() const {
-  return handle_ >= 0;
-}
-std::uint32_t Process::id() const {
-  return id_;
-}
-std::intptr_t Process::native_handle() const {
-  return handle_;
 }
 
 bool Process::alive() const {
@@ -206,6 +177,12 @@ bool check_path(const std::filesystem::path& path, PathTest test) {
 }
 
 namespace security_platform {
+
+const std::intptr_t NO_PROCESS = -1;
+
+void close_process(std::intptr_t handle) {
+  close(static_cast<int>(handle));
+}
 
 bool make_private_directory(const std::filesystem::path& path) {
   Descriptor parent;

@@ -5,7 +5,14 @@
 // After what handles.h includes.
 #include <wrl/client.h>
 
-using Microsoft::WRL::ComPtr;
+// mingw-w64's Attach adds a reference, where Microsoft's takes over the one that it is given: so
+// nobody attaches. What gives a reference out gets a pointer's address.
+template <class Interface>
+class ComPtr : public Microsoft::WRL::ComPtr<Interface> {
+ public:
+  using Microsoft::WRL::ComPtr<Interface>::ComPtr;
+  void Attach(Interface*) = delete;
+};
 
 // The calling thread is in an apartment for this object's life. Declared ahead of every ComPtr of
 // its scope, so that it goes last.

@@ -14,7 +14,6 @@
 #include "connection/clock.h"
 #include "connection/secure.h"
 #include "control/command_exchange.h"
-#include "control/store_platform.h"
 #include "control/wake_event.h"
 #include "control/windows/command_pipe.h"
 #include "control/windows/object_owner.h"
@@ -132,28 +131,25 @@ Handle open_named_file(const std::filesystem::path& directory, Name* name) {
 
 }  // namespace
 
-CommandServer::Start CommandServer::start(const std::filesystem::path& directory, Handler handler,
-                                          std::unique_ptr<CommandServer>* server,
-                                          std::string* error) {
-  if (directory.empty() || !store_platform::make_directory(directory)) {
-    *error = NO_STORE;
-    return Start::Failed;
-  }
+CommandServer::Start command_exchange::start_server(const std::filesystem::path& directory,
+                                                    CommandServer::Handler handler,
+                                                    std::unique_ptr<CommandServer>* server,
+                                                    std::string* error) {
   auto made = std::make_unique<Server>(std::move(handler));
-  const Start result = made->listen_in(directory, error);
-  if (result == Start::Running) *server = std::move(made);
+  const CommandServer::Start result = made->listen_in(directory, error);
+  if (result == CommandServer::Start::Running) *server = std::move(made);
   return result;
 }
 
-CommandResult send_command(const std::filesystem::path& directory, const std::string& request,
-                           std::string* answer, std::string* error) {
+CommandResult command_exchange::ask_host(const std::filesystem::path& directory,
+                                         const std::string& request, std::string* answer,
+                                         std::string* error) {
   const auto fail = [error](const std::string& text) {
     *error = text;
     return CommandResult::Failed;
   };
-  if (request.size() > COMMAND_REQUEST_MAX) return fail(REQUEST_TOO_LONG);
   Name name{};
-  const Handle file = directory.empty() ? Handle() : open_named_file(directory, &name);
+  const Handle file = open_named_file(directory, &name);
   if (!file) return CommandResult::NotRunning;
   const std::uint64_t deadline_us = lund_now_us() + SENDER_US;
   const std::wstring path = command_pipe::path(name);

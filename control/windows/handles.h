@@ -69,6 +69,24 @@ using LocalMemory = Owned<NullableKind<Type*, LocalFree>>;
 template <class Type>
 using ComMemory = Owned<NullableKind<Type*, CoTaskMemFree>>;
 
+// What a context draws with or into, until it has back what it had before: an object that is
+// selected can't be deleted.
+class Selected {
+ public:
+  Selected(HDC context, HGDIOBJ object)
+      : context_(context), before_(SelectObject(context, object)) {}
+  ~Selected() {
+    if (before_ != nullptr) SelectObject(context_, before_);
+  }
+  Selected(const Selected&) = delete;
+  Selected& operator=(const Selected&) = delete;
+  explicit operator bool() const { return before_ != nullptr; }
+
+ private:
+  const HDC context_;
+  const HGDIOBJ before_;
+};
+
 inline Handle owned_file(HANDLE opened) {
   return Handle(opened == INVALID_HANDLE_VALUE ? nullptr : opened);
 }

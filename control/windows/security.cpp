@@ -41,25 +41,6 @@ Component look_at(const std::wstring& path) {
 
 // ---- Processes
 
-Process::Process() : handle_(0) {}
-Process::~Process() {
-  if (handle_ != 0) CloseHandle(handle_of(*this));
-}
-Process::Process(Process&& other) noexcept
-    : handle_(std::exchange(other.handle_, 0)), id_(std::exchange(other.id_, 0)) {}
-Process& Process::operator=(Process&& other) noexcept {
-  std::swap(handle_, other.handle_);
-  std::swap(id_, other.id_);
-  return *this;
-}
-
-Process Process::adopt(std::intptr_t handle, std::uint32_t id) {
-  Process process;
-  process.handle_ = handle;
-  process.id_ = id;
-  return process;
-}
-
 Process Process::current() {
   return open(GetCurrentProcessId());
 }
@@ -71,16 +52,6 @@ Process Process::open(std::uint32_t id) {
   if (opened == nullptr) return {};
   Process process = adopt(reinterpret_cast<std::intptr_t>(opened), id);
   return GetProcessId(opened) == id && process.alive() ? std::move(process) : Process();
-}
-
-Process::operator bool() const {
-  return handle_ != 0;
-}
-std::uint32_t Process::id() const {
-  return id_;
-}
-std::intptr_t Process::native_handle() const {
-  return handle_;
 }
 
 bool Process::alive() const {
@@ -101,12 +72,7 @@ bool system_process(const Process& process, std::uint32_t* session) {
 
 bool elevated_admin_process(const Process& process) {
   const Handle token = token_of(process, TOKEN_QUERY | TOKEN_DUPLICATE);
-  TOKEN_ELEVATION elevation{};
-  DWORD size = 0;
-  if (!token ||
-      !GetTokenInformation(token.get(), TokenElevation, &elevation, sizeof elevation, &size) ||
-      elevation.TokenIsElevated == 0)
-    return false;
+  if (!token || !is_elevated(token.get())) return false;
   alignas(SID) unsigned char administrators[SECURITY_MAX_SID_SIZE];
   DWORD sid_size = sizeof administrators;
   Handle shown;
@@ -139,6 +105,12 @@ bool check_path(const std::filesystem::path& path, PathTest test) {
 }
 
 namespace security_platform {
+
+const std::intptr_t NO_PROCESS = 0;
+
+void close_process(std::intptr_t handle) {
+  CloseHandle(reinterpret_cast<HANDLE>(handle));
+}
 
 bool make_private_directory(const std::filesystem::path& path) {
   SecurityAttributes attributes(PRIVATE_DIRECTORY);

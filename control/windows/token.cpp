@@ -9,6 +9,13 @@ Handle process_token(HANDLE process, DWORD access) {
   return token;
 }
 
+bool is_elevated(HANDLE token) {
+  TOKEN_ELEVATION elevation{};
+  DWORD size = 0;
+  return GetTokenInformation(token, TokenElevation, &elevation, sizeof elevation, &size) &&
+         elevation.TokenIsElevated != 0;
+}
+
 UserSid::UserSid(HANDLE token) {
   DWORD size = 0;
   if (GetTokenInformation(token, TokenUser, bytes_, sizeof bytes_, &size))

@@ -8,6 +8,8 @@
 // Empty where it can't be had.
 Handle process_token(HANDLE process, DWORD access);
 
+bool is_elevated(HANDLE token);  // as an administrator; false where it can't be told
+
 // The user of a token; `get` is null where it can't be had.
 class UserSid {
  public:

@@ -49,22 +49,6 @@ BitmapInfo source_info(std::span<const std::uint8_t> block, const DibLayout& lay
   return info;
 }
 
-// What is drawn with goes back to the device ahead of the bitmap's end.
-class Selected {
- public:
-  Selected(HDC dc, HGDIOBJ object) : dc_(dc), before_(SelectObject(dc, object)) {}
-  ~Selected() {
-    if (before_ != nullptr) SelectObject(dc_, before_);
-  }
-  Selected(const Selected&) = delete;
-  Selected& operator=(const Selected&) = delete;
-  explicit operator bool() const { return before_ != nullptr; }
-
- private:
-  const HDC dc_;
-  const HGDIOBJ before_;
-};
-
 }  // namespace
 
 bool convert_dib_by_system(std::span<const std::uint8_t> block, const DibLayout& layout,

@@ -27,4 +27,11 @@ TEST(Text, OneIsNoPlural) {
   EXPECT_STREQ(plural(2), "s");
 }
 
+TEST(Utf8Path, IsTheNameThatWasGiven) {
+  constexpr std::u8string_view NAME = u8"B\u00fcro \u20ac \U0001F5A5";
+  const std::string_view name(reinterpret_cast<const char*>(NAME.data()), NAME.size());
+  EXPECT_TRUE(utf8_path(name).u8string() == NAME);
+  EXPECT_TRUE(utf8_path("").empty());
+}
+
 }  // namespace

@@ -198,8 +198,7 @@ TEST_F(ClientProgramTest, AClientComesBackToAHostThatWasKilled) {
   EXPECT_GT(json["paths"][1]["frames"].get<int>(), 0);
   EXPECT_EQ(json["frames_undecodable"], 0);
   EXPECT_GE(json["keyframes"].get<int>(), 2);
-  const RunResult decoded = run_program(
-      {"ffmpeg", "-v", "warning", "-xerror", "-i", recording().string(), "-f", "null", "-"});
+  const RunResult decoded = decode_with_ffmpeg(recording());
   EXPECT_EQ(decoded.status, 0);
   EXPECT_EQ(decoded.output, "");
 }

@@ -26,12 +26,6 @@ class StreamTest : public SystemTest {
   std::unique_ptr<ChildProcess> screen_;
 };
 
-// The distribution's own decoder, which knows nothing of this project.
-RunResult decode_with_ffmpeg(const std::filesystem::path& recording) {
-  return run_program(
-      {"ffmpeg", "-v", "warning", "-xerror", "-i", recording.string(), "-f", "null", "-"});
-}
-
 TEST_F(StreamTest, AFewSecondsOfAMovingScreenArriveCompleteAndDecodable) {
   prepare(true);
   stream(3);

@@ -45,6 +45,11 @@ double luma_psnr(const RgbPicture& a, const RgbPicture& b) {
   return mean == 0 ? 99.0 : 10 * std::log10(255.0 * 255.0 / mean);
 }
 
+RunResult decode_with_ffmpeg(const std::filesystem::path& recording) {
+  return run_program(
+      {"ffmpeg", "-v", "warning", "-xerror", "-i", recording.string(), "-f", "null", "-"});
+}
+
 int free_port() {
   const lund_socket socket = lund_udp_open(4, nullptr, 0);
   const int port = lund_udp_local_port(socket);

@@ -28,6 +28,9 @@ RgbPicture read_png(const std::filesystem::path& path);
 // Peak signal-to-noise ratio of the BT.709 luma, decibels. Equal sizes are required.
 double luma_psnr(const RgbPicture& a, const RgbPicture& b);
 
+// By the distribution's own decoder, which knows nothing of this project; it says what it dislikes.
+RunResult decode_with_ffmpeg(const std::filesystem::path& recording);
+
 class SystemTest : public testing::Test {
  protected:
   void SetUp() override;

@@ -147,8 +147,9 @@ void Viewer::take_news() {
       counted_from_us_ = lund_now_us();
     if (news.state == SessionState::Ended && news.text.empty()) leaving_ = true;
   }
-  if (changed || !news.notices.empty()) std::fflush(stdout);
   for (const auto& screen : screens_) take_news_of(*screen);
+  std::fflush(stdout);
+  std::fflush(stderr);
   if (changed) update_grabs();
 }
 

@@ -3,13 +3,14 @@
 #include <cstdio>
 #include <filesystem>
 
-#include "control/windows/command_line.h"
 #include "apps/service/windows/event_log.h"
 #include "apps/service/windows/managed_run.h"
 #include "apps/service/windows/registration.h"
 #include "apps/service/windows/service_names.h"
 #include "control/security.h"
 #include "control/sysinfo.h"
+#include "control/text.h"
+#include "control/windows/command_line.h"
 
 namespace service_platform {
 
@@ -50,7 +51,7 @@ ServiceExit install(const ServiceOptions& options) {
   const std::filesystem::path program = exe_path();
   const std::filesystem::path worker = options.worker.empty()
                                            ? program.parent_path() / WORKER_PROGRAM
-                                           : std::filesystem::absolute(options.worker);
+                                           : std::filesystem::absolute(utf8_path(options.worker));
   for (const std::filesystem::path& file : {program, worker}) {
     std::error_code ignored;
     if (!std::filesystem::exists(file, ignored))

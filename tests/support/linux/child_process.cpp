@@ -9,14 +9,18 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <fstream>
 #include <sstream>
+#include <thread>
 
 using Clock = std::chrono::steady_clock;
 
 namespace {
+
+constexpr std::chrono::seconds EXIT{5};
 
 // The test's end and the child's.
 bool open_ends(ChildProcess::Streams streams, int (&ends)[2]) {
@@ -110,10 +114,14 @@ void ChildProcess::reap(bool block) {
 
 std::optional<int> ChildProcess::wait(std::chrono::milliseconds deadline) {
   const auto until = Clock::now() + deadline;
-  // The end of its output is the end of the program, but for its exit itself.
+  // The end of its output is the end of the program, but for its exit itself, for which there is
+  // always a moment.
   while (read_some(until)) {
   }
-  if (parts_->pipe < 0) reap(true);
+  if (parts_->pipe >= 0) return status_;
+  const auto exit_until = std::max(until, Clock::now() + EXIT);
+  for (reap(false); !status_ && Clock::now() < exit_until; reap(false))
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
   return status_;
 }
 

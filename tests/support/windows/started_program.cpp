@@ -12,18 +12,30 @@ std::filesystem::path own_directory() {
   return std::filesystem::path(path).parent_path();
 }
 
+Handle token_for(As as) {
+  switch (as) {
+    case As::Self:
+      break;
+    case As::Administrator:
+      return make_administrator_token();
+    case As::System:
+      return make_system_token();
+  }
+  return {};
+}
+
 }  // namespace
 
 StartedProgram::StartedProgram(const std::wstring& command, As as, const StandardStreams& streams) {
-  const Handle token = as == As::System ? make_system_token() : Handle();
-  if (as == As::System && !token) return;
+  const Handle token = token_for(as);
+  if (as != As::Self && !token) return;
   STARTUPINFOW startup{};
   startup.cb = sizeof startup;
-  if (streams.input != nullptr) {
+  if (streams.output != nullptr) {
     startup.dwFlags = STARTF_USESTDHANDLES;
     startup.hStdInput = streams.input;
     startup.hStdOutput = streams.output;
-    startup.hStdError = GetStdHandle(STD_ERROR_HANDLE);
+    startup.hStdError = streams.error != nullptr ? streams.error : GetStdHandle(STD_ERROR_HANDLE);
   }
   const std::size_t end_of_name = command.find(L' ');
   const std::filesystem::path program = own_directory() / command.substr(0, end_of_name);

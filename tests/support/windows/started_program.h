@@ -1,5 +1,6 @@
-// A program of this project's, started by a test beside it in the same directory, as the test's
-// user or as LocalSystem. Killed with its scope. One thread.
+// A program of this project's, started by a test beside it in the same directory or by its whole
+// path, as the test's user, as an administrator or as LocalSystem. Killed with its scope. One
+// thread.
 #pragma once
 
 #include <chrono>
@@ -9,17 +10,18 @@
 
 #include "control/windows/handles.h"
 
-enum class As { Self, System };
+enum class As { Self, Administrator, System };
 
-// What a started program says and hears; nothing where it is the test's own.
+// What a started program says and hears; all the test's own without an output.
 struct StandardStreams {
   HANDLE input = nullptr;
   HANDLE output = nullptr;
+  HANDLE error = nullptr;  // the test's own
 };
 
 class StartedProgram {
  public:
-  // `command` begins with the name of the program's file, as "lunderhaze-worker.exe".
+  // `command` begins with the program's file, as "lunderhaze-worker.exe", without a blank in it.
   StartedProgram(const std::wstring& command, As as, const StandardStreams& streams = {});
   ~StartedProgram();
   StartedProgram(const StartedProgram&) = delete;

@@ -6,8 +6,6 @@
 #include <cstddef>
 #include <cstdint>
 
-#include "control/windows/token.h"
-
 namespace {
 
 using CreateToken = NTSTATUS(NTAPI*)(HANDLE*, ACCESS_MASK, OBJECT_ATTRIBUTES*, TOKEN_TYPE, LUID*,
@@ -63,5 +61,24 @@ Handle make_system_token() {
       token.receive(), TOKEN_ALL_ACCESS, &attributes, TokenPrimary, &system_logon, &never, &user,
       reinterpret_cast<TOKEN_GROUPS*>(&groups), &privileges, &owner, &group, &dacl, &source);
   if (status < 0) token.release();
+  return token;
+}
+
+Handle make_administrator_token() {
+  TOKEN_ELEVATION elevation{};
+  TOKEN_LINKED_TOKEN linked{};
+  DWORD size = 0;
+  Handle own, elevated, token;
+  if (!OpenProcessToken(GetCurrentProcess(), TOKEN_QUERY | TOKEN_DUPLICATE, own.receive()) ||
+      !GetTokenInformation(own.get(), TokenElevation, &elevation, sizeof elevation, &size))
+    return {};
+  if (elevation.TokenIsElevated == 0) {
+    if (!GetTokenInformation(own.get(), TokenLinkedToken, &linked, sizeof linked, &size)) return {};
+    elevated.reset(linked.LinkedToken);
+  }
+  // To start a process with it takes a primary one.
+  if (!DuplicateTokenEx(elevated ? elevated.get() : own.get(), TOKEN_ALL_ACCESS, nullptr,
+                        SecurityImpersonation, TokenPrimary, token.receive()))
+    token.release();
   return token;
 }

@@ -6,16 +6,17 @@
 namespace system_test {
 namespace {
 
+// A picture that moves, and not a speed: with nothing else to do two processors manage 50.
+constexpr int LEAST_FPS = 15;
+
 class WindowsStreamTest : public WindowsHostTest {
  protected:
   void serve_a_moving_picture() {
     open("moving_picture.exe", {}, "painted");
     serve();
   }
-  // The distribution's own decoder, which knows nothing of this project.
   void expect_a_clean_recording() const {
-    const RunResult decoded = run_program(
-        {"ffmpeg", "-v", "warning", "-xerror", "-i", recording().string(), "-f", "null", "-"});
+    const RunResult decoded = decode_with_ffmpeg(recording());
     EXPECT_EQ(decoded.status, 0);
     EXPECT_EQ(decoded.output, "");
   }
@@ -24,7 +25,7 @@ class WindowsStreamTest : public WindowsHostTest {
     stream(length_s);
     const auto json = report();
     std::printf("%d s: %s\n", length_s, json.dump().c_str());
-    EXPECT_GT(json["frames"].get<int>(), 30 * length_s);
+    EXPECT_GT(json["frames"].get<int>(), LEAST_FPS * length_s);
     EXPECT_EQ(json["frames_undecodable"], 0);
     EXPECT_EQ(json["frames_lost"], 0);
     expect_a_clean_recording();

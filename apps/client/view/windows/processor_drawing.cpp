@@ -12,7 +12,7 @@ constexpr DWORD MICROSOFT = 0x1414;  // as a maker of PCI devices: its adapters 
 
 bool draws_by_processor(SDL_Renderer* renderer) {
   ComPtr<IDirect3DDevice9> device;
-  device.Attach(SDL_RenderGetD3D9Device(renderer));
+  *device.GetAddressOf() = SDL_RenderGetD3D9Device(renderer);  // with a reference
   if (!device) return false;
   ComPtr<IDirect3D9> system;
   D3DDEVICE_CREATION_PARAMETERS made{};

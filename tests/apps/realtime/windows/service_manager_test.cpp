@@ -7,12 +7,12 @@
 #include <thread>
 
 #include "apps/service/platform.h"
-#include "control/windows/command_line.h"
 #include "apps/service/windows/event_log.h"
 #include "apps/service/windows/managed_run.h"
 #include "apps/service/windows/registration.h"
 #include "apps/service/windows/service_control.h"
 #include "connection/clock.h"
+#include "control/windows/command_line.h"
 #include "tests/support/temp_directory.h"
 #include "tests/support/windows/beside_test.h"
 

@@ -1,19 +1,11 @@
 // as_system COMMAND...: runs the command as LocalSystem in this session, and ends with what it ends
 // with; 77 where nobody can be given LocalSystem's token.
 #include <cstdio>
-#include <cwchar>
 
+#include "tests/support/windows/own_command_line.h"
 #include "tests/support/windows/system_token.h"
 
 namespace {
-
-// The command line behind the first of its words, which is this program.
-wchar_t* rest_of_command_line() {
-  wchar_t* at = GetCommandLineW();
-  for (bool quoted = false; *at != L'\0' && (quoted || (*at != L' ' && *at != L'\t')); ++at)
-    quoted ^= *at == L'"';
-  return at + std::wcsspn(at, L" \t");
-}
 
 int fail(const char* what) {
   std::fprintf(stderr, "as_system: %s (error %lu)\n", what, GetLastError());
