@@ -18,7 +18,7 @@ using Clock = std::chrono::steady_clock;
 
 namespace {
 
-constexpr DWORD EXIT_MS = 2'000;  // of a program that has closed its output
+constexpr DWORD EXIT_MS = 5'000;  // of a program that has closed its output
 
 // Names of variables have one order, whatever their case.
 struct ByName {
