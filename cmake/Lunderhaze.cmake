@@ -53,6 +53,20 @@ endif()
 find_package(Threads REQUIRED)
 target_link_libraries(lund_options INTERFACE Threads::Threads)
 
+# What most files include of the standard library, read once for all of them; each includes what it
+# uses all the same, which scripts/lint sees, as it has no such help. Whoever uses libpulse, SDL or
+# Google Test defines _REENTRANT, and what is read once must be read the same by all.
+if(NOT WIN32)
+  add_compile_definitions(_REENTRANT)
+endif()
+file(CONFIGURE OUTPUT standard_headers.cpp CONTENT "")
+add_library(standard_headers OBJECT ${CMAKE_CURRENT_BINARY_DIR}/standard_headers.cpp)
+target_link_libraries(standard_headers PRIVATE lund_options)
+target_precompile_headers(standard_headers PRIVATE
+  <algorithm> <array> <atomic> <chrono> <condition_variable> <cstdint> <cstring> <filesystem>
+  <functional> <map> <memory> <mutex> <optional> <span> <string> <string_view> <thread> <utility>
+  <vector>)
+
 add_library(monocypher INTERFACE)
 find_package(PkgConfig QUIET)
 if(PkgConfig_FOUND AND NOT WIN32)
@@ -116,6 +130,28 @@ function(lund_version_header folder)
   configure_file(${CMAKE_SOURCE_DIR}/cmake/version.h.in
     ${CMAKE_BINARY_DIR}/generated/${folder}/version.h @ONLY)
   include_directories(${CMAKE_BINARY_DIR}/generated)
+endfunction()
+
+# lund_read_headers_once(folders...): every library and program in and under these takes the standard
+# library's headers as they have been read. Not with clang,
+# by which only the fuzz targets are built.
+function(lund_read_headers_once)
+  if(NOT CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
+    return()
+  endif()
+  foreach(folder ${ARGN})
+    get_property(below DIRECTORY ${folder} PROPERTY SUBDIRECTORIES)
+    if(below)
+      lund_read_headers_once(${below})
+    endif()
+    get_property(targets DIRECTORY ${folder} PROPERTY BUILDSYSTEM_TARGETS)
+    foreach(target ${targets})
+      get_target_property(type ${target} TYPE)
+      if(type MATCHES "^(STATIC_LIBRARY|EXECUTABLE)$")
+        target_precompile_headers(${target} REUSE_FROM standard_headers)
+      endif()
+    endforeach()
+  endforeach()
 endfunction()
 
 # lund_library(NAME folder's direct dependencies...): the library of the calling folder. A source
