@@ -18,6 +18,8 @@ using Clock = std::chrono::steady_clock;
 
 namespace {
 
+constexpr DWORD EXIT_MS = 5'000;  // of a program that has closed its output
+
 // Names of variables have one order, whatever their case.
 struct ByName {
   bool operator()(const std::wstring& a, const std::wstring& b) const {
@@ -129,13 +131,15 @@ bool ChildProcess::wait_for_output(const std::string& text, std::chrono::millise
 
 void ChildProcess::reap(bool block) {
   DWORD status = 0;
-  if (status_ ||
-      WaitForSingleObject(parts_->process.get(), block ? INFINITE : 0) != WAIT_OBJECT_0 ||
+  const DWORD wait_ms = block ? EXIT_MS : 0;
+  if (status_ || WaitForSingleObject(parts_->process.get(), wait_ms) != WAIT_OBJECT_0 ||
       !GetExitCodeProcess(parts_->process.get(), &status))
     return;
   status_ = static_cast<int>(status);
 }
 
+// The end of its output is the end of the program, but for its exit itself, for which there is
+// always a moment.
 std::optional<int> ChildProcess::wait(std::chrono::milliseconds deadline) {
   const auto until = Clock::now() + deadline;
   while (read_some(until)) {
