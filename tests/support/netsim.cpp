@@ -46,28 +46,15 @@ void NetSim::send(int node, const lund_rv_endpoint& to, const std::uint8_t* byte
   transmit(node, network, datagram);
 }
 
-// In nanoseconds, so that what a datagram takes isn't rounded.
-std::uint64_t NetSim::queued_us(int node, int network, std::size_t size) {
-  const std::uint64_t rate = link(network).bytes_per_second;
-  if (rate == 0) return 0;
-  const std::uint64_t now_ns = lund_now_us() * 1000;
-  std::uint64_t& free_at = free_at_ns_[{node, network}];
-  free_at = std::max(free_at, now_ns) + size * 1'000'000'000 / rate;
-  return (free_at - now_ns + 999) / 1000;
-}
-
-// The dice are thrown in the same number whatever the link is like, so that a change of one link
-// leaves what happens on the others alone.
 void NetSim::transmit(int node, int network, const Datagram& datagram) {
   const Link& link = this->link(network);
-  const bool lost = random_.chance(link.loss);
-  const bool twice = random_.chance(link.duplicate);
-  const std::uint64_t first = link.delay_us + random_.below(link.jitter_us + 1);
-  const std::uint64_t second = link.delay_us + random_.below(link.jitter_us + 1);
+  const NetworkFate fate = decide_fate(random_, link);
   if (link.down) return;
-  const std::uint64_t now = lund_now_us() + queued_us(node, network, datagram.bytes.size());
-  if (!lost) in_flight_.push({now + first, order_++, datagram});
-  if (twice) in_flight_.push({now + second, order_++, datagram});
+  const std::uint64_t now = lund_now_us();
+  const std::uint64_t sent =
+      now + queues_[{node, network}].wait_us(link, datagram.bytes.size(), now);
+  if (fate.arrives) in_flight_.push({sent + fate.after_us, order_++, datagram});
+  if (fate.twice) in_flight_.push({sent + fate.copy_after_us, order_++, datagram});
 }
 
 void NetSim::inject(const lund_rv_endpoint& from, const lund_rv_endpoint& to, const Bytes& bytes) {

@@ -12,22 +12,14 @@
 #include <vector>
 
 #include "connection/netsock.h"
+#include "tests/support/network_link.h"
 #include "tests/support/seeded_random.h"
 
 class NetSim {
  public:
   using Bytes = std::vector<std::uint8_t>;
 
-  struct Link {
-    std::uint64_t delay_us = 0;
-    std::uint64_t jitter_us = 0;  // added, 0 to this: above the sending interval it reorders
-    double loss = 0;
-    double duplicate = 0;
-    bool down = false;
-    // Of each sender's way, which has a queue without end before it; what is lost is lost behind
-    // it. 0: no limit.
-    std::uint64_t bytes_per_second = 0;
-  };
+  using Link = NetworkLink;
 
   struct Datagram {
     lund_rv_endpoint from;
@@ -91,14 +83,13 @@ class NetSim {
   int network_of(const lund_rv_endpoint& address) const;
   Node* node_at(const lund_rv_endpoint& address);
   void transmit(int node, int network, const Datagram& datagram);
-  std::uint64_t queued_us(int node, int network, std::size_t size);  // until it is on its way
   void deliver(Datagram datagram);
   void trace(std::uint64_t value);
 
   SeededRandom random_;
   std::vector<Link> networks_;
   std::vector<Node> nodes_;
-  std::map<std::pair<int, int>, std::uint64_t> free_at_ns_;  // of each node's way into a network
+  std::map<std::pair<int, int>, NetworkQueue> queues_;  // of each node's way into a network
   Rewrite rewrite_, arrival_;
   int default_network_ = -1;
   Receive tap_;
