@@ -4,6 +4,7 @@
 #include <chrono>
 #include <fstream>
 
+#include "tests/system/loss_support.h"
 #include "tests/system/system_support.h"
 
 namespace system_test {
@@ -48,6 +49,24 @@ TEST_F(StreamTest, RecordingsUnderLossDecodeWithoutAMessage) {
     EXPECT_EQ(decoded.status, 0) << percent << " %";
     EXPECT_EQ(decoded.output, "") << percent << " %";
   }
+}
+
+class StreamOverABadNetworkTest : public StreamTest {
+ protected:
+  // The host's port is known from the beginning, so that pairing goes through it, too.
+  void SetUp() override {
+    StreamTest::SetUp();
+    network_ = std::make_unique<LossyPath>(port_);
+  }
+  std::string host_address() const override { return network_->host_address(); }
+
+  std::unique_ptr<LossyPath> network_;
+};
+
+TEST_F(StreamOverABadNetworkTest, PairsAndArrivesDecodable) {
+  prepare(true);
+  network_->stream(start_receiver({"--out", out().string()}), *screen_);
+  network_->expect_a_sound_stream(report(), recording(), last_frame(), screen(0, 0, 1280, 720));
 }
 
 TEST_F(StreamTest, FromALostFrameToTheNextKeyframeNothingIsRecorded) {
