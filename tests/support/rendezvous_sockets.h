@@ -14,6 +14,7 @@
 #include "connection/rendezvous.h"
 #include "connection/secure.h"
 #include "tests/support/child_process.h"
+#include "tests/support/loopback_socket.h"
 #include "tests/support/temp_directory.h"
 
 // The program on a port of its own, with a key of the test's.
@@ -36,25 +37,6 @@ class RendezvousProgram {
   std::unique_ptr<ChildProcess> process_;
   std::uint16_t port_ = 0;
   std::uint8_t net_key_[LUND_KEY_SIZE];
-};
-
-class LoopbackSocket {
- public:
-  using Bytes = std::vector<std::uint8_t>;
-
-  explicit LoopbackSocket(const std::string& address);  // "127.1.2.3"
-  ~LoopbackSocket() { lund_udp_close(socket_); }
-  LoopbackSocket(const LoopbackSocket&) = delete;
-  LoopbackSocket& operator=(const LoopbackSocket&) = delete;
-
-  const lund_rv_endpoint& address() const { return address_; }
-  lund_socket handle() const { return socket_; }
-  bool send(const lund_rv_endpoint& to, const Bytes& bytes) const;
-  std::optional<Bytes> receive(std::chrono::milliseconds deadline) const;  // 0: what is there
-
- private:
-  lund_rv_endpoint address_;
-  lund_socket socket_;
 };
 
 // One party before the server.

@@ -16,16 +16,18 @@ class LossyPath {
 
   std::string host_address() const;  // what the client is to call the host by
 
-  // Ten seconds of the moving screen that `screen` paints, then the same standing still, then
-  // Ctrl+C for the client.
-  void stream(ChildProcess& client, ChildProcess& screen);
+  // Ten seconds of the moving picture that `moving` paints on the painter's screen, then the same
+  // standing still, then Ctrl+C for the client.
+  void stream(ChildProcess& client, ChildProcess& moving, RootPainter& painter);
 
-  // The stream has taken this path, and nothing of it is unfit to decode.
+  // The stream has taken this path, nothing of it is unfit to decode, and its last picture is the
+  // one that stood still.
   void expect_a_sound_stream(const nlohmann::json& report, const std::filesystem::path& recording,
-                             const RgbPicture& last, const RgbPicture& screen) const;
+                             const RgbPicture& last) const;
 
  private:
   LossyProxy proxy_;
+  RgbPicture stood_still_;
 };
 
 }  // namespace system_test

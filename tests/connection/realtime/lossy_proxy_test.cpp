@@ -9,7 +9,7 @@
 
 #include "connection/clock.h"
 #include "connection/protocol.h"
-#include "tests/support/rendezvous_sockets.h"
+#include "tests/support/loopback_socket.h"
 
 namespace {
 

@@ -182,8 +182,8 @@ class WindowsClientOverABadNetworkTest : public WindowsClientTest {
 TEST_F(WindowsClientOverABadNetworkTest, PairsAndReceivesWhatIsDecodable) {
   paint_a_moving_picture();
   receiver_ = start_receiving();
-  network_->stream(*receiver_, *screen_);
-  network_->expect_a_sound_stream(report(), recording(), last_frame(), screen(0, 0, WIDTH, HEIGHT));
+  network_->stream(*receiver_, *screen_, *painter_);
+  network_->expect_a_sound_stream(report(), recording(), last_frame());
 }
 
 }  // namespace

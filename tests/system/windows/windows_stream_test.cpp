@@ -99,8 +99,8 @@ class WindowsStreamOverABadNetworkTest : public WindowsStreamTest {
 TEST_F(WindowsStreamOverABadNetworkTest, PairsAndArrivesDecodable) {
   network_ = std::make_unique<LossyPath>(port_);
   serve_a_moving_picture();
-  network_->stream(start_receiver({"--out", out().string()}), *screen_);
-  network_->expect_a_sound_stream(report(), recording(), last_frame(), screen(0, 0, 1280, 720));
+  network_->stream(start_receiver({"--out", out().string()}), *screen_, *painter_);
+  network_->expect_a_sound_stream(report(), recording(), last_frame());
 }
 
 }  // namespace
