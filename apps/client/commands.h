@@ -60,6 +60,7 @@ struct Arguments {
   std::uint32_t seed = 1;
   unsigned screen = 0, width = 0, height = 0, fps = 0, bitrate_kbps = 0, fec = 0;
   std::string codec;
+  bool virtual_display = false;
   unsigned screens = 0;  // this many, from 0 on; 0: only `screen`
   std::filesystem::path audio_out, clipboard_set, clipboard_get;
   std::vector<InputAction> actions;  // of --type and --click, in order

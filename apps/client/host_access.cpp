@@ -53,6 +53,7 @@ lund_hello make_hello(const Arguments& args) {
   hello.bitrate_kbps = args.bitrate_kbps;
   hello.codec = args.codec == "hevc" ? 1 : args.codec == "h264" ? 2 : 0;
   hello.fec_percent = static_cast<std::uint8_t>(args.fec);
+  hello.display_mode = args.virtual_display ? 1 : 0;
   hello.screen = static_cast<std::uint8_t>(args.screen);
   return hello;
 }

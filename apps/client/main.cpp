@@ -119,6 +119,8 @@ void add_wishes(CLI::App& command, Arguments& args) {
   command.add_option("--bitrate-kbps", args.bitrate_kbps, "Bit rate wanted");
   command.add_option("--fec", args.fec, "Parity wanted, percent")->check(CLI::Range(0, 200));
   command.add_option("--codec", args.codec, "hevc or h264")->check(CLI::IsMember({"hevc", "h264"}));
+  command.add_flag("--virtual", args.virtual_display,
+                   "On a virtual display of that width, height and fps, where the host has one");
 }
 
 void add_connect(CLI::App& connect, Arguments& args) {

@@ -70,6 +70,21 @@ TEST_F(HostVirtualDisplaysTest, TwoScreensOfAClientLeaseTwoMonitorsSideBySide) {
   EXPECT_EQ(vdd_xml_monitor_count(vdd->file()), 2);
 }
 
+TEST_F(HostVirtualDisplaysTest, TheMonitorGetsTheModeThatTheClientAsksFor) {
+  lund_hello hello = wants(0, 2560, 1600);
+  hello.fps = 120;
+  TestLink laptop = connected();
+  const auto ack = answer(laptop, hello);
+  ASSERT_TRUE(ack);
+  EXPECT_EQ(ack->status, LUND_HELLO_ACCEPTED);
+  EXPECT_EQ(ack->width, 2560);
+  EXPECT_EQ(ack->height, 1600);
+  EXPECT_EQ(ack->fps, 120);
+  EXPECT_TRUE(captured(0).is_virtual);
+  ASSERT_EQ(vdd->monitors.size(), 1u);
+  EXPECT_EQ(vdd->monitors[0].current.mode, (DisplayMode{2560, 1600, 120}));
+}
+
 TEST_F(HostVirtualDisplaysTest, ShutdownPutsTheDriverBack) {
   stream(wants(0, 1920, 1080));
   stream(wants(1, 1280, 800));

@@ -122,6 +122,20 @@ TEST_F(StreamTest, AClientThatIsKilledMayComeBackAtOnce) {
   EXPECT_NE(host_log().find("ended"), std::string::npos);
 }
 
+TEST_F(StreamTest, AskedForAVirtualDisplayAHostWithoutADriverShowsItsMonitorAndSaysWhy) {
+  start_desktop(1280, 720);
+  start_host({"--codec", "h264", "--virtual-display", "always"});
+  pair();
+  stream(0.1, {"--virtual", "--width", "640", "--height", "400", "--fps", "30"});
+  EXPECT_EQ(report()["stream"]["width"], 640);
+  EXPECT_EQ(report()["stream"]["height"], 360);  // as the monitor's shape has it
+  EXPECT_NE(host_log().find("client max 640x400@30 mode 1,"), std::string::npos) << host_log();
+  EXPECT_NE(host_log().find("screen 0: client asked for a virtual display; streaming the physical "
+                            "monitor (no usable virtual display driver)"),
+            std::string::npos)
+      << host_log();
+}
+
 TEST_F(StreamTest, ASecondDeviceIsToldThatTheHostIsBusy) {
   start_desktop(1280, 720);
   start_host({"--codec", "h264", "--pin", "for-two"});

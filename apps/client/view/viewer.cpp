@@ -231,6 +231,7 @@ void Viewer::finish_second(std::uint64_t now_us) {
     screen->view.statistics = statistics_lines(figures_of(*screen, second));
     renew_keyboard_grab(screen->window->window());
   }
+  alt_gr_.want(focused_ != nullptr);
 }
 
 bool Viewer::take_snapshots() {

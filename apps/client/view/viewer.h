@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "apps/client/host_session.h"
+#include "apps/client/view/alt_gr.h"
 #include "apps/client/view/carry.h"
 #include "apps/client/view/overlay_font.h"
 #include "apps/client/view/release_key.h"
@@ -109,6 +110,7 @@ class Viewer {
   SoundOutput::Figures sound_figures_;
 
   ReleaseKey keys_;
+  AltGrFilter alt_gr_;
   Screen* focused_ = nullptr;
   bool free_ = false;  // the user has let go of mouse and keyboard
   bool relative_ = false;

@@ -103,7 +103,7 @@ void Viewer::lose_focus(Screen& screen) {
   update_grabs();
 }
 
-// Brings the grabs to what focus and user want.
+// Brings the grabs, and what goes with them, to what focus and user want.
 void Viewer::update_grabs() {
   const bool streaming = shared_.session == SessionState::Streaming;
   for (const auto& screen : screens_) {
@@ -112,6 +112,7 @@ void Viewer::update_grabs() {
     if ((SDL_GetWindowKeyboardGrab(window) == SDL_TRUE) != wanted)
       SDL_SetWindowKeyboardGrab(window, wanted ? SDL_TRUE : SDL_FALSE);
   }
+  alt_gr_.want(focused_ != nullptr);
   const bool capture = relative_ && !free_ && streaming && focused_;
   if (capture == shared_.relative) return;
   if (SDL_SetRelativeMouseMode(capture ? SDL_TRUE : SDL_FALSE) != 0 && capture) {

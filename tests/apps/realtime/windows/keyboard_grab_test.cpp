@@ -5,6 +5,7 @@
 #include <chrono>
 #include <vector>
 
+#include "apps/client/view/alt_gr.h"
 #include "apps/client/view/sdl_handles.h"
 #include "control/windows/handles.h"
 
@@ -29,8 +30,10 @@ class KeyboardGrabTest : public testing::Test {
   void SetUp() override {
     windows_got().clear();
     const auto keep = [](int code, WPARAM, LPARAM event) -> LRESULT {
-      if (code == HC_ACTION)
+      if (code == HC_ACTION) {
         windows_got().push_back(reinterpret_cast<const KBDLLHOOKSTRUCT*>(event)->vkCode);
+        last_scan_code() = reinterpret_cast<const KBDLLHOOKSTRUCT*>(event)->scanCode;
+      }
       return 1;
     };
     in_place_of_windows_ = Hook(SetWindowsHookExW(WH_KEYBOARD_LL, keep, nullptr, 0));
@@ -50,11 +53,12 @@ class KeyboardGrabTest : public testing::Test {
     SDL_Quit();
   }
 
-  static void press(WORD key, bool down) {
+  static void press(WORD key, bool down, WORD scan_code = 0, DWORD flags = 0) {
     INPUT input{};
     input.type = INPUT_KEYBOARD;
     input.ki.wVk = key;
-    input.ki.dwFlags = down ? 0 : KEYEVENTF_KEYUP;
+    input.ki.wScan = scan_code;
+    input.ki.dwFlags = down ? flags : flags | KEYEVENTF_KEYUP;
     ASSERT_EQ(SendInput(1, &input, sizeof input), 1U);
   }
   // The window's events up to a key that SDL leaves to Windows, which comes to the hooks in its
@@ -79,6 +83,10 @@ class KeyboardGrabTest : public testing::Test {
   static std::vector<DWORD>& windows_got() {
     static std::vector<DWORD> keys;
     return keys;
+  }
+  static DWORD& last_scan_code() {
+    static DWORD scan_code;
+    return scan_code;
   }
 
   static void expect_to_the_window(WORD key, SDL_Scancode scancode) {
@@ -148,6 +156,100 @@ TEST_F(KeyboardGrabTest, OfAWindowThatWantsNoneNothingIsRenewed) {
   renew_keyboard_grab(window_.get());
   EXPECT_EQ(SDL_GetWindowKeyboardGrab(window_.get()), SDL_FALSE);
   expect_to_windows(VK_LWIN);
+}
+
+// ---- AltGr
+
+// As Windows shows it to hooks, of a layout that has it.
+class AltGrFilterTest : public KeyboardGrabTest {
+ protected:
+  void SetUp() override {
+    KeyboardGrabTest::SetUp();
+    if (HasFatalFailure()) return;
+    press_made_up_ctrl(false);
+    if (last_scan_code() != 0x21D) GTEST_SKIP() << "of a scan code that is sent, 8 bits come";
+    windows_got().clear();
+  }
+  static void press_alt_gr(bool down) {
+    press_made_up_ctrl(down);
+    press(VK_RMENU, down, 0x38, KEYEVENTF_EXTENDEDKEY);
+  }
+  static void press_made_up_ctrl(bool down) { press(VK_LCONTROL, down, 0x21D); }
+  static void press_ctrl(bool down) { press(VK_LCONTROL, down, 0x1D); }
+
+  // Without the stand-in for Windows: the window's next key.
+  static Key next_key() {
+    SDL_Event event;
+    const auto until = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+    while (std::chrono::steady_clock::now() < until)
+      if (SDL_WaitEventTimeout(&event, 10) != 0 &&
+          (event.type == SDL_KEYDOWN || event.type == SDL_KEYUP))
+        return {event.type == SDL_KEYDOWN, event.key.keysym.scancode};
+    ADD_FAILURE() << "no key came";
+    return {};
+  }
+
+  static constexpr Key ALT_DOWN{true, SDL_SCANCODE_RALT}, ALT_UP{false, SDL_SCANCODE_RALT},
+      CTRL_DOWN{true, SDL_SCANCODE_LCTRL}, CTRL_UP{false, SDL_SCANCODE_LCTRL};
+  AltGrFilter filter_;
+};
+
+TEST_F(AltGrFilterTest, UnfilteredTheMadeUpCtrlComesToTheWindow) {
+  SDL_SetWindowKeyboardGrab(window_.get(), SDL_TRUE);
+  filter_.want(true);
+  filter_.want(false);
+  press_alt_gr(true);
+  press_alt_gr(false);
+  EXPECT_EQ(events(), (std::vector<Key>{CTRL_DOWN, ALT_DOWN, CTRL_UP, ALT_UP}));
+}
+
+TEST_F(AltGrFilterTest, OfAGrabbedKeyboardTheRightAltComesAlone) {
+  SDL_SetWindowKeyboardGrab(window_.get(), SDL_TRUE);
+  filter_.want(true);
+  press_alt_gr(true);
+  EXPECT_EQ(events(), (std::vector<Key>{ALT_DOWN}));
+  renew_keyboard_grab(window_.get());
+  filter_.want(true);
+  press_alt_gr(false);
+  EXPECT_EQ(events(), (std::vector<Key>{ALT_UP}));
+  EXPECT_TRUE(windows_got().empty());
+}
+
+TEST_F(AltGrFilterTest, ACtrlThatIsPressedWithItComes) {
+  SDL_SetWindowKeyboardGrab(window_.get(), SDL_TRUE);
+  filter_.want(true);
+  press_ctrl(true);
+  press_alt_gr(true);
+  press_alt_gr(false);
+  press_ctrl(false);
+  EXPECT_EQ(events(), (std::vector<Key>{CTRL_DOWN, ALT_DOWN, ALT_UP, CTRL_UP}));
+}
+
+TEST_F(AltGrFilterTest, OfAKeyboardThatIsNotGrabbedWindowsGetsTheRightAltAlone) {
+  filter_.want(true);
+  press_alt_gr(true);
+  press_alt_gr(false);
+  EXPECT_TRUE(events().empty());
+  EXPECT_EQ(windows_got(), (std::vector<DWORD>{VK_RMENU, VK_RMENU}));
+}
+
+TEST_F(AltGrFilterTest, WithoutAWindowOfOursInFrontNothingIsKept) {
+  filter_.want(true);
+  SDL_HideWindow(window_.get());
+  press_alt_gr(true);
+  press_alt_gr(false);
+  EXPECT_TRUE(events().empty());
+  EXPECT_EQ(windows_got(), (std::vector<DWORD>{VK_LCONTROL, VK_RMENU, VK_LCONTROL, VK_RMENU}));
+}
+
+TEST_F(AltGrFilterTest, OfAKeyboardThatIsNotGrabbedTheRightAltComesAlone) {
+  in_place_of_windows_.reset();
+  filter_.want(true);
+  press_alt_gr(true);
+  press_alt_gr(false);
+  EXPECT_EQ(next_key(), ALT_DOWN);
+  EXPECT_EQ(next_key(), ALT_UP);
+  EXPECT_GE(GetAsyncKeyState(VK_LCONTROL), 0);
 }
 
 }  // namespace
