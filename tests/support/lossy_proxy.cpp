@@ -140,9 +140,9 @@ void LossyProxy::send_what_is_due() {
   const std::uint64_t now = lund_now_us();
   for (; !in_flight_.empty() && in_flight_.top().at_us <= now; in_flight_.pop()) {
     const InFlight& next = in_flight_.top();
+    const std::lock_guard lock(mutex_);  // whoever has received it finds it counted
     if (lund_udp_send(next.socket, next.to, next.bytes.data(), next.bytes.size()) != 0)
       ADD_FAILURE() << "the proxy itself has lost a datagram";
-    const std::lock_guard lock(mutex_);
     --next.counts->on_its_way;
     ++next.counts->passed_on;
   }
