@@ -179,6 +179,28 @@ TEST(PlayoutBuffer, WhatTheDeviceHoldsCountsAgainstTheLimit) {
   EXPECT_EQ(buffer.figures().buffered_frames, 5000U) << "there is no room beside such a device";
 }
 
+TEST(PlayoutBuffer, FramesInsertedWhileItIsFullDontLiftItOverTheLimit) {
+  const PlayoutLimits limits;
+  PlayoutBuffer buffer(limits);
+  const std::vector<float> sound(limits.max_frames * 2);
+  std::vector<float> out(PACKET * 2);
+  buffer.push(sound.data(), limits.target_frames + PACKET, 0);
+  buffer.pull(out.data(), PACKET, PACKET);
+  // 5 ms are left after each portion, which is too little: frames are to be inserted.
+  while (buffer.figures().frames_inserted == 0) {
+    buffer.pull(out.data(), PACKET, PACKET);
+    buffer.push(sound.data(), PACKET, 0);
+    ASSERT_EQ(buffer.figures().underruns, 0U);
+  }
+  buffer.push(sound.data(), limits.max_frames - buffer.figures().buffered_frames, 0);
+  ASSERT_EQ(buffer.figures().most_frames, limits.max_frames);
+  const std::uint64_t inserted = buffer.figures().frames_inserted;
+  buffer.pull(out.data(), PACKET, PACKET);
+  EXPECT_EQ(buffer.figures().most_frames, limits.max_frames);
+  EXPECT_EQ(buffer.figures().frames_inserted, inserted);
+  EXPECT_EQ(buffer.figures().frames_dropped, 0U);
+}
+
 TEST(PlayoutBuffer, AfterADeviceThatStoodStillItGoesOnWithoutRunningDry) {
   PlayoutBuffer buffer({720, 2880});
   std::vector<float> packet(PACKET * 2, 0.5F), out(960 * 2);

@@ -55,7 +55,7 @@ PlayoutBuffer::Frame PlayoutBuffer::pop() {
   return frame;
 }
 
-PlayoutBuffer::Frame PlayoutBuffer::play_one() {
+PlayoutBuffer::Frame PlayoutBuffer::play_one(bool may_insert) {
   auto middle = [](const Frame& a, const Frame& b) {
     return Frame{0.5F * (a[0] + b[0]), 0.5F * (a[1] + b[1])};
   };
@@ -63,6 +63,7 @@ PlayoutBuffer::Frame PlayoutBuffer::play_one() {
     until_correction_ = CORRECTION_SPACING;
     --corrections_left_;
     if (correction_ == Correction::Insert) {
+      if (!may_insert) return pop();
       ++figures_.frames_inserted;
       return middle(last_, ring_[head_]);
     }
@@ -94,7 +95,8 @@ void PlayoutBuffer::pull(float* out, std::size_t frames, std::size_t device_fram
     if (playing_ && level_ == 0) run_dry();
     Frame frame{};
     if (playing_) {
-      frame = last_ = play_one();
+      // What is inserted stays here one frame longer; the others go over to the device.
+      frame = last_ = play_one(level_ + device_frames < limits_.max_frames + (frames - i));
       ++figures_.played_frames;
     } else if (fade_ > 0) {
       --fade_;

@@ -52,7 +52,7 @@ class PlayoutBuffer {
   enum class Correction { None, Merge, Insert };
 
   Frame pop();
-  Frame play_one();
+  Frame play_one(bool may_insert);
   void run_dry();
   void look_at_reserve(std::size_t pulled);
   void note_level(std::size_t device_frames);
