@@ -29,9 +29,9 @@ std::filesystem::path user_log_directory();
 enum class Opening { Done, Unprotected, Failed };
 
 // Opens for appending: every write lands at the end, whoever else writes, and others may read,
-// rename or delete the file meanwhile. A new file is its owner's alone (on Windows a user's has what
-// its directory hands down); in the machine scope it is Unprotected when the system can't promise
-// that. A link in its place isn't followed. Sets `file` only when it is done.
+// rename or delete the file meanwhile. A new file is its owner's alone (on Windows a user's has
+// what its directory hands down); in the machine scope it is Unprotected when the system can't
+// promise that. A link in its place isn't followed. Sets `file` only when it is done.
 Opening open_append(keystore::HostStoreScope scope, const std::filesystem::path& path, File* file);
 std::int64_t file_size(File file);  // 0 when it can't be had
 // Bytes written in one call, 0 on failure.

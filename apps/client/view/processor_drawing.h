@@ -1,4 +1,5 @@
-// Whether a renderer's own hardware is none: then what it draws takes longer than SDL's own drawing.
+// Whether a renderer's own hardware is none: then what it draws takes longer than SDL's own
+// drawing.
 #pragma once
 
 #include <SDL.h>

@@ -52,7 +52,7 @@ TEST(PathTrust, ADenialHarmsNobodyAndWhatElseAListMayHoldIsRefused) {
   EXPECT_TRUE(passes(PathTest::Protected, L"O:BAD:(D;;FA;;;WD)(A;;FA;;;SY)"));
   // The system's own, by its kind: of an object, a callback's, an audit's, a compound one.
   for (const int kind : {ACCESS_ALLOWED_OBJECT_ACE_TYPE, ACCESS_ALLOWED_CALLBACK_ACE_TYPE,
-                          SYSTEM_AUDIT_ACE_TYPE, ACCESS_ALLOWED_COMPOUND_ACE_TYPE}) {
+                         SYSTEM_AUDIT_ACE_TYPE, ACCESS_ALLOWED_COMPOUND_ACE_TYPE}) {
     const SecurityAttributes attributes(L"O:BAD:P(A;;FA;;;SY)");
     void* entry = nullptr;
     ASSERT_TRUE(GetAce(list_of(attributes.descriptor()), 0, &entry));
