@@ -7,6 +7,7 @@
 #include <future>
 #include <memory>
 #include <thread>
+#include <tuple>
 #include <type_traits>
 
 #include "apps/lunderhaze/commands_internal.h"
@@ -32,15 +33,15 @@ class InBackground {
   explicit InBackground(Work work) {
     std::packaged_task<Result()> task(std::move(work));
     result_ = task.get_future().share();
-    thread_ = std::thread(std::move(task));
+    thread_ = std::make_unique<std::thread>(std::move(task));
   }
-  InBackground(InBackground&& other) = default;
+  InBackground(InBackground&& other) noexcept = default;
   ~InBackground() {
-    if (!thread_.joinable()) return;
+    if (!thread_) return;
     if (result_.wait_for(seconds(0)) == std::future_status::ready)
-      thread_.join();
+      thread_->join();
     else
-      new std::thread(std::move(thread_));  // until the process ends
+      std::ignore = thread_.release();  // until the process ends
   }
 
   bool done_by(Clock::time_point deadline) const {
@@ -50,7 +51,7 @@ class InBackground {
 
  private:
   std::shared_future<Result> result_;
-  std::thread thread_;
+  std::unique_ptr<std::thread> thread_;
 };
 template <typename Work>
 InBackground(Work) -> InBackground<std::invoke_result_t<Work>>;
@@ -62,7 +63,7 @@ class Doctor {
     const InBackground display([platform = platform_] { return probe_display(*platform); });
     Check encoder = start("encoder", "the encoder", [] { return check_encoder(probe_encoder()); });
     const InBackground port_probe([port] { return probe_port(port); });
-    const std::shared_future<PortFacts> port_facts = port_probe.result();
+    const std::shared_future<PortFacts>& port_facts = port_probe.result();
     Check port_check = start("port", "this user's running host",
                              [port_facts] { return check_port(port_facts.get()); });
     Check firewall = start("firewall", "the firewall's program", [port_facts] {

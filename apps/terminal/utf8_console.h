@@ -6,7 +6,7 @@
 class Utf8Console {
  public:
   Utf8Console();
-  ~Utf8Console();
+  ~Utf8Console();  // NOLINT(performance-trivially-destructible): the platform's
   Utf8Console(const Utf8Console&) = delete;
   Utf8Console& operator=(const Utf8Console&) = delete;
 };
