@@ -1,6 +1,5 @@
 // A process of a test's own that runs a function: as another user, in a process id namespace of its
-// own. Killed and reaped with its scope. Made by a thread that outlives it: PR_SET_PDEATHSIG means
-// the thread's death.
+// own. Killed and reaped with its scope. One thread.
 #pragma once
 
 #include <grp.h>
@@ -27,6 +26,8 @@ class Forked {
       _exit(body());
     }
     EXPECT_GT(pid_, 0);
+    // Its parent's death is that of the thread that forks (prctl(2)).
+    EXPECT_EQ(gettid(), getpid()) << "made by a thread that may end before it";
   }
   ~Forked() { end(); }
   Forked(const Forked&) = delete;

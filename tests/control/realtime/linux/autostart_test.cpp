@@ -33,8 +33,8 @@ TEST(DesktopEntry, HoldsThePathInDoubleQuotesAndNothingElse) {
             "Terminal=false\n");
 }
 
-// The specification's own example: a backslash in a quoted argument is four of them in the value,
-// and a dollar sign is "\\$".
+// freedesktop.org's Desktop Entry, of the Exec key: a backslash in a quoted argument is four of
+// them in the value, and a dollar sign is "\\$".
 TEST(DesktopEntry, SpecialCharactersAreEscapedTwice) {
   EXPECT_EQ(exec_line("/a b"), "\"/a b\"");
   EXPECT_EQ(exec_line("/a\\b"), "\"/a\\\\\\\\b\"");
