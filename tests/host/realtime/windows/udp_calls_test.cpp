@@ -35,6 +35,7 @@ struct System {
   DWORD add_error = 0;
   bool mark_refused = false;
   QOS_FLOWID next_flow = 7;
+  std::atomic<bool> no_qos_library{false};
   std::atomic<bool> source_refused{false};
   std::atomic<bool> no_receive_function{false};
   std::vector<std::string> calls;
@@ -44,7 +45,7 @@ struct System {
     qos = qos_absent = mark_refused = false;
     add_error = 0;
     next_flow = 7;
-    source_refused = no_receive_function = false;
+    no_qos_library = source_refused = no_receive_function = false;
     calls.clear();
     control.clear();
   }
@@ -62,61 +63,68 @@ std::string text(const sockaddr* address) {
 
 }  // namespace
 
-extern "C" {
+// The system's own, where there is one.
+static const QosCalls& own_qos() {
+  static const QosCalls calls = load_qos(L"qwave.dll");
+  return calls;
+}
 
-WINBOOL WINAPI QOSCreateHandle(PQOS_VERSION version, PHANDLE handle) {
+static WINBOOL WINAPI create_handle(PQOS_VERSION version, PHANDLE handle) {
   const std::scoped_lock lock(g_mutex);
   g_system.calls.push_back("create " + std::to_string(version->MajorVersion) + "." +
                            std::to_string(version->MinorVersion));
   if (g_system.qos_absent) return FALSE;
-  if (!g_system.qos)
-    return system_function(L"qwave.dll", "QOSCreateHandle", &QOSCreateHandle)(version, handle);
+  if (!g_system.qos) return own_qos() && own_qos().create_handle(version, handle);
   *handle = SERVICE;
   return TRUE;
 }
 
-WINBOOL WINAPI QOSCloseHandle(HANDLE handle) {
+static WINBOOL WINAPI close_handle(HANDLE handle) {
   const std::scoped_lock lock(g_mutex);
   g_system.calls.emplace_back("close");
-  if (handle == SERVICE) return TRUE;
-  return system_function(L"qwave.dll", "QOSCloseHandle", &QOSCloseHandle)(handle);
+  return handle == SERVICE || own_qos().close_handle(handle);
 }
 
-WINBOOL WINAPI QOSAddSocketToFlow(HANDLE handle, SOCKET socket, PSOCKADDR to, QOS_TRAFFIC_TYPE type,
-                                  DWORD flags, PQOS_FLOWID flow) {
+static WINBOOL WINAPI add_socket_to_flow(HANDLE handle, SOCKET socket, PSOCKADDR to,
+                                         QOS_TRAFFIC_TYPE type, DWORD flags, PQOS_FLOWID flow) {
   const std::scoped_lock lock(g_mutex);
   g_system.calls.push_back("add " + text(to) + " type " + std::to_string(type) + " flags " +
                            std::to_string(flags) + " to " + std::to_string(*flow));
-  if (handle != SERVICE)
-    return system_function(L"qwave.dll", "QOSAddSocketToFlow", &QOSAddSocketToFlow)(
-        handle, socket, to, type, flags, flow);
+  if (handle != SERVICE) return own_qos().add_socket_to_flow(handle, socket, to, type, flags, flow);
   SetLastError(g_system.add_error);
   if (g_system.add_error != 0) return FALSE;
   *flow = g_system.next_flow++;
   return TRUE;
 }
 
-WINBOOL WINAPI QOSSetFlow(HANDLE handle, QOS_FLOWID flow, QOS_SET_FLOW operation, ULONG size,
-                          PVOID buffer, DWORD flags, LPOVERLAPPED overlapped) {
+static WINBOOL WINAPI set_flow(HANDLE handle, QOS_FLOWID flow, QOS_SET_FLOW operation, ULONG size,
+                               PVOID buffer, DWORD flags, LPOVERLAPPED overlapped) {
   const std::scoped_lock lock(g_mutex);
   DWORD value = 0;
   if (size == sizeof value) std::memcpy(&value, buffer, size);
   g_system.calls.push_back("set " + std::to_string(flow) + " operation " +
                            std::to_string(operation) + " value " + std::to_string(value));
   if (handle != SERVICE)
-    return system_function(L"qwave.dll", "QOSSetFlow", &QOSSetFlow)(handle, flow, operation, size,
-                                                                    buffer, flags, overlapped);
+    return own_qos().set_flow(handle, flow, operation, size, buffer, flags, overlapped);
   if (g_system.mark_refused) SetLastError(ERROR_ACCESS_DISABLED_BY_POLICY);
   return !g_system.mark_refused;
 }
 
-WINBOOL WINAPI QOSRemoveSocketFromFlow(HANDLE handle, SOCKET socket, QOS_FLOWID flow, DWORD flags) {
+static WINBOOL WINAPI remove_socket_from_flow(HANDLE handle, SOCKET socket, QOS_FLOWID flow,
+                                              DWORD flags) {
   const std::scoped_lock lock(g_mutex);
   g_system.calls.push_back("remove " + std::to_string(flow) + " flags " + std::to_string(flags));
-  if (handle == SERVICE) return TRUE;
-  return system_function(L"qwave.dll", "QOSRemoveSocketFromFlow", &QOSRemoveSocketFromFlow)(
-      handle, socket, flow, flags);
+  return handle == SERVICE || own_qos().remove_socket_from_flow(handle, socket, flow, flags);
 }
+
+const QosCalls& system_qos() {
+  static const QosCalls recorded{create_handle, close_handle, add_socket_to_flow,
+                                 remove_socket_from_flow, set_flow};
+  static const QosCalls none;
+  return g_system.no_qos_library ? none : recorded;
+}
+
+extern "C" {
 
 int WSAAPI WSASendMsg(SOCKET socket, LPWSAMSG message, DWORD flags, LPDWORD sent,
                       LPWSAOVERLAPPED overlapped, LPWSAOVERLAPPED_COMPLETION_ROUTINE routine) {
@@ -410,6 +418,23 @@ TEST_F(UdpCalls, WithoutTheServiceNothingIsMarkedAndNothingIsSaid) {
   socket_.close();
   EXPECT_THAT(asked(), IsEmpty());
   EXPECT_EQ(log_.count("QoS"), 0);
+}
+
+TEST_F(UdpCalls, WithoutTheServicesLibraryItIsTheSame) {
+  g_system.no_qos_library = true;
+  open();
+  EXPECT_THAT(asked(), ElementsAre("report unreachable ports: 0"));
+  socket_.qos_set_peer(client());
+  EXPECT_EQ(streamed(), "video");
+  socket_.close();
+  EXPECT_THAT(asked(), IsEmpty());
+  EXPECT_EQ(log_.count("QoS"), 0);
+}
+
+TEST(QosLibrary, IsWholeOrNone) {
+  EXPECT_FALSE(load_qos(L"no-such-library.dll"));
+  EXPECT_FALSE(load_qos(L"kernel32.dll"));
+  EXPECT_TRUE(load_qos(L"qwave.dll"));  // of a PC; Wine has one that refuses every handle
 }
 
 // Whether this computer has it or not.
