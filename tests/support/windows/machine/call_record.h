@@ -9,6 +9,7 @@
 
 #include "control/windows/handles.h"
 #include "tests/support/windows/machine/system_calls.h"
+#include "tests/support/windows/recorded_calls.h"
 
 namespace call_record {
 
@@ -22,12 +23,5 @@ Fate tell(SystemCalls::Of kind, const std::string& name, const std::string& argu
 std::string hex(unsigned long value);
 std::string text(const wchar_t* wide);  // "none" for null
 std::string descriptor_of(const SECURITY_ATTRIBUTES* attributes);
-
-// The system's own, by the type of what stands for it here.
-template <class Function>
-Function* real(const wchar_t* library, const char* name, Function*) {
-  return reinterpret_cast<Function*>(
-      reinterpret_cast<void*>(GetProcAddress(LoadLibraryW(library), name)));
-}
 
 }  // namespace call_record

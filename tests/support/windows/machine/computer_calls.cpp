@@ -13,7 +13,7 @@ using Of = SystemCalls::Of;
 // Failing for want of room it asks for a thousand bytes more than it was given.
 ULONG WINAPI adapters(ULONG family, ULONG flags, void* reserved, IP_ADAPTER_ADDRESSES* list,
                       ULONG* bytes) {
-  static auto* const call = real(L"iphlpapi", "GetAdaptersAddresses", &adapters);
+  static auto* const call = system_function(L"iphlpapi", "GetAdaptersAddresses", &adapters);
   const Fate fate = tell(Of::Computer, "GetAdaptersAddresses",
                          "family " + std::to_string(family) + " flags " + hex(flags) + " bytes " +
                              std::to_string(*bytes));
@@ -25,7 +25,7 @@ ULONG WINAPI adapters(ULONG family, ULONG flags, void* reserved, IP_ADAPTER_ADDR
 
 // Answered, it starts something and gives no handle of it.
 BOOL WINAPI execute(SHELLEXECUTEINFOW* command) {
-  static auto* const call = real(L"shell32", "ShellExecuteExW", &execute);
+  static auto* const call = system_function(L"shell32", "ShellExecuteExW", &execute);
   const Fate fate =
       tell(Of::Computer, "ShellExecuteExW",
            text(command->lpVerb) + " " + text(command->lpFile) + " " + text(command->lpParameters) +
@@ -37,7 +37,7 @@ BOOL WINAPI execute(SHELLEXECUTEINFOW* command) {
 }
 
 NTSTATUS WINAPI random(BCRYPT_ALG_HANDLE algorithm, UCHAR* bytes, ULONG size, ULONG flags) {
-  static auto* const call = real(L"bcrypt", "BCryptGenRandom", &random);
+  static auto* const call = system_function(L"bcrypt", "BCryptGenRandom", &random);
   const Fate fate = tell(Of::Files, "BCryptGenRandom",
                          std::string(algorithm == nullptr ? "the system's" : "another's") +
                              " bytes " + std::to_string(size) + " flags " + hex(flags));
@@ -45,20 +45,20 @@ NTSTATUS WINAPI random(BCRYPT_ALG_HANDLE algorithm, UCHAR* bytes, ULONG size, UL
 }
 
 BOOL WINAPI full_name(COMPUTER_NAME_FORMAT kind, wchar_t* name, DWORD* size) {
-  static auto* const call = real(L"kernel32", "GetComputerNameExW", &full_name);
+  static auto* const call = system_function(L"kernel32", "GetComputerNameExW", &full_name);
   return tell(Of::Computer, "GetComputerNameExW", std::to_string(kind)).fails
              ? FALSE
              : call(kind, name, size);
 }
 
 BOOL WINAPI short_name(wchar_t* name, DWORD* size) {
-  static auto* const call = real(L"kernel32", "GetComputerNameW", &short_name);
+  static auto* const call = system_function(L"kernel32", "GetComputerNameW", &short_name);
   return tell(Of::Computer, "GetComputerNameW", "").fails ? FALSE : call(name, size);
 }
 
 // On failure it gives a null out.
 HRESULT WINAPI folder(const GUID& which, DWORD flags, HANDLE token, wchar_t** path) {
-  static auto* const call = real(L"shell32", "SHGetKnownFolderPath", &folder);
+  static auto* const call = system_function(L"shell32", "SHGetKnownFolderPath", &folder);
   const Fate fate = tell(Of::Computer, "SHGetKnownFolderPath",
                          "flags " + hex(flags) + (token == nullptr ? " own" : " another's"));
   if (!fate.fails) return call(which, flags, token, path);

@@ -19,7 +19,7 @@ std::string name_of(const wchar_t* path) {
 HANDLE WINAPI create_file(const wchar_t* path, DWORD access, DWORD share,
                           SECURITY_ATTRIBUTES* attributes, DWORD disposition, DWORD flags,
                           HANDLE pattern) {
-  static auto* const call = real(L"kernel32", "CreateFileW", &create_file);
+  static auto* const call = system_function(L"kernel32", "CreateFileW", &create_file);
   const Fate fate = tell(Of::Files, "CreateFileW",
                          name_of(path) + " access " + hex(access) + " share " + hex(share) + " " +
                              descriptor_of(attributes) + " disposition " + hex(disposition) +
@@ -30,7 +30,7 @@ HANDLE WINAPI create_file(const wchar_t* path, DWORD access, DWORD share,
 
 BOOL WINAPI write_file(HANDLE file, const void* bytes, DWORD size, DWORD* written,
                        OVERLAPPED* overlapped) {
-  static auto* const call = real(L"kernel32", "WriteFile", &write_file);
+  static auto* const call = system_function(L"kernel32", "WriteFile", &write_file);
   if (tell(Of::Files, "WriteFile", std::to_string(size)).fails) {
     *written = size - 1;
     return GetLastError() == ERROR_SUCCESS;
@@ -39,26 +39,26 @@ BOOL WINAPI write_file(HANDLE file, const void* bytes, DWORD size, DWORD* writte
 }
 
 BOOL WINAPI flush_file(HANDLE file) {
-  static auto* const call = real(L"kernel32", "FlushFileBuffers", &flush_file);
+  static auto* const call = system_function(L"kernel32", "FlushFileBuffers", &flush_file);
   return tell(Of::Files, "FlushFileBuffers", "").fails ? FALSE : call(file);
 }
 
 BOOL WINAPI move_file(const wchar_t* from, const wchar_t* to, DWORD flags) {
-  static auto* const call = real(L"kernel32", "MoveFileExW", &move_file);
+  static auto* const call = system_function(L"kernel32", "MoveFileExW", &move_file);
   const Fate fate =
       tell(Of::Files, "MoveFileExW", name_of(from) + " to " + name_of(to) + " flags " + hex(flags));
   return fate.fails ? FALSE : call(from, to, flags);
 }
 
 BOOL WINAPI delete_file(const wchar_t* path) {
-  static auto* const call = real(L"kernel32", "DeleteFileW", &delete_file);
+  static auto* const call = system_function(L"kernel32", "DeleteFileW", &delete_file);
   return tell(Of::Files, "DeleteFileW", name_of(path)).fails ? FALSE : call(path);
 }
 
 BOOL WINAPI protect_data(DATA_BLOB* in, const wchar_t* description, DATA_BLOB* entropy,
                          void* reserved, CRYPTPROTECT_PROMPTSTRUCT* prompt, DWORD flags,
                          DATA_BLOB* out) {
-  static auto* const call = real(L"crypt32", "CryptProtectData", &protect_data);
+  static auto* const call = system_function(L"crypt32", "CryptProtectData", &protect_data);
   const Fate fate = tell(Of::Files, "CryptProtectData",
                          text(description) + (entropy == nullptr ? " no entropy" : " entropy") +
                              " flags " + hex(flags));
@@ -67,7 +67,7 @@ BOOL WINAPI protect_data(DATA_BLOB* in, const wchar_t* description, DATA_BLOB* e
 
 BOOL WINAPI unprotect_data(DATA_BLOB* in, wchar_t** description, DATA_BLOB* entropy, void* reserved,
                            CRYPTPROTECT_PROMPTSTRUCT* prompt, DWORD flags, DATA_BLOB* out) {
-  static auto* const call = real(L"crypt32", "CryptUnprotectData", &unprotect_data);
+  static auto* const call = system_function(L"crypt32", "CryptUnprotectData", &unprotect_data);
   const Fate fate =
       tell(Of::Files, "CryptUnprotectData",
            (entropy == nullptr ? "no entropy" : "entropy") + std::string(" flags ") + hex(flags));

@@ -6,12 +6,13 @@ using namespace call_record;
 using Of = SystemCalls::Of;
 
 BOOL WINAPI library_directories(DWORD flags) {
-  static auto* const call = real(L"kernel32", "SetDefaultDllDirectories", &library_directories);
+  static auto* const call =
+      system_function(L"kernel32", "SetDefaultDllDirectories", &library_directories);
   return tell(Of::Process, "SetDefaultDllDirectories", hex(flags)).fails ? FALSE : call(flags);
 }
 
 HANDLE WINAPI create_mutex(SECURITY_ATTRIBUTES* attributes, BOOL owned, const wchar_t* name) {
-  static auto* const call = real(L"kernel32", "CreateMutexW", &create_mutex);
+  static auto* const call = system_function(L"kernel32", "CreateMutexW", &create_mutex);
   const Fate fate =
       tell(Of::Process, "CreateMutexW",
            text(name) + " owned " + std::to_string(owned) + " " + descriptor_of(attributes));
@@ -19,12 +20,13 @@ HANDLE WINAPI create_mutex(SECURITY_ATTRIBUTES* attributes, BOOL owned, const wc
 }
 
 BOOL WINAPI release_mutex(HANDLE mutex) {
-  static auto* const call = real(L"kernel32", "ReleaseMutex", &release_mutex);
+  static auto* const call = system_function(L"kernel32", "ReleaseMutex", &release_mutex);
   return tell(Of::Process, "ReleaseMutex", "").fails ? FALSE : call(mutex);
 }
 
 EXECUTION_STATE WINAPI execution_state(EXECUTION_STATE state) {
-  static auto* const call = real(L"kernel32", "SetThreadExecutionState", &execution_state);
+  static auto* const call =
+      system_function(L"kernel32", "SetThreadExecutionState", &execution_state);
   return tell(Of::Process, "SetThreadExecutionState", hex(state)).fails ? 0 : call(state);
 }
 

@@ -8,7 +8,7 @@ using namespace call_record;
 using Of = SystemCalls::Of;
 
 HANDLE WINAPI open_process(DWORD access, BOOL inherit, DWORD id) {
-  static auto* const call = real(L"kernel32", "OpenProcess", &open_process);
+  static auto* const call = system_function(L"kernel32", "OpenProcess", &open_process);
   const Fate fate = tell(
       Of::Trust, "OpenProcess",
       "access " + hex(access) + " inherit " + std::to_string(inherit) + " " + std::to_string(id));
@@ -16,7 +16,7 @@ HANDLE WINAPI open_process(DWORD access, BOOL inherit, DWORD id) {
 }
 
 BOOL WINAPI open_token(HANDLE process, DWORD access, HANDLE* token) {
-  static auto* const call = real(L"advapi32", "OpenProcessToken", &open_token);
+  static auto* const call = system_function(L"advapi32", "OpenProcessToken", &open_token);
   return tell(Of::Trust, "OpenProcessToken", "access " + hex(access)).fails
              ? FALSE
              : call(process, access, token);
@@ -24,7 +24,7 @@ BOOL WINAPI open_token(HANDLE process, DWORD access, HANDLE* token) {
 
 BOOL WINAPI token_information(HANDLE token, TOKEN_INFORMATION_CLASS what, void* value, DWORD size,
                               DWORD* needed) {
-  static auto* const call = real(L"advapi32", "GetTokenInformation", &token_information);
+  static auto* const call = system_function(L"advapi32", "GetTokenInformation", &token_information);
   const Fate fate = tell(Of::Trust, "GetTokenInformation", std::to_string(what));
   if (fate.fails) return FALSE;
   if (!fate.answer) return call(token, what, value, size, needed);
@@ -33,14 +33,14 @@ BOOL WINAPI token_information(HANDLE token, TOKEN_INFORMATION_CLASS what, void* 
 }
 
 BOOL WINAPI duplicate(HANDLE token, SECURITY_IMPERSONATION_LEVEL level, HANDLE* copy) {
-  static auto* const call = real(L"advapi32", "DuplicateToken", &duplicate);
+  static auto* const call = system_function(L"advapi32", "DuplicateToken", &duplicate);
   return tell(Of::Trust, "DuplicateToken", "level " + std::to_string(level)).fails
              ? FALSE
              : call(token, level, copy);
 }
 
 BOOL WINAPI is_member(HANDLE token, PSID sid, BOOL* member) {
-  static auto* const call = real(L"advapi32", "CheckTokenMembership", &is_member);
+  static auto* const call = system_function(L"advapi32", "CheckTokenMembership", &is_member);
   const bool administrators = IsWellKnownSid(sid, WinBuiltinAdministratorsSid) != FALSE;
   const Fate fate =
       tell(Of::Trust, "CheckTokenMembership", administrators ? "administrators" : "others");
@@ -52,7 +52,7 @@ BOOL WINAPI is_member(HANDLE token, PSID sid, BOOL* member) {
 
 BOOL WINAPI adjust(HANDLE token, BOOL none, TOKEN_PRIVILEGES* wanted, DWORD size,
                    TOKEN_PRIVILEGES* former, DWORD* needed) {
-  static auto* const call = real(L"advapi32", "AdjustTokenPrivileges", &adjust);
+  static auto* const call = system_function(L"advapi32", "AdjustTokenPrivileges", &adjust);
   const Fate fate = tell(Of::Trust, "AdjustTokenPrivileges",
                          "count " + std::to_string(wanted->PrivilegeCount) + " attributes " +
                              hex(wanted->Privileges[0].Attributes) + " last error " +
@@ -63,7 +63,7 @@ BOOL WINAPI adjust(HANDLE token, BOOL none, TOKEN_PRIVILEGES* wanted, DWORD size
 DWORD WINAPI path_security(const wchar_t* path, SE_OBJECT_TYPE type, SECURITY_INFORMATION what,
                            PSID* owner, PSID* group, PACL* list, PACL* audit,
                            PSECURITY_DESCRIPTOR* descriptor) {
-  static auto* const call = real(L"advapi32", "GetNamedSecurityInfoW", &path_security);
+  static auto* const call = system_function(L"advapi32", "GetNamedSecurityInfoW", &path_security);
   const Fate fate =
       tell(Of::Trust, "GetNamedSecurityInfoW",
            text(path) + " type " + std::to_string(type) + " information " + hex(what));
@@ -72,13 +72,13 @@ DWORD WINAPI path_security(const wchar_t* path, SE_OBJECT_TYPE type, SECURITY_IN
 }
 
 DWORD WINAPI attributes_of(const wchar_t* path) {
-  static auto* const call = real(L"kernel32", "GetFileAttributesW", &attributes_of);
+  static auto* const call = system_function(L"kernel32", "GetFileAttributesW", &attributes_of);
   const Fate fate = tell(Of::Trust, "GetFileAttributesW", text(path));
   return fate.fails ? INVALID_FILE_ATTRIBUTES : fate.answer ? *fate.answer : call(path);
 }
 
 BOOL WINAPI create_directory(const wchar_t* path, SECURITY_ATTRIBUTES* attributes) {
-  static auto* const call = real(L"kernel32", "CreateDirectoryW", &create_directory);
+  static auto* const call = system_function(L"kernel32", "CreateDirectoryW", &create_directory);
   return tell(Of::Trust, "CreateDirectoryW", descriptor_of(attributes)).fails
              ? FALSE
              : call(path, attributes);
