@@ -27,10 +27,6 @@ using other_program::UNICODE_TEXT;
 
 constexpr char TOO_BUSY_TO_READ[] = "clipboard: could not open the clipboard to read a change";
 
-std::string text_of(const Bytes& bytes) {
-  return {bytes.begin(), bytes.end()};
-}
-
 // The real one, whose listener can be stopped between hearing of a change and looking at it.
 class GatedClipboard final : public ClipboardAccess {
  public:
