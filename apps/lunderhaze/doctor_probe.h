@@ -7,6 +7,8 @@
 
 DisplayFacts probe_display(const Platform& platform);
 CaptureFacts probe_capture(const DisplayInfo& display);
+// Nothing where the platform never captures on the graphics card.
+std::optional<GraphicsFacts> probe_graphics(const DisplayInfo& display);
 EncoderFacts probe_encoder();
 InputFacts probe_input(const Platform& platform);
 ClipboardFacts probe_clipboard();
