@@ -2,7 +2,6 @@
 
 #include <chrono>
 #include <cstdio>
-#include <cstdlib>
 #include <functional>
 #include <future>
 #include <memory>
@@ -177,7 +176,6 @@ ExitStatus doctor_command(const Arguments& args) {
   say(json ? findings_json(result.findings, result.port) : findings_text(result.findings));
   const ExitStatus status = has_problem(result.findings) ? EXIT_PROBLEM : EXIT_OK;
   if (!result.something_hangs) return status;
-  // Not by way of destructors that the threads left behind may still need.
   std::fflush(stdout);
-  std::_Exit(status);
+  doctor_platform::end_at_once(status);
 }

@@ -38,4 +38,7 @@ Ownership ownership(const std::filesystem::path& directory);
 StoreAdvice store_advice(const std::filesystem::path& directory);
 bool may_be_made(const std::filesystem::path& directory);  // one that isn't there
 
+// Ends the process as it stands: what hangs may have what destructors need.
+[[noreturn]] void end_at_once(int status);
+
 }  // namespace doctor_platform
