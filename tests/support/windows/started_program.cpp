@@ -2,10 +2,15 @@
 
 #include <filesystem>
 
-#include "control/sysinfo.h"
 #include "tests/support/windows/system_token.h"
 
 namespace {
+
+std::filesystem::path own_directory() {
+  wchar_t path[MAX_PATH];
+  GetModuleFileNameW(nullptr, path, MAX_PATH);
+  return std::filesystem::path(path).parent_path();
+}
 
 Handle token_for(As as) {
   switch (as) {
@@ -33,7 +38,7 @@ StartedProgram::StartedProgram(const std::wstring& command, As as, const Standar
     startup.hStdError = streams.error != nullptr ? streams.error : GetStdHandle(STD_ERROR_HANDLE);
   }
   const std::size_t end_of_name = command.find(L' ');
-  const std::filesystem::path program = exe_path().parent_path() / command.substr(0, end_of_name);
+  const std::filesystem::path program = own_directory() / command.substr(0, end_of_name);
   std::wstring line = L'"' + program.native() + L'"';
   if (end_of_name != command.npos) line += command.substr(end_of_name);
   PROCESS_INFORMATION made{};
