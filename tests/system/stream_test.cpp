@@ -93,8 +93,8 @@ TEST_F(StreamTest, AStillScreenSendsNoFramesAndCostsNextToNothing) {
   ASSERT_TRUE(receiver.wait_for_output("\x01", seconds(5)) == false);  // five seconds of stillness
   const double lasted =
       std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count();
-  // Pings and statistics are answered all the while; a hundredth of a core and the clock's tick.
-  EXPECT_LT((host_->processor_seconds() - before) / lasted, 0.01 + 0.01);
+  // Pings and statistics are answered all the while.
+  EXPECT_LT((host_->processor_seconds() - before) / lasted, 0.02);
   EXPECT_NE(receiver.output().find("  0.0 fps", said), std::string::npos) << receiver.output();
   receiver.signal(SIGINT);
   EXPECT_EQ(receiver.wait(seconds(20)), 0);

@@ -10,7 +10,6 @@
 #include <algorithm>
 #include <atomic>
 #include <cstdio>
-#include <fstream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -66,13 +65,6 @@ class BareLoop {
   std::thread thread_;
 };
 
-// proc(5): the first number is the time on a processor, in nanoseconds.
-double processor_seconds(pid_t pid) {
-  double ns = 0;
-  std::ifstream("/proc/" + std::to_string(pid) + "/schedstat") >> ns;
-  return ns * 1e-9;
-}
-
 // From one socket by way of `through` to the other, a burst at a time, each received before the
 // next. How many arrived.
 int stream(const LoopbackSocket& from, const lund_rv_endpoint& through, const LoopbackSocket& to) {
@@ -118,9 +110,9 @@ int main() {
   std::vector<double> server_us, bare_us;
   bool complete = true;
   for (int round = 0; round < ROUNDS; ++round) {
-    double start = processor_seconds(server.process().pid());
+    double start = server.process().processor_seconds();
     const int relayed = stream(client.socket, server.address(), host.socket);
-    server_us.push_back((processor_seconds(server.process().pid()) - start) * 1e6 / relayed);
+    server_us.push_back((server.process().processor_seconds() - start) * 1e6 / relayed);
     start = bare.processor_seconds();
     const int moved = stream(bare_from, bare_socket.address(), bare_to);
     bare_us.push_back((bare.processor_seconds() - start) * 1e6 / moved);
