@@ -6,6 +6,7 @@
 #include "tests/streams/fake_sound_endpoints.h"
 #include "tests/support/temp_directory.h"
 #include "tests/support/temporary_store.h"
+#include "tests/support/text_content.h"
 #include "tests/support/virtual_time.h"
 
 using testing::ElementsAre;

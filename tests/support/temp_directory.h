@@ -34,13 +34,6 @@ inline std::string file_content(const std::filesystem::path& path) {
   return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
 }
 
-// Whichever way the system ends lines.
-inline std::string text_content(const std::filesystem::path& path) {
-  std::string text = file_content(path);
-  std::erase(text, '\r');
-  return text;
-}
-
 inline void write_file(const std::filesystem::path& path, const std::string& content) {
   std::ofstream file(path, std::ios::binary | std::ios::trunc);
   file.write(content.data(), static_cast<std::streamsize>(content.size()));

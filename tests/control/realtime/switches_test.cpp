@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include "tests/support/temp_directory.h"
+#include "tests/support/text_content.h"
 
 namespace {
 
