@@ -3,6 +3,8 @@
 
 #include "control/windows/handles.h"
 #include "streams/audio_source.h"
+// After what handles.h includes.
+#include <avrt.h>
 
 using testing::ElementsAre;
 
@@ -14,26 +16,24 @@ bool refuses = false;
 
 int task;  // what its handle is the address of
 
-HANDLE WINAPI join(const wchar_t* name, DWORD* index) {
+}  // namespace
+
+// The linker takes these ahead of the import library's.
+extern "C" {
+
+HANDLE WINAPI AvSetMmThreadCharacteristicsW(const wchar_t* name, DWORD* index) {
   if (!calls) return nullptr;
   EXPECT_EQ(*index, 0u);
   calls->push_back(name == std::wstring(L"Audio") ? "join Audio" : "join another class");
   return refuses ? nullptr : &task;
 }
 
-BOOL WINAPI leave(HANDLE joined) {
+BOOL WINAPI AvRevertMmThreadCharacteristics(HANDLE joined) {
   if (calls) calls->push_back(joined == &task ? "leave" : "leave what was not joined");
   return TRUE;
 }
 
-}  // namespace
-
-// The places through which a call into the DLL goes: the linker takes these ahead of those of the
-// import library.
-extern "C" {
-decltype(&join) __imp_AvSetMmThreadCharacteristicsW = join;
-decltype(&leave) __imp_AvRevertMmThreadCharacteristics = leave;
-}
+}  // extern "C"
 
 namespace {
 
