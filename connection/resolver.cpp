@@ -1,16 +1,13 @@
 #include "connection/resolver.h"
 
 #include <algorithm>
-#include <chrono>
-#include <condition_variable>
 #include <cstring>
 #include <memory>
 #include <mutex>
-#include <system_error>
-#include <thread>
 
 #include "connection/clock.h"
 #include "connection/resolver_internal.h"
+#include "resolver_thread.h"
 
 namespace {
 
@@ -76,8 +73,7 @@ struct lund_resolver : std::enable_shared_from_this<lund_resolver> {
   const ResolverLookup lookup;
   const ResolverSink sink;
 
-  std::mutex lock;
-  std::condition_variable wake;
+  SleepLock lock;
   bool stopped = false;  // lock
 };
 
@@ -86,7 +82,7 @@ void lund_resolver::run() {
   while (!stopped) {
     ResolverSchedule::Name* name = schedule.due(lund_now_us());
     if (name == nullptr) {
-      wake.wait_for(held, std::chrono::milliseconds(schedule.wait_ms(lund_now_us())));
+      lock.sleep(static_cast<std::uint32_t>(schedule.wait_ms(lund_now_us())));
       continue;
     }
     held.unlock();
@@ -104,12 +100,7 @@ lund_resolver* resolver_start(const lund_relay_config& relays, ResolverLookup lo
   const ResolverSchedule schedule(relays, lund_now_us(), periods);
   if (schedule.count() == 0) return nullptr;
   auto resolver = std::make_shared<lund_resolver>(schedule, std::move(lookup), std::move(sink));
-  try {
-    std::thread([resolver] { resolver->run(); }).detach();
-  } catch (const std::system_error&) {
-    return nullptr;
-  }
-  return resolver.get();
+  return start_detached([resolver] { resolver->run(); }) ? resolver.get() : nullptr;
 }
 
 lund_resolver* lund_resolver_start_host(lund_host* host, const lund_relay_config* relays) {
@@ -133,5 +124,5 @@ void lund_resolver_stop(lund_resolver* resolver) {
   const std::shared_ptr<lund_resolver> keep = resolver->shared_from_this();
   std::scoped_lock held(resolver->lock);
   resolver->stopped = true;
-  resolver->wake.notify_one();
+  resolver->lock.wake();
 }

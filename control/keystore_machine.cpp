@@ -1,6 +1,6 @@
 // The machine store: a directory that only the system may reach, whose every anomaly is fatal.
 #include <exception>
-#include <system_error>
+#include <vector>
 
 #include "control/ipc_protocol.h"
 #include "control/keystore.h"
@@ -20,13 +20,12 @@ void make_directories(const std::filesystem::path& directory) {
 }
 
 void check_entries(const std::filesystem::path& directory) {
-  std::error_code error;
+  std::vector<std::filesystem::path> entries;
+  if (!store_platform::list_directory(directory, &entries))
+    fatal("machine directory enumeration failed");
   bool all_private = true;
-  for (std::filesystem::directory_iterator entry(directory, error), end; !error && entry != end;
-       entry.increment(error)) {
-    all_private = host_service::protected_path(entry->path(), true) && all_private;
-  }
-  if (error) fatal("machine directory enumeration failed");
+  for (const std::filesystem::path& entry : entries)
+    all_private = host_service::protected_path(entry, true) && all_private;
   if (!all_private) fatal("machine file protection invalid");
 }
 

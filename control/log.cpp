@@ -5,7 +5,6 @@
 #include <cstdio>
 #include <mutex>
 
-#include "connection/clock.h"
 #include "control/keystore.h"
 #include "control/log_format.h"
 #include "control/log_platform.h"
@@ -81,7 +80,7 @@ void print(const platform::LocalTime& time, Console style, const char* message) 
 }
 
 void write_line_locked(Log& log, Console style, const char* message) {
-  const platform::LocalTime time = platform::local_time(lund_wall_us());
+  const platform::LocalTime time = platform::local_time();
   if (log.console) print(time, style, message);
   if (log.file == platform::NO_FILE) return;
   char line[LOG_LINE_BYTES];

@@ -20,7 +20,7 @@ inline constexpr File NO_FILE = -1;
 
 extern const char* const NAME;  // of the platform, for the banner
 
-LocalTime local_time(std::uint64_t wall_us);
+LocalTime local_time();
 unsigned long process_id();
 
 // The user's own place for logs, created if missing; empty when there is none.

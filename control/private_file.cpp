@@ -1,7 +1,5 @@
 #include "control/private_file.h"
 
-#include <system_error>
-
 #include "connection/secure.h"
 #include "control/keystore.h"
 #include "control/security.h"
@@ -21,17 +19,10 @@ std::filesystem::path temporary_beside(const std::filesystem::path& path) {
   return temporary;
 }
 
-using std::filesystem::file_type;
 using store_platform::Read;
 
 bool is_machine() {
   return keystore::hostStoreScope() == keystore::Machine;
-}
-
-// A link counts as itself; none when it can't be told.
-file_type type_of(const std::filesystem::path& path) {
-  std::error_code ignored;
-  return std::filesystem::symlink_status(path, ignored).type();
 }
 
 bool may_write(const std::filesystem::path& path) {
@@ -43,7 +34,7 @@ bool may_write(const std::filesystem::path& path) {
 }  // namespace
 
 bool trusted_or_absent(const std::filesystem::path& path) {
-  return !is_machine() || type_of(path) == file_type::not_found ||
+  return !is_machine() || store_platform::is_absent(path) ||
          host_service::protected_path(path, true);
 }
 

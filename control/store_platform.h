@@ -6,6 +6,7 @@
 #include <filesystem>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "control/keystore.h"
 
@@ -15,6 +16,13 @@ std::filesystem::path user_store_directory();     // empty when the user has non
 std::filesystem::path machine_store_directory();  // empty when the system has no place for it
 extern const char* const NO_MACHINE_DIRECTORY;    // what is said then
 bool make_directory(const std::filesystem::path& directory);  // for the user alone
+
+// All that a directory holds; false when it can't be told whole.
+bool list_directory(const std::filesystem::path& directory,
+                    std::vector<std::filesystem::path>* entries);
+
+// There is nothing by that name, not even a link that leads nowhere. False when it can't be told.
+bool is_absent(const std::filesystem::path& path);
 
 enum class Read { Ok, Missing, Failed };
 

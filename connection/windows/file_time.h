@@ -15,9 +15,3 @@ inline constexpr std::uint64_t FILETIME_TO_UNIX_US = 11'644'473'600'000'000;
 inline std::uint64_t ticks_of(const FILETIME& time) {
   return std::uint64_t{time.dwHighDateTime} << 32 | time.dwLowDateTime;
 }
-
-// From microseconds since 1970.
-inline FILETIME file_time_of(std::uint64_t unix_us) {
-  const std::uint64_t ticks = (unix_us + FILETIME_TO_UNIX_US) * FILETIME_TICKS_PER_US;
-  return {static_cast<DWORD>(ticks), static_cast<DWORD>(ticks >> 32)};
-}

@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <ctime>
 
+#include "connection/clock.h"
 #include "control/linux/descriptor.h"
 #include "control/linux/user_directories.h"
 #include "control/log_platform.h"
@@ -14,7 +15,8 @@ namespace log_platform {
 
 const char* const NAME = "Linux";
 
-LocalTime local_time(std::uint64_t wall_us) {
+LocalTime local_time() {
+  const std::uint64_t wall_us = lund_wall_us();
   const auto seconds = static_cast<time_t>(wall_us / 1'000'000);
   tm parts{};
   localtime_r(&seconds, &parts);

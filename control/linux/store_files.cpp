@@ -4,6 +4,7 @@
 
 #include <cerrno>
 #include <cstdio>
+#include <system_error>
 
 #include "control/linux/descriptor.h"
 #include "control/linux/user_directories.h"
@@ -59,6 +60,21 @@ std::filesystem::path machine_store_directory() {
 
 bool make_directory(const std::filesystem::path& directory) {
   return make_private_directories(directory);
+}
+
+bool list_directory(const std::filesystem::path& directory,
+                    std::vector<std::filesystem::path>* entries) {
+  entries->clear();
+  std::error_code error;
+  for (std::filesystem::directory_iterator entry(directory, error), end; !error && entry != end;
+       entry.increment(error))
+    entries->push_back(entry->path());
+  return !error;
+}
+
+bool is_absent(const std::filesystem::path& path) {
+  struct stat status {};
+  return lstat(path.c_str(), &status) != 0 && (errno == ENOENT || errno == ENOTDIR);
 }
 
 // Non-blocking, since a pipe in the file's place would hold the caller up.

@@ -1,4 +1,3 @@
-#include "connection/windows/file_time.h"
 #include "control/log_platform.h"
 #include "control/windows/known_folder.h"
 #include "control/windows/store_attributes.h"
@@ -22,13 +21,9 @@ bool is_link(HANDLE file) {
 
 const char* const NAME = "Windows";
 
-// With the zone's rules for that time, as GetLocalTime has them for now.
-LocalTime local_time(std::uint64_t wall_us) {
-  const FILETIME time = file_time_of(wall_us);
-  SYSTEMTIME utc;
+LocalTime local_time() {
   SYSTEMTIME local;
-  if (!FileTimeToSystemTime(&time, &utc) || !SystemTimeToTzSpecificLocalTime(nullptr, &utc, &local))
-    GetLocalTime(&local);
+  GetLocalTime(&local);
   return {local.wYear,   local.wMonth,  local.wDay,         local.wHour,
           local.wMinute, local.wSecond, local.wMilliseconds};
 }

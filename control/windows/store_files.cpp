@@ -76,6 +76,24 @@ bool make_directory(const std::filesystem::path& directory) {
   return names_directory(directory);
 }
 
+bool list_directory(const std::filesystem::path& directory,
+                    std::vector<std::filesystem::path>* entries) {
+  entries->clear();
+  WIN32_FIND_DATAW found;
+  const HANDLE first = FindFirstFileW((directory / L"*").c_str(), &found);
+  if (first == INVALID_HANDLE_VALUE) return GetLastError() == ERROR_FILE_NOT_FOUND;
+  const Owned<NullableKind<HANDLE, FindClose>> listing(first);
+  do {
+    const std::wstring_view name = found.cFileName;
+    if (name != L"." && name != L"..") entries->push_back(directory / name);
+  } while (FindNextFileW(listing.get(), &found));
+  return GetLastError() == ERROR_NO_MORE_FILES;
+}
+
+bool is_absent(const std::filesystem::path& path) {
+  return GetFileAttributesW(path.c_str()) == INVALID_FILE_ATTRIBUTES && is_missing(GetLastError());
+}
+
 Read read_file(const std::filesystem::path& path, std::size_t limit_bytes, std::string* bytes) {
   bytes->clear();
   const std::shared_lock lock(replacing());

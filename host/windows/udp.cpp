@@ -65,7 +65,8 @@ LPFN_WSARECVMSG receive_function(SOCKET socket) {
 QosHandle open_qos() {
   QOS_VERSION version{1, 0};
   HANDLE opened = nullptr;
-  return QosHandle(QOSCreateHandle(&version, &opened) ? opened : nullptr);
+  const QosCalls& qos = system_qos();
+  return QosHandle(qos && qos.create_handle(&version, &opened) ? opened : nullptr);
 }
 
 // A message with one buffer, and room for control data.
@@ -315,16 +316,17 @@ UdpSocket::Impl::Mark UdpSocket::Impl::start_flow(sockaddr_in peer, DWORD* error
   end_flow();
   const SOCKET socket = handle;
   if (socket == INVALID_SOCKET || !qos_handle) return Mark::None;
+  const QosCalls& qos = system_qos();
   QOS_FLOWID flow = 0;  // says: a new one
-  if (!QOSAddSocketToFlow(qos_handle.get(), socket, reinterpret_cast<sockaddr*>(&peer),
-                          QOSTrafficTypeAudioVideo, QOS_NON_ADAPTIVE_FLOW, &flow)) {
+  if (!qos.add_socket_to_flow(qos_handle.get(), socket, reinterpret_cast<sockaddr*>(&peer),
+                              QOSTrafficTypeAudioVideo, QOS_NON_ADAPTIVE_FLOW, &flow)) {
     *error = GetLastError();
     return Mark::Unmarked;
   }
   qos_flow = flow;
   DWORD dscp = DSCP_EF;
-  const BOOL set =
-      QOSSetFlow(qos_handle.get(), flow, QOSSetOutgoingDSCPValue, sizeof(dscp), &dscp, 0, nullptr);
+  const BOOL set = qos.set_flow(qos_handle.get(), flow, QOSSetOutgoingDSCPValue, sizeof(dscp),
+                                &dscp, 0, nullptr);
   return set ? Mark::Ef : Mark::TrafficClass;
 }
 
@@ -337,5 +339,5 @@ void UdpSocket::Impl::end_flow() {
   const SOCKET socket = handle;
   const QOS_FLOWID flow = std::exchange(qos_flow, 0);
   if (qos_handle && flow != 0 && socket != INVALID_SOCKET)
-    QOSRemoveSocketFromFlow(qos_handle.get(), socket, flow, 0);
+    system_qos().remove_socket_from_flow(qos_handle.get(), socket, flow, 0);
 }

@@ -5,7 +5,6 @@
 #include <cstdlib>
 #include <string>
 
-#include "connection/clock.h"
 #include "control/keystore_internal.h"
 #include "control/log.h"
 #include "control/log_platform.h"
@@ -98,7 +97,7 @@ unsigned long long time_of(const SYSTEMTIME& time) {
 TEST_F(WindowsLog, TheTimeIsTheComputersLocalTime) {
   SYSTEMTIME before, after;
   GetLocalTime(&before);
-  const log_platform::LocalTime now = log_platform::local_time(lund_wall_us());
+  const log_platform::LocalTime now = log_platform::local_time();
   GetLocalTime(&after);
   const auto word = [](unsigned value) { return static_cast<WORD>(value); };
   const SYSTEMTIME between{word(now.year),   word(now.month),      0,

@@ -18,6 +18,7 @@
 
 #include "host/udp.h"
 #include "tests/support/captured_log.h"
+#include "tests/support/windows/recorded_calls.h"
 
 using testing::ElementsAre;
 using testing::IsEmpty;
@@ -34,6 +35,7 @@ struct System {
   DWORD add_error = 0;
   bool mark_refused = false;
   QOS_FLOWID next_flow = 7;
+  std::atomic<bool> no_qos_library{false};
   std::atomic<bool> source_refused{false};
   std::atomic<bool> no_receive_function{false};
   std::vector<std::string> calls;
@@ -43,19 +45,13 @@ struct System {
     qos = qos_absent = mark_refused = false;
     add_error = 0;
     next_flow = 7;
-    source_refused = no_receive_function = false;
+    no_qos_library = source_refused = no_receive_function = false;
     calls.clear();
     control.clear();
   }
 };
 System g_system;
 std::mutex g_mutex;  // of all but the atomic ones
-
-template <typename Function>
-Function real(const wchar_t* library, const char* name) {
-  return reinterpret_cast<Function>(
-      reinterpret_cast<void*>(GetProcAddress(LoadLibraryW(library), name)));
-}
 
 std::string text(const sockaddr* address) {
   lund_rv_endpoint endpoint;
@@ -67,61 +63,68 @@ std::string text(const sockaddr* address) {
 
 }  // namespace
 
-extern "C" {
+// The system's own, where there is one.
+static const QosCalls& own_qos() {
+  static const QosCalls calls = load_qos(L"qwave.dll");
+  return calls;
+}
 
-WINBOOL WINAPI QOSCreateHandle(PQOS_VERSION version, PHANDLE handle) {
+static WINBOOL WINAPI create_handle(PQOS_VERSION version, PHANDLE handle) {
   const std::scoped_lock lock(g_mutex);
   g_system.calls.push_back("create " + std::to_string(version->MajorVersion) + "." +
                            std::to_string(version->MinorVersion));
   if (g_system.qos_absent) return FALSE;
-  if (!g_system.qos)
-    return real<decltype(&QOSCreateHandle)>(L"qwave.dll", "QOSCreateHandle")(version, handle);
+  if (!g_system.qos) return own_qos() && own_qos().create_handle(version, handle);
   *handle = SERVICE;
   return TRUE;
 }
 
-WINBOOL WINAPI QOSCloseHandle(HANDLE handle) {
+static WINBOOL WINAPI close_handle(HANDLE handle) {
   const std::scoped_lock lock(g_mutex);
   g_system.calls.emplace_back("close");
-  if (handle == SERVICE) return TRUE;
-  return real<decltype(&QOSCloseHandle)>(L"qwave.dll", "QOSCloseHandle")(handle);
+  return handle == SERVICE || own_qos().close_handle(handle);
 }
 
-WINBOOL WINAPI QOSAddSocketToFlow(HANDLE handle, SOCKET socket, PSOCKADDR to, QOS_TRAFFIC_TYPE type,
-                                  DWORD flags, PQOS_FLOWID flow) {
+static WINBOOL WINAPI add_socket_to_flow(HANDLE handle, SOCKET socket, PSOCKADDR to,
+                                         QOS_TRAFFIC_TYPE type, DWORD flags, PQOS_FLOWID flow) {
   const std::scoped_lock lock(g_mutex);
   g_system.calls.push_back("add " + text(to) + " type " + std::to_string(type) + " flags " +
                            std::to_string(flags) + " to " + std::to_string(*flow));
-  if (handle != SERVICE)
-    return real<decltype(&QOSAddSocketToFlow)>(L"qwave.dll", "QOSAddSocketToFlow")(
-        handle, socket, to, type, flags, flow);
+  if (handle != SERVICE) return own_qos().add_socket_to_flow(handle, socket, to, type, flags, flow);
   SetLastError(g_system.add_error);
   if (g_system.add_error != 0) return FALSE;
   *flow = g_system.next_flow++;
   return TRUE;
 }
 
-WINBOOL WINAPI QOSSetFlow(HANDLE handle, QOS_FLOWID flow, QOS_SET_FLOW operation, ULONG size,
-                          PVOID buffer, DWORD flags, LPOVERLAPPED overlapped) {
+static WINBOOL WINAPI set_flow(HANDLE handle, QOS_FLOWID flow, QOS_SET_FLOW operation, ULONG size,
+                               PVOID buffer, DWORD flags, LPOVERLAPPED overlapped) {
   const std::scoped_lock lock(g_mutex);
   DWORD value = 0;
   if (size == sizeof value) std::memcpy(&value, buffer, size);
   g_system.calls.push_back("set " + std::to_string(flow) + " operation " +
                            std::to_string(operation) + " value " + std::to_string(value));
   if (handle != SERVICE)
-    return real<decltype(&QOSSetFlow)>(L"qwave.dll", "QOSSetFlow")(handle, flow, operation, size,
-                                                                   buffer, flags, overlapped);
+    return own_qos().set_flow(handle, flow, operation, size, buffer, flags, overlapped);
   if (g_system.mark_refused) SetLastError(ERROR_ACCESS_DISABLED_BY_POLICY);
   return !g_system.mark_refused;
 }
 
-WINBOOL WINAPI QOSRemoveSocketFromFlow(HANDLE handle, SOCKET socket, QOS_FLOWID flow, DWORD flags) {
+static WINBOOL WINAPI remove_socket_from_flow(HANDLE handle, SOCKET socket, QOS_FLOWID flow,
+                                              DWORD flags) {
   const std::scoped_lock lock(g_mutex);
   g_system.calls.push_back("remove " + std::to_string(flow) + " flags " + std::to_string(flags));
-  if (handle == SERVICE) return TRUE;
-  return real<decltype(&QOSRemoveSocketFromFlow)>(L"qwave.dll", "QOSRemoveSocketFromFlow")(
-      handle, socket, flow, flags);
+  return handle == SERVICE || own_qos().remove_socket_from_flow(handle, socket, flow, flags);
 }
+
+const QosCalls& system_qos() {
+  static const QosCalls recorded{create_handle, close_handle, add_socket_to_flow,
+                                 remove_socket_from_flow, set_flow};
+  static const QosCalls none;
+  return g_system.no_qos_library ? none : recorded;
+}
+
+extern "C" {
 
 int WSAAPI WSASendMsg(SOCKET socket, LPWSAMSG message, DWORD flags, LPDWORD sent,
                       LPWSAOVERLAPPED overlapped, LPWSAOVERLAPPED_COMPLETION_ROUTINE routine) {
@@ -133,13 +136,58 @@ int WSAAPI WSASendMsg(SOCKET socket, LPWSAMSG message, DWORD flags, LPDWORD sent
     WSASetLastError(WSAEADDRNOTAVAIL);
     return SOCKET_ERROR;
   }
-  static const auto pass = real<decltype(&WSASendMsg)>(L"ws2_32.dll", "WSASendMsg");
+  static const auto pass = system_function(L"ws2_32.dll", "WSASendMsg", &WSASendMsg);
   return pass(socket, message, flags, sent, overlapped, routine);
+}
+
+static int WSAAPI recorded_startup(WORD version, WSADATA* data) {
+  if (RecordedCalls::refuse("WSAStartup " + std::to_string(version))) return WSAENOBUFS;
+  return system_function(L"ws2_32.dll", "WSAStartup", &WSAStartup)(version, data);
+}
+
+static int WSAAPI recorded_cleanup() {
+  RecordedCalls::refuse("WSACleanup");
+  return system_function(L"ws2_32.dll", "WSACleanup", &WSACleanup)();
+}
+
+static SOCKET WSAAPI recorded_socket(int family, int type, int protocol) {
+  if (RecordedCalls::refuse("socket " + std::to_string(family) + " " + std::to_string(type) + " " +
+                            std::to_string(protocol)))
+    return INVALID_SOCKET;
+  static const auto pass = system_function(L"ws2_32.dll", "socket", &socket);
+  return pass(family, type, protocol);
+}
+
+static int WSAAPI recorded_option(SOCKET socket, int level, int option, const char* bytes,
+                                  int size) {
+  int value = -1;
+  if (size == sizeof value) std::memcpy(&value, bytes, sizeof value);
+  if (RecordedCalls::refuse("option " + std::to_string(level) + "/" + std::to_string(option) + " " +
+                            std::to_string(value)))
+    return SOCKET_ERROR;
+  static const auto pass = system_function(L"ws2_32.dll", "setsockopt", &setsockopt);
+  return pass(socket, level, option, bytes, size);
+}
+
+static int WSAAPI recorded_bind(SOCKET socket, const sockaddr* name, int size) {
+  if (RecordedCalls::refuse("bind " + text(name))) return SOCKET_ERROR;
+  static const auto pass = system_function(L"ws2_32.dll", "bind", &bind);
+  return pass(socket, name, size);
+}
+
+static int WSAAPI recorded_close(SOCKET socket) {
+  RecordedCalls::refuse("closesocket");
+  static const auto pass = system_function(L"ws2_32.dll", "closesocket", &closesocket);
+  return pass(socket);
 }
 
 static int WSAAPI recorded_ioctl(SOCKET socket, DWORD code, LPVOID in, DWORD in_size, LPVOID out,
                                  DWORD out_size, LPDWORD returned, LPWSAOVERLAPPED overlapped,
                                  LPWSAOVERLAPPED_COMPLETION_ROUTINE routine) {
+  if (RecordedCalls::refuse(code == SIO_UDP_CONNRESET ? "report unreachable ports"
+                            : code == SIO_GET_EXTENSION_FUNCTION_POINTER ? "receive function"
+                                                                         : "control"))
+    return SOCKET_ERROR;
   if (code == SIO_UDP_CONNRESET) {
     const std::scoped_lock lock(g_mutex);
     BOOL report = TRUE;
@@ -150,11 +198,23 @@ static int WSAAPI recorded_ioctl(SOCKET socket, DWORD code, LPVOID in, DWORD in_
     WSASetLastError(WSAEINVAL);
     return SOCKET_ERROR;
   }
-  static const auto pass = real<decltype(&WSAIoctl)>(L"ws2_32.dll", "WSAIoctl");
+  static const auto pass = system_function(L"ws2_32.dll", "WSAIoctl", &WSAIoctl);
   return pass(socket, code, in, in_size, out, out_size, returned, overlapped, routine);
 }
 
-// The header has this one imported, so callers go through the table of imports.
+// The header has these imported, so callers go through the table of imports.
+extern decltype(&recorded_startup) g_import_of_startup __asm__("__imp_WSAStartup");
+decltype(&recorded_startup) g_import_of_startup = recorded_startup;
+extern decltype(&recorded_cleanup) g_import_of_cleanup __asm__("__imp_WSACleanup");
+decltype(&recorded_cleanup) g_import_of_cleanup = recorded_cleanup;
+extern decltype(&recorded_socket) g_import_of_socket __asm__("__imp_socket");
+decltype(&recorded_socket) g_import_of_socket = recorded_socket;
+extern decltype(&recorded_option) g_import_of_option __asm__("__imp_setsockopt");
+decltype(&recorded_option) g_import_of_option = recorded_option;
+extern decltype(&recorded_bind) g_import_of_bind __asm__("__imp_bind");
+decltype(&recorded_bind) g_import_of_bind = recorded_bind;
+extern decltype(&recorded_close) g_import_of_close __asm__("__imp_closesocket");
+decltype(&recorded_close) g_import_of_close = recorded_close;
 extern decltype(&recorded_ioctl) g_import_of_ioctl __asm__("__imp_WSAIoctl");
 decltype(&recorded_ioctl) g_import_of_ioctl = recorded_ioctl;
 }
@@ -220,6 +280,62 @@ class UdpCalls : public testing::Test {
   UdpSocket socket_;
   lund_socket client_;
 };
+
+// ---- Opening
+
+class UdpOpening : public UdpCalls {
+ protected:
+  void refuse(const std::string& step) {
+    steps_.let_pass();
+    steps_.fail(step, WSAENOBUFS);
+  }
+  // What is said, and the steps that undo.
+  std::vector<std::string> refused_open() {
+    std::string error;
+    EXPECT_FALSE(socket_.open(0, &error));
+    EXPECT_FALSE(socket_.is_open());
+    std::vector<std::string> undone = {error};
+    for (const std::string& step : steps_.take()) {
+      if (step == "closesocket" || step == "WSACleanup") undone.push_back(step);
+    }
+    return undone;
+  }
+
+  RecordedCalls steps_;
+};
+
+TEST_F(UdpOpening, TheSocketIsMadeSetAndBoundInThisOrder) {
+  open();
+  EXPECT_THAT(steps_.take(),
+              ElementsAre("WSAStartup 514", "socket 2 2 17",
+                          "option 65535/4097 4194304",  // SO_SNDBUF
+                          "option 65535/4098 1048576",  // SO_RCVBUF
+                          "option 0/19 1",              // IP_PKTINFO
+                          "report unreachable ports", "receive function", "bind 0.0.0.0:0"));
+  socket_.close();
+  EXPECT_THAT(steps_.take(), ElementsAre("closesocket", "WSACleanup"));
+}
+
+TEST_F(UdpOpening, TheStepThatFailsIsNamedAndWhatWasDoneIsUndone) {
+  refuse("WSAStartup");
+  EXPECT_THAT(refused_open(), ElementsAre("WSAStartup failed (WSA error 10055)"));
+  refuse("socket");
+  EXPECT_THAT(refused_open(), ElementsAre("socket failed (WSA error 10055)", "WSACleanup"));
+  refuse("bind");
+  EXPECT_THAT(refused_open(),
+              ElementsAre("bind failed (WSA error 10055)", "closesocket", "WSACleanup"));
+  EXPECT_FALSE(socket_.open(0, nullptr));
+  steps_.let_pass();
+  open();
+}
+
+TEST_F(UdpOpening, WhatIsOnlyWishedForMayBeRefused) {
+  for (const char* wish : {"option", "report unreachable ports", "receive function"}) {
+    refuse(wish);
+    open();
+    EXPECT_EQ(streamed(), "video") << wish;
+  }
+}
 
 // ---- The flow
 
@@ -302,6 +418,23 @@ TEST_F(UdpCalls, WithoutTheServiceNothingIsMarkedAndNothingIsSaid) {
   socket_.close();
   EXPECT_THAT(asked(), IsEmpty());
   EXPECT_EQ(log_.count("QoS"), 0);
+}
+
+TEST_F(UdpCalls, WithoutTheServicesLibraryItIsTheSame) {
+  g_system.no_qos_library = true;
+  open();
+  EXPECT_THAT(asked(), ElementsAre("report unreachable ports: 0"));
+  socket_.qos_set_peer(client());
+  EXPECT_EQ(streamed(), "video");
+  socket_.close();
+  EXPECT_THAT(asked(), IsEmpty());
+  EXPECT_EQ(log_.count("QoS"), 0);
+}
+
+TEST(QosLibrary, IsWholeOrNone) {
+  EXPECT_FALSE(load_qos(L"no-such-library.dll"));
+  EXPECT_FALSE(load_qos(L"kernel32.dll"));
+  EXPECT_TRUE(load_qos(L"qwave.dll"));  // of a PC; Wine has one that refuses every handle
 }
 
 // Whether this computer has it or not.
