@@ -3,6 +3,8 @@
 
 #include <gmock/gmock.h>
 
+#include <thread>
+
 #include "capture/windows/input_desktop.h"
 #include "tests/support/windows/desktops/desktop_calls.h"
 
@@ -18,6 +20,25 @@ HDESK threads_desktop() {
 std::string name_of(HDESK desktop) {
   std::string name;
   return read_desktop_name(desktop, &name) ? name : "";
+}
+
+// What a handle was opened for, by ntdll's NtQueryObject.
+ACCESS_MASK granted_access(HANDLE handle) {
+  struct {
+    ULONG attributes;
+    ACCESS_MASK granted;
+    ULONG more[12];
+  } information = {};
+  constexpr int BASIC_INFORMATION = 0;
+  using QueryObject = LONG(NTAPI*)(HANDLE, int, void*, ULONG, ULONG*);
+  const auto query = reinterpret_cast<QueryObject>(
+      reinterpret_cast<void*>(GetProcAddress(GetModuleHandleW(L"ntdll.dll"), "NtQueryObject")));
+  EXPECT_EQ(query(handle, BASIC_INFORMATION, &information, sizeof information, nullptr), 0);
+  return information.granted;
+}
+
+LRESULT CALLBACK pass_on(int code, WPARAM w, LPARAM l) {
+  return CallNextHookEx(nullptr, code, w, l);
 }
 
 TEST(SessionDesktop, IsDefaultAndTheSameWhileHeld) {
@@ -47,6 +68,38 @@ TEST(SessionDesktop, LeavingReturnsTheThreadAndGivesTheDesktopBack) {
   desktop->leave();
   EXPECT_EQ(threads_desktop(), own);
   EXPECT_EQ(name_of(held), "") << "still open";
+}
+
+TEST(SessionDesktop, IsEnteredToReadToWriteAndToBeSwitchedTo) {
+  const auto desktop = make_session_desktop();
+  ASSERT_EQ(desktop->look(), Look::Other);
+  ASSERT_TRUE(desktop->enter());
+  EXPECT_EQ(granted_access(threads_desktop()), 0x181u);
+  desktop->leave();
+}
+
+// As one with a window or a hook is bound to its desktop.
+TEST(SessionDesktop, IsNotEnteredByAThreadThatIsBoundToAnother) {
+  std::thread([] {
+    const DesktopHandle other(
+        CreateDesktopW(L"Elsewhere", nullptr, nullptr, 0, GENERIC_ALL, nullptr));
+    ASSERT_TRUE(other);
+    ASSERT_TRUE(SetThreadDesktop(other.get()));
+    HHOOK const hook = SetWindowsHookExW(WH_CALLWNDPROC, pass_on, nullptr, GetCurrentThreadId());
+    ASSERT_NE(hook, nullptr);
+    const auto desktop = make_session_desktop();
+    ASSERT_EQ(desktop->look(), Look::Other);
+    EXPECT_FALSE(desktop->enter());
+    EXPECT_EQ(desktop->name(), "");
+    EXPECT_EQ(name_of(threads_desktop()), "Elsewhere");
+    EXPECT_FALSE(desktop->enter()) << "what was found has been let go of";
+    ASSERT_TRUE(UnhookWindowsHookEx(hook));
+    ASSERT_EQ(desktop->look(), Look::Other);
+    EXPECT_TRUE(desktop->enter());
+    EXPECT_EQ(desktop->name(), "Default");
+    desktop->leave();
+    EXPECT_EQ(name_of(threads_desktop()), "Elsewhere");
+  }).join();
 }
 
 // Switching works under Wine 10, not under Wine 8.
