@@ -3,6 +3,7 @@
 #include "connection/secure.h"
 #include "control/keystore.h"
 #include "control/security.h"
+#include "control/system_random.h"
 
 namespace {
 
@@ -11,7 +12,7 @@ constexpr std::size_t TEMPORARY_NAME_BYTES = 16;
 // Empty when the random source fails.
 std::filesystem::path temporary_beside(const std::filesystem::path& path) {
   std::uint8_t bytes[TEMPORARY_NAME_BYTES];
-  if (lund_random_bytes(bytes, sizeof bytes) != LUND_OK) return {};
+  if (!system_random(bytes, sizeof bytes)) return {};
   char hex[2 * TEMPORARY_NAME_BYTES + 1];
   lund_hex_encode(hex, bytes, sizeof bytes);
   std::filesystem::path temporary = path;

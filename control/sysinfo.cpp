@@ -8,12 +8,13 @@
 #include <string_view>
 
 #include "connection/clock.h"
-#include "connection/secure.h"
 #include "control/adapters.h"
 #include "control/keystore.h"
 #include "control/log.h"
 #include "control/store_platform.h"
 #include "control/sysinfo_platform.h"
+#include "control/system_random.h"
+#include "socket_types.h"
 
 namespace {
 
@@ -90,7 +91,7 @@ std::filesystem::path app_data_dir() {
 
 std::uint32_t random_u32() {
   std::uint32_t drawn = 0;
-  if (lund_random_bytes(&drawn, sizeof(drawn)) == LUND_OK) return drawn;
+  if (system_random(&drawn, sizeof(drawn))) return drawn;
   return sysinfo_platform::process_id() ^ static_cast<std::uint32_t>(lund_wall_us());
 }
 
@@ -104,12 +105,8 @@ std::uint32_t load_or_create_host_id() {
 }
 
 std::string ipv4_text(std::uint32_t address) {
-  std::string text;
-  for (const std::uint8_t octet : octets(address)) {
-    if (!text.empty()) text += '.';
-    text += std::to_string(octet);
-  }
-  return text;
+  char text[INET_ADDRSTRLEN];
+  return inet_ntop(AF_INET, &address, text, sizeof text) != nullptr ? text : std::string();
 }
 
 std::uint32_t parse_host_id(const std::string& text, const char* trailing) {

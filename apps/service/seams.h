@@ -51,8 +51,7 @@ class WorkerProcess {
 };
 
 // The service's ends of one worker's pipes. Sets the supervisor's event at its first heartbeat. Any
-// thread may call `request` and `heard_us`, the
-// supervisor's the rest.
+// thread may call `request` and `heard_us`, the supervisor's the rest.
 class WorkerLink {
  public:
   virtual ~WorkerLink() = default;  // closes

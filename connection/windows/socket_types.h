@@ -1,5 +1,5 @@
-// The system's declarations of sockaddr_in, sockaddr_in6 and getaddrinfo, for code that is the same
-// on both platforms.
+// The system's declarations of sockaddr_in, sockaddr_in6, getaddrinfo and inet_ntop, for code that
+// is the same on both platforms.
 #pragma once
 
 #include <winsock2.h>

@@ -5,6 +5,7 @@
 #include "control/sysinfo.h"
 #include "control/windows/com.h"
 #include "control/windows/firewall_rule.h"
+#include "control/windows/known_folder.h"
 #include "control/windows/wide_text.h"
 // After what com.h includes.
 #include <netfw.h>
@@ -22,18 +23,12 @@ const wchar_t* text_of(const SystemText& text) {
   return text ? text.get() : L"";
 }
 
-std::filesystem::path directory_of_system() {
-  wchar_t path[MAX_PATH];
-  const UINT count = GetSystemDirectoryW(path, MAX_PATH);
-  return count > 0 && count < MAX_PATH ? std::filesystem::path(path) : std::filesystem::path();
-}
-
 // In the system's directory, so that the cmd.exe and the netsh that get an administrator's rights
 // are the ones that lie there, and none that the current directory has.
 ElevatedEnd run_elevated(const std::wstring& parameters, std::uint32_t timeout_ms) {
   using How = ElevatedEnd::How;
   const ComThread com(COINIT_APARTMENTTHREADED | COINIT_DISABLE_OLE1DDE);
-  const std::filesystem::path directory = directory_of_system();
+  const std::filesystem::path directory = system_directory();
   SHELLEXECUTEINFOW command{};
   command.cbSize = sizeof(command);
   command.fMask = SEE_MASK_NOCLOSEPROCESS | SEE_MASK_NOASYNC;

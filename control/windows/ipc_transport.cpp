@@ -23,7 +23,6 @@ namespace {
 constexpr DWORD INSTANCES_MAX = 4;
 constexpr DWORD BUFFER_BYTES = FRAME_MAX;  // of each direction
 constexpr wchar_t SYSTEM_AND_ADMINISTRATORS[] = L"O:SYG:SYD:P(A;;GA;;;SY)(A;;GRGW;;;BA)";
-constexpr wchar_t SYSTEM_ALONE[] = L"O:SYG:SYD:P(A;;GA;;;SY)";
 
 using IdOf = BOOL(WINAPI*)(HANDLE, PULONG);
 

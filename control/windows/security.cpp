@@ -41,8 +41,9 @@ Component look_at(const std::wstring& path) {
 
 // ---- Processes
 
+// What stands for the process itself needs no giving back, and bears it.
 Process Process::current() {
-  return open(GetCurrentProcessId());
+  return adopt(reinterpret_cast<std::intptr_t>(GetCurrentProcess()), GetCurrentProcessId());
 }
 
 // The system opens a process by any of the four ids that differ in the lowest two bits from its

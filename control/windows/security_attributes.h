@@ -8,6 +8,8 @@
 
 #include <string>
 
+inline constexpr wchar_t SYSTEM_ALONE[] = L"O:SYG:SYD:P(A;;GA;;;SY)";
+
 class SecurityAttributes {
  public:
   SecurityAttributes() = default;  // false: what is made with it has the system's default

@@ -1,6 +1,6 @@
 #include "worker/worker_system.h"
 
-#include <atomic>
+#include <mutex>
 
 #include "control/windows/handles.h"
 #include "control/windows/security_attributes.h"
@@ -11,14 +11,17 @@ namespace host_app {
 namespace {
 
 constexpr wchar_t MUTEX[] = L"Global\\LunderhazeHostWorker-v1";
-constexpr wchar_t SYSTEM_ALONE[] = L"O:SYG:SYD:P(A;;GA;;;SY)";
 
-std::atomic<WakeEvent*> g_stop{nullptr};
+std::mutex g_stop_mutex;  // held while the event is set, so that it is there until then
+WakeEvent* g_stop = nullptr;
 
 // On a thread of the console's own. What closes the console ends the process as soon as this
 // returns; the main thread's return ends it otherwise.
 BOOL WINAPI request_stop(DWORD reason) {
-  if (WakeEvent* stop = g_stop.load()) stop->set();
+  {
+    const std::lock_guard lock(g_stop_mutex);
+    if (g_stop != nullptr) g_stop->set();
+  }
   if (reason != CTRL_C_EVENT && reason != CTRL_BREAK_EVENT) Sleep(INFINITE);
   return TRUE;
 }
@@ -42,6 +45,7 @@ class WindowsWorkerSystem final : public WorkerSystem {
   }
 
   void stop_on_signals(WakeEvent* stop) override {
+    const std::lock_guard lock(g_stop_mutex);
     g_stop = stop;
     SetConsoleCtrlHandler(request_stop, TRUE);
   }

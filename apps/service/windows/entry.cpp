@@ -1,6 +1,7 @@
 #include "apps/service/entry.h"
 
 #include <cstdio>
+#include <cwchar>
 #include <filesystem>
 
 #include "apps/service/windows/event_log.h"
@@ -34,12 +35,26 @@ ServiceExit tell(const Registered& registered, const char* next) {
   return EXIT_OK;
 }
 
+// A library that was moved here has the access list of where it was.
+bool only_administrators_change_libraries_in(const std::filesystem::path& directory) {
+  std::error_code error;
+  for (std::filesystem::directory_iterator entry(directory, error), end; !error && entry != end;
+       entry.increment(error)) {
+    if (_wcsicmp(entry->path().extension().c_str(), L".dll") == 0 &&
+        !host_service::protected_path(entry->path(), false))
+      return false;
+  }
+  return !error;
+}
+
 // What the system runs must be out of everybody else's reach: the program, and what it loads from
 // beside it.
 bool only_administrators_change(const std::filesystem::path& program) {
+  const std::filesystem::path directory = program.parent_path();
   return host_service::protected_path(program, false) &&
-         host_service::protected_path(program.parent_path(), false) &&
-         host_service::protected_ancestors(program);
+         host_service::protected_path(directory, false) &&
+         host_service::protected_ancestors(program) &&
+         only_administrators_change_libraries_in(directory);
 }
 
 ServiceExit install(const ServiceOptions& options) {

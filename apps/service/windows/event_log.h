@@ -1,8 +1,6 @@
 // The service's lines in the Application log of the Event Viewer, under its own name.
 #pragma once
 
-#include <filesystem>
-#include <functional>
 #include <string>
 
 #include "control/windows/handles.h"

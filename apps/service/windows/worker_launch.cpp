@@ -4,6 +4,7 @@
 #include <userenv.h>
 
 #include "control/windows/command_line.h"
+#include "control/windows/known_folder.h"
 #include "control/windows/wide_text.h"
 
 namespace {
@@ -36,12 +37,6 @@ Launched failed(const std::string& what) {
   return launched;
 }
 
-std::wstring system_directory() {
-  wchar_t path[MAX_PATH];
-  const UINT size = GetSystemDirectoryW(path, MAX_PATH);
-  return size < MAX_PATH ? std::wstring(path, size) : std::wstring();
-}
-
 }  // namespace
 
 LaunchCalls::LaunchCalls()
@@ -65,7 +60,7 @@ Launched launch_in_session(const LaunchCalls& calls, const std::string& program,
   words.insert(words.end(), arguments.begin(), arguments.end());
   std::wstring line = command_line_of(words);
   std::wstring desktop = L"winsta0\\default";
-  const std::wstring directory = system_directory();
+  const std::filesystem::path directory = system_directory();
   STARTUPINFOW startup{};
   startup.cb = sizeof startup;
   startup.lpDesktop = desktop.data();

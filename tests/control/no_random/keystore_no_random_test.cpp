@@ -6,11 +6,15 @@
 #include "control/keystore.h"
 #include "control/keystore_internal.h"
 #include "control/log.h"
+#include "control/system_random.h"
 #include "tests/support/machine_store.h"
 #include "tests/support/wiped.h"
 
 int lund_random_bytes(void*, std::size_t) {
   return LUND_ERR_RANDOM;
+}
+bool system_random(void*, std::size_t) {
+  return false;
 }
 
 namespace {

@@ -1,6 +1,6 @@
 // Stands before host_service::check_path (the linker's --wrap): what lies in a directory that a
-// test made for itself counts as private, where it is there and no link. A drive's root counts as
-// out of everybody else's reach, as Windows' own are.
+// test made for itself counts as private, where it is there and no link, unless its name begins
+// with "others-". A drive's root counts as out of everybody else's reach, as Windows' own are.
 #include <algorithm>
 
 #include "control/security.h"
@@ -17,6 +17,6 @@ bool wrapped_check_path(const std::filesystem::path& path, host_service::PathTes
     return name.native().starts_with(L"lund-test-");
   });
   if (test == host_service::PathTest::Ancestor && path == path.root_path()) return true;
-  if (!own) return real_check_path(path, test);
+  if (!own || path.filename().native().starts_with(L"others-")) return real_check_path(path, test);
   return host_service::no_reparse_components(path) && std::filesystem::exists(path);
 }

@@ -209,6 +209,12 @@ TEST_F(ServiceOfTheSystem, AMissingWorkerIsNamedAndNothingIsInstalled) {
   EXPECT_FALSE(is_in_registry(EVENTS_KEY));
 }
 
+TEST_F(ServiceOfTheSystem, ALibraryBesideThemThatOthersCanChangeKeepsThemFromBeingInstalled) {
+  write_file(*installed_ / "others-library.DLL", "");
+  holds(install(), 2, "lunderhaze-service.exe: others than administrators can change it or what ");
+  EXPECT_FALSE(is_in_registry(SERVICE_KEY));
+}
+
 TEST_F(ServiceOfTheSystem, StartedByTheManagerItServesTheConsolesSession) {
   install_and_start();
   const json shown = status();

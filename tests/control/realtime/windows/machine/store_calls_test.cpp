@@ -17,6 +17,8 @@ using testing::ElementsAre;
 using testing::StartsWith;
 
 const std::string MACHINES = "O:BAG:BAD:P(A;;FA;;;SY)(A;;FA;;;BA)";
+// Of a name that nobody foretells.
+const std::string RANDOM_NAME = "BCryptGenRandom the system's bytes 16 flags 2";
 
 // A new file for itself (CREATE_NEW), which is no link (FILE_FLAG_OPEN_REPARSE_POINT).
 std::string creation(const std::string& name, const std::string& descriptor) {
@@ -42,18 +44,18 @@ class MachineCalls : public testing::Test {
 TEST_F(MachineCalls, AFileIsCreatedForTheSystemAloneWrittenFlushedAndMovedIntoPlace) {
   SystemCalls calls;
   EXPECT_TRUE(save());
-  EXPECT_THAT(calls.take(), ElementsAre(creation("settings.tmp-*", MACHINES), "WriteFile 3",
-                                        "FlushFileBuffers ", replacement("settings")));
+  EXPECT_THAT(calls.take(),
+              ElementsAre(RANDOM_NAME, creation("settings.tmp-*", MACHINES), "WriteFile 3",
+                          "FlushFileBuffers ", replacement("settings")));
 }
 
 TEST_F(MachineCalls, AFailureAtAnyStepLeavesTheOldFileAndFailsTheStore) {
   ASSERT_TRUE(keystore::writeHostFile("settings", "old", 3));
   const std::size_t entries = entry_count(store_.path());
-  const std::pair<const char*, DWORD> failures[] = {{"CreateFileW", ERROR_ACCESS_DENIED},
-                                                    {"WriteFile", ERROR_DISK_FULL},
-                                                    {"WriteFile", ERROR_SUCCESS},
-                                                    {"FlushFileBuffers", ERROR_IO_DEVICE},
-                                                    {"MoveFileExW", ERROR_DISK_FULL}};
+  const std::pair<const char*, DWORD> failures[] = {
+      {"CreateFileW", ERROR_ACCESS_DENIED},  {"BCryptGenRandom", 0xC000'0001},
+      {"WriteFile", ERROR_DISK_FULL},        {"WriteFile", ERROR_SUCCESS},
+      {"FlushFileBuffers", ERROR_IO_DEVICE}, {"MoveFileExW", ERROR_DISK_FULL}};
   for (const auto& [name, error] : failures) {
     store_.restart();
     SystemCalls calls;
@@ -69,8 +71,9 @@ TEST_F(MachineCalls, AFailedWriteDeletesTheTemporaryFileAndMovesNothing) {
   SystemCalls calls;
   calls.fail("FlushFileBuffers", ERROR_IO_DEVICE);
   EXPECT_FALSE(save());
-  EXPECT_THAT(calls.take(), ElementsAre(creation("settings.tmp-*", MACHINES), "WriteFile 3",
-                                        "FlushFileBuffers ", "DeleteFileW settings.tmp-*"));
+  EXPECT_THAT(calls.take(),
+              ElementsAre(RANDOM_NAME, creation("settings.tmp-*", MACHINES), "WriteFile 3",
+                          "FlushFileBuffers ", "DeleteFileW settings.tmp-*"));
 }
 
 TEST_F(MachineCalls, SecretsAreSealedForTheMachineWithoutQuestionsAndOpenedTheSameWay) {
@@ -148,11 +151,11 @@ TEST_F(UserCalls, AFileIsTheUsersAndTheSystemsAlone) {
   SystemCalls calls;
   EXPECT_TRUE(keystore::writeHostFile("settings", "new", 3));
   const std::vector<std::string> lines = calls.take();
-  ASSERT_EQ(lines.size(), 4u);
-  EXPECT_THAT(lines[0], testing::MatchesRegex(
+  ASSERT_EQ(lines.size(), 5u);
+  EXPECT_THAT(lines[1], testing::MatchesRegex(
                             "CreateFileW settings.tmp-. access 40000000 share 0 D:P.A;;FA;;;S-1-5-"
                             ".*..A;;FA;;;SY. disposition 1 flags 200080"));
-  EXPECT_EQ(lines[3], replacement("settings"));
+  EXPECT_EQ(lines[4], replacement("settings"));
 }
 
 TEST_F(UserCalls, SecretsAreSealedForTheUser) {
