@@ -37,6 +37,11 @@ bool choose_path(bool has_device, const AVPixelFormat* formats, int count, Frame
 bool collect_packets(const std::function<int(AVPacket*)>& next, AVPacket* packet, int wait_ms,
                      std::vector<std::uint8_t>* out, bool* is_keyframe);
 
+// What the wait for a packet is made of: first to whatever else is ready to run, then for a
+// millisecond each.
+void give_up_processor();
+void sleep_one_ms();
+
 struct ErrorText {
   explicit ErrorText(int error) { av_strerror(error, text, sizeof text); }
   char text[64];

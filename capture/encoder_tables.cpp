@@ -1,6 +1,4 @@
 #include <algorithm>
-#include <chrono>
-#include <thread>
 
 #include "capture/encoder_internal.h"
 #include "connection/clock.h"
@@ -92,9 +90,9 @@ bool collect_packets(const std::function<int(AVPacket*)>& next, AVPacket* packet
     if (!out->empty()) return true;
     if (lund_now_us() - begin_us >= static_cast<std::uint64_t>(wait_ms) * 1000) return true;
     if (turn++ < YIELD_TURNS) {
-      std::this_thread::yield();
+      give_up_processor();
     } else {
-      std::this_thread::sleep_for(std::chrono::milliseconds(1));
+      sleep_one_ms();
     }
   }
 }

@@ -1,6 +1,7 @@
 #include "capture/video.h"
 
 #include <future>
+#include <optional>
 #include <thread>
 
 #include "capture/source.h"
@@ -26,13 +27,14 @@ struct CapturePipeline::Impl {
 };
 
 void CapturePipeline::Impl::thread_body(std::promise<bool> initialised) {
+  std::optional<CaptureThreadPriority> priority;  // until all is released
   const bool up = loop.init_all();
   initialised.set_value(up);
   if (up) {
     while (!requests.start && !requests.stop && !loop.fatal()) requests.wake.wait(START_POLL_MS);
     requests.wake.reset();
     if (!requests.stop) {
-      const CaptureThreadPriority priority;
+      priority.emplace();
       loop.begin_run();
       while (loop.pass()) {
       }

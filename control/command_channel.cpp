@@ -8,10 +8,14 @@ using namespace command_exchange;
 CommandServer::Start CommandServer::start(const std::filesystem::path& directory, Handler handler,
                                           std::unique_ptr<CommandServer>* server,
                                           std::string* error) {
-  if (!directory.empty() && store_platform::make_directory(directory))
-    return start_server(directory, std::move(handler), server, error);
-  *error = NO_STORE;
-  return Start::Failed;
+  if (directory.empty() || !store_platform::make_directory(directory)) {
+    *error = NO_STORE;
+    return Start::Failed;
+  }
+  std::unique_ptr<Server> made = make_server(std::move(handler));
+  const Start result = made->listen_in(directory, error);
+  if (result == Start::Running) *server = std::move(made);
+  return result;
 }
 
 CommandResult send_command(const std::filesystem::path& directory, const std::string& request,

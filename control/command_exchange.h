@@ -30,11 +30,15 @@ void answer(const Link& link, const CommandServer::Handler& handler);
 CommandResult ask(const Link& link, const std::string& request, std::string* answer,
                   std::string* error);
 
-// The platforms' own parts of CommandServer::start, in a directory that is there, and of
-// send_command, with a request that isn't too long.
-CommandServer::Start start_server(const std::filesystem::path& directory,
-                                  CommandServer::Handler handler,
-                                  std::unique_ptr<CommandServer>* server, std::string* error);
+// The platforms' own part of CommandServer::start, in a directory that is there.
+class Server : public CommandServer {
+ public:
+  // Once. Unless it runs then, `error` says why, and nothing is left but to let it go.
+  virtual Start listen_in(const std::filesystem::path& directory, std::string* error) = 0;
+};
+std::unique_ptr<Server> make_server(CommandServer::Handler handler);
+
+// And of send_command, with a request that isn't too long.
 CommandResult ask_host(const std::filesystem::path& directory, const std::string& request,
                        std::string* answer, std::string* error);
 

@@ -1,12 +1,8 @@
 #include "control/switches.h"
 
-#include <algorithm>
-#include <cstdlib>
-#include <string_view>
-
 #include "control/private_file.h"
+#include "control/profile_file.h"
 #include "control/store_platform.h"
-#include "control/text.h"
 
 namespace {
 
@@ -18,98 +14,33 @@ constexpr const char* MUTE_HOST_KEY = "mute_host";
 constexpr const char* CLIPBOARD_NAME = "clipboard_sync";
 constexpr std::size_t FILE_LIMIT_BYTES = 65'536;
 
-// Where a key of a section stands in a profile's text, and where it would.
-struct Place {
-  bool section = false;
-  bool key = false;
-  std::size_t value = 0;     // of the key, behind its '='
-  std::size_t line_end = 0;  // of the key's line or, without the key, of the section's last: before
-                             // CR or LF
-};
-
-Place find_place(std::string_view text, std::string_view section, std::string_view key) {
-  Place place;
-  bool inside = false;
-  for (std::size_t begin = 0; begin < text.size();) {
-    const std::size_t end = std::min(text.find('\n', begin), text.size());
-    std::string_view line = text.substr(begin, end - begin);
-    if (line.ends_with('\r')) line.remove_suffix(1);
-    const std::string_view content = trimmed(line);
-    if (content.starts_with('[') && content.ends_with(']')) {
-      if (place.section) return place;
-      inside = same_but_for_case(trimmed(content.substr(1, content.size() - 2)), section);
-      place.section = inside;
-    }
-    if (inside && !content.empty()) place.line_end = begin + line.size();
-    const std::size_t equals = line.find('=');
-    if (inside && equals != std::string_view::npos &&
-        same_but_for_case(trimmed(line.substr(0, equals)), key)) {
-      place.key = true;
-      place.value = begin + equals + 1;
-      return place;
-    }
-    begin = end + 1;
-  }
-  return place;
-}
-
-// Never a file in whatever directory is the current one.
-Read read(const std::filesystem::path& directory, const char* name, std::string* text) {
-  if (directory.empty()) return Read::Missing;
-  return read_private_file(directory / name, FILE_LIMIT_BYTES, text);
-}
-
-bool write(const std::filesystem::path& directory, const char* name, const std::string& text) {
-  if (directory.empty()) return false;
-  store_platform::make_directory(directory);
-  return write_private_file(directory / name, text.data(), text.size());
-}
-
 }  // namespace
 
+// Without a directory nothing is read or written: never a file in whatever directory is the current
+// one.
+
 bool load_mute_host(const std::filesystem::path& directory) {
-  std::string text;
-  if (read(directory, PROFILE_NAME, &text) != Read::Ok) return true;
-  const auto value = profile_value(text, PROFILE_SECTION, MUTE_HOST_KEY);
-  // As profile files are read where they come from: what is no number is 0.
-  return !value || std::strtol(value->c_str(), nullptr, 10) != 0;
+  return directory.empty() ||
+         profile_file::number(directory / PROFILE_NAME, PROFILE_SECTION, MUTE_HOST_KEY, 1) != 0;
 }
 
 bool save_mute_host(const std::filesystem::path& directory, bool on) {
-  std::string text;
-  if (read(directory, PROFILE_NAME, &text) == Read::Failed) return false;
-  return write(directory, PROFILE_NAME,
-               with_profile_value(text, PROFILE_SECTION, MUTE_HOST_KEY, on ? "1" : "0"));
+  if (directory.empty()) return false;
+  store_platform::make_directory(directory);
+  return profile_file::set(directory / PROFILE_NAME, PROFILE_SECTION, MUTE_HOST_KEY,
+                           on ? "1" : "0");
 }
 
 bool load_clipboard_sync(const std::filesystem::path& directory) {
   std::string text;
-  return read(directory, CLIPBOARD_NAME, &text) != Read::Ok || !text.starts_with('0');
+  return directory.empty() ||
+         read_private_file(directory / CLIPBOARD_NAME, FILE_LIMIT_BYTES, &text) != Read::Ok ||
+         !text.starts_with('0');
 }
 
 bool save_clipboard_sync(const std::filesystem::path& directory, bool on) {
-  return write(directory, CLIPBOARD_NAME, on ? "1\n" : "0\n");
-}
-
-std::optional<std::string> profile_value(const std::string& text, const std::string& section,
-                                         const std::string& key) {
-  const Place place = find_place(text, section, key);
-  if (!place.key) return std::nullopt;
-  return std::string(
-      trimmed(std::string_view(text).substr(place.value, place.line_end - place.value)));
-}
-
-std::string with_profile_value(const std::string& text, const std::string& section,
-                               const std::string& key, const std::string& value) {
-  const Place place = find_place(text, section, key);
-  std::string changed = text;
-  if (place.key) return changed.replace(place.value, place.line_end - place.value, value);
-  const std::string line_end = text.find("\r\n") == std::string::npos ? "\n" : "\r\n";
-  const std::string line = key + "=" + value;
-  if (place.section) {
-    const bool last = place.line_end == text.size();
-    return changed.insert(place.line_end, line_end + line + (last ? line_end : ""));
-  }
-  if (!text.empty() && !text.ends_with('\n')) changed += line_end;
-  return changed + "[" + section + "]" + line_end + line + line_end;
+  if (directory.empty()) return false;
+  store_platform::make_directory(directory);
+  const std::string text = on ? "1\n" : "0\n";
+  return write_private_file(directory / CLIPBOARD_NAME, text.data(), text.size());
 }

@@ -7,6 +7,7 @@
 #include "control/private_file.h"
 #include "control/store_platform.h"
 #include "control/switches.h"
+#include "streams/mute_state.h"
 
 namespace {
 
@@ -269,9 +270,8 @@ void HostMute::save(const std::vector<std::string>& ids) const {
   if (ids.empty()) {
     saved = store_platform::remove_file(path);
   } else {
-    const std::string text = HostMuteLogic::format(ids);
     store_platform::make_directory(directory_);
-    saved = write_private_file(path, text.data(), text.size());
+    saved = write_mute_state(path, HostMuteLogic::format(ids));
   }
   if (!saved) hlog("audio: could not save which outputs are muted");
 }

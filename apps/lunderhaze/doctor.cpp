@@ -2,7 +2,6 @@
 
 #include <chrono>
 #include <cstdio>
-#include <cstdlib>
 #include <functional>
 #include <future>
 #include <memory>
@@ -61,7 +60,8 @@ class Doctor {
   explicit Doctor(std::optional<std::uint16_t> port) {
     // The order in which they are shown; all but the desktop's run from the start.
     const InBackground display([platform = platform_] { return probe_display(*platform); });
-    Check encoder = start("encoder", "the encoder", [] { return check_encoder(probe_encoder()); });
+    const InBackground encoder_probe([] { return probe_encoder(); });
+    const std::shared_future<EncoderFacts>& encoder_facts = encoder_probe.result();
     const InBackground port_probe([port] { return probe_port(port); });
     const std::shared_future<PortFacts>& port_facts = port_probe.result();
     Check port_check = start("port", "this user's running host",
@@ -75,6 +75,11 @@ class Doctor {
                         [platform = platform_] { return check_sound(probe_sound(*platform)); });
     Check store = start("store", "the disk", [] { return check_store(probe_store()); });
     examine_desktop(display);
+    Check encoder = start("encoder", "the encoder", [encoder_facts, spare = card_encodes_] {
+      EncoderFacts facts = encoder_facts.get();
+      facts.spare = spare;
+      return check_encoder(facts);
+    });
     for (Check* check : {&encoder, &port_check, &firewall, &relays, &sound, &store}) collect(check);
     const bool known = port_probe.done_by(started_);
     result_.port = known ? port_facts.get().port : port.value_or(HostOptions().port);
@@ -116,10 +121,22 @@ class Doctor {
     const char* const server = doctor_platform::DISPLAY_SERVER;
     Check capture =
         start("capture", server, [display] { return check_capture(probe_capture(display)); });
+    const InBackground graphics([display] { return probe_graphics(display); });
     Check input = start("input", server,
                         [platform = platform_] { return check_input(probe_input(*platform)); });
     Check clipboard = start("clipboard", server, [] { return check_clipboard(probe_clipboard()); });
-    for (Check* check : {&capture, &input, &clipboard}) collect(check);
+    collect(&capture);
+    collect_graphics(graphics);
+    for (Check* check : {&input, &clipboard}) collect(check);
+  }
+
+  void collect_graphics(const InBackground<std::optional<GraphicsFacts>>& graphics) {
+    if (!graphics.done_by(started_ + PATIENCE))
+      return give_up("graphics", "the graphics card's driver", PATIENCE);
+    const std::optional<GraphicsFacts>& facts = graphics.result().get();
+    if (!facts) return;
+    card_encodes_ = !facts->encoder.empty();
+    result_.findings.push_back(check_graphics(*facts));
   }
 
   void collect(Check* check) {
@@ -139,6 +156,7 @@ class Doctor {
   const std::shared_ptr<const Platform> platform_ =
       std::make_shared<const Platform>(native_platform());  // shared with what hangs
   Examination result_;
+  bool card_encodes_ = false;
 };
 
 }  // namespace
@@ -158,7 +176,6 @@ ExitStatus doctor_command(const Arguments& args) {
   say(json ? findings_json(result.findings, result.port) : findings_text(result.findings));
   const ExitStatus status = has_problem(result.findings) ? EXIT_PROBLEM : EXIT_OK;
   if (!result.something_hangs) return status;
-  // Not by way of destructors that the threads left behind may still need.
   std::fflush(stdout);
-  std::_Exit(status);
+  doctor_platform::end_at_once(status);
 }

@@ -43,6 +43,10 @@ std::string join(const std::vector<std::string>& parts) {
   return text;
 }
 
+const char* codec_of(bool hevc) {
+  return hevc ? " (HEVC)" : " (H.264)";
+}
+
 }  // namespace
 
 // ---- The desktop
@@ -76,12 +80,25 @@ Finding check_capture(const CaptureFacts& facts) {
   return ok("capture", taken + "; " + std::to_string(percent) + " % of it isn't black");
 }
 
+Finding check_graphics(const GraphicsFacts& facts) {
+  if (facts.encoder.empty())
+    return warning("graphics",
+                   "the graphics card doesn't capture and encode " + facts.device +
+                       ": the processor does both, and needs longer for it",
+                   "install the driver of the card's maker, and see that these FFmpeg DLLs have an "
+                   "encoder for that card; the log of a host that is started with --console says "
+                   "which were tried");
+  return ok("graphics", "the graphics card captures " + facts.device + " and encodes it by " +
+                            facts.encoder + codec_of(facts.hevc));
+}
+
 Finding check_encoder(const EncoderFacts& facts) {
   if (facts.name.empty())
     return problem("encoder", "no video encoder works on this computer",
                    "install this program again: it comes with one that needs no hardware");
-  const std::string text = facts.name + (facts.hevc ? " (HEVC)" : " (H.264)") + " takes " +
+  const std::string text = facts.name + codec_of(facts.hevc) + " takes " +
                            milliseconds(facts.frame_us) + " for a frame of 1920x1080";
+  if (facts.spare) return ok("encoder", text + ", where the graphics card can't be used");
   if (facts.best_us > FRAME_SLOW_US)
     return warning(
         "encoder",

@@ -44,11 +44,21 @@ struct CaptureFacts {
 };
 Finding check_capture(const CaptureFacts& facts);
 
+// Of a platform that can capture on the graphics card.
+struct GraphicsFacts {
+  std::string device;
+  std::string encoder;  // the card's; empty when it doesn't capture this display and encode it
+  bool hevc = false;
+};
+Finding check_graphics(const GraphicsFacts& facts);
+
+// The encoder that needs no hardware.
 struct EncoderFacts {
-  std::string name;  // empty when none opens, or it gives no frames
+  std::string name;  // empty when it doesn't open, or gives no frames
   bool hevc = false;
   std::uint64_t frame_us = 0;  // a 1080p frame, with its conversion: the median of some
   std::uint64_t best_us = 0;   // the fastest of them, which other programs disturb least
+  bool spare = false;          // the graphics card's is used
 };
 Finding check_encoder(const EncoderFacts& facts);
 

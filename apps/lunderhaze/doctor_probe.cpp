@@ -7,6 +7,7 @@
 #include "apps/lunderhaze/console.h"
 #include "capture/encoder.h"
 #include "capture/source.h"
+#include "capture/video.h"
 #include "connection/clock.h"
 #include "control/host_commands.h"
 #include "control/keystore.h"
@@ -117,6 +118,25 @@ CaptureFacts probe_capture(const DisplayInfo& display) {
   facts.height = picture.height;
   facts.coloured_pixels = count_coloured(picture);
   source->release();
+  return facts;
+}
+
+// As for a client: the pipeline goes back to the processor by itself.
+std::optional<GraphicsFacts> probe_graphics(const DisplayInfo& display) {
+  const CapturePlatform platform = native_capture_platform();
+  if (!platform.make_gpu_source) return std::nullopt;
+  GraphicsFacts facts;
+  facts.device = display.device;
+  VideoSettings settings;
+  settings.display = display;
+  settings.width = FRAME_WIDTH;
+  settings.height = FRAME_HEIGHT;
+  CapturePipeline capture(platform);
+  if (capture.init(settings) &&
+      capture.capture_backend() == platform.make_gpu_source()->traits().backend) {
+    facts.encoder = capture.encoder_name();
+    facts.hevc = capture.encoder_is_hevc();
+  }
   return facts;
 }
 

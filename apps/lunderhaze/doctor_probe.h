@@ -7,6 +7,8 @@
 
 DisplayFacts probe_display(const Platform& platform);
 CaptureFacts probe_capture(const DisplayInfo& display);
+// Nothing where the platform never captures on the graphics card.
+std::optional<GraphicsFacts> probe_graphics(const DisplayInfo& display);
 EncoderFacts probe_encoder();
 InputFacts probe_input(const Platform& platform);
 ClipboardFacts probe_clipboard();
@@ -35,5 +37,8 @@ struct Ownership {
 Ownership ownership(const std::filesystem::path& directory);
 StoreAdvice store_advice(const std::filesystem::path& directory);
 bool may_be_made(const std::filesystem::path& directory);  // one that isn't there
+
+// Ends the process as it stands: what hangs may have what destructors need.
+[[noreturn]] void end_at_once(int status);
 
 }  // namespace doctor_platform

@@ -53,16 +53,16 @@ bool is_this_user(int socket) {
          (peer.uid == geteuid() || peer.uid == 0);
 }
 
-class Server final : public CommandServer {
+class SocketServer final : public Server {
  public:
-  explicit Server(Handler handler) : handler_(std::move(handler)) {}
-  ~Server() override {
+  explicit SocketServer(Handler handler) : handler_(std::move(handler)) {}
+  ~SocketServer() override {
     stop_.set();
     if (thread_.joinable()) thread_.join();
     if (listener_.get() >= 0) unlink(address_.path());
   }
 
-  Start listen_in(const std::filesystem::path& directory, std::string* error) {
+  Start listen_in(const std::filesystem::path& directory, std::string* error) override {
     // The lock tells a live host from the socket that a killed one left, and two that start
     // together apart.
     const LockFile::Result locked = lock_.acquire(directory / LOCK);
@@ -76,7 +76,7 @@ class Server final : public CommandServer {
       *error = no_channel(directory, system_error());
       return Start::Failed;
     }
-    thread_ = std::thread(&Server::run, this);
+    thread_ = std::thread(&SocketServer::run, this);
     return Start::Running;
   }
 
@@ -109,14 +109,8 @@ class Server final : public CommandServer {
 
 }  // namespace
 
-CommandServer::Start command_exchange::start_server(const std::filesystem::path& directory,
-                                                    CommandServer::Handler handler,
-                                                    std::unique_ptr<CommandServer>* server,
-                                                    std::string* error) {
-  auto made = std::make_unique<Server>(std::move(handler));
-  const CommandServer::Start result = made->listen_in(directory, error);
-  if (result == CommandServer::Start::Running) *server = std::move(made);
-  return result;
+std::unique_ptr<Server> command_exchange::make_server(CommandServer::Handler handler) {
+  return std::make_unique<SocketServer>(std::move(handler));
 }
 
 CommandResult command_exchange::ask_host(const std::filesystem::path& directory,

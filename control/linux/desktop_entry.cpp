@@ -2,7 +2,7 @@
 
 #include <string_view>
 
-#include "control/switches.h"
+#include "control/linux/profile_text.h"
 
 namespace {
 

@@ -50,15 +50,15 @@ struct PipeLink final : Link {
   const WakeEvent* const stop;
 };
 
-class Server final : public CommandServer {
+class PipeServer final : public Server {
  public:
-  explicit Server(Handler handler) : handler_(std::move(handler)) {}
-  ~Server() override {
+  explicit PipeServer(Handler handler) : handler_(std::move(handler)) {}
+  ~PipeServer() override {
     stop_.set();
     if (thread_.joinable()) thread_.join();
   }
 
-  Start listen_in(const std::filesystem::path& directory, std::string* error) {
+  Start listen_in(const std::filesystem::path& directory, std::string* error) override {
     file_ = owned_file(CreateFileW((directory / command_pipe::FILE_NAME).c_str(), GENERIC_WRITE,
                                    FILE_SHARE_READ, attributes_.get(), CREATE_ALWAYS,
                                    FILE_ATTRIBUTE_NORMAL, nullptr));
@@ -70,7 +70,7 @@ class Server final : public CommandServer {
       *error = no_channel(directory, system_error(GetLastError()));
       return Start::Failed;
     }
-    thread_ = std::thread(&Server::run, this);
+    thread_ = std::thread(&PipeServer::run, this);
     return Start::Running;
   }
 
@@ -131,14 +131,8 @@ Handle open_named_file(const std::filesystem::path& directory, Name* name) {
 
 }  // namespace
 
-CommandServer::Start command_exchange::start_server(const std::filesystem::path& directory,
-                                                    CommandServer::Handler handler,
-                                                    std::unique_ptr<CommandServer>* server,
-                                                    std::string* error) {
-  auto made = std::make_unique<Server>(std::move(handler));
-  const CommandServer::Start result = made->listen_in(directory, error);
-  if (result == CommandServer::Start::Running) *server = std::move(made);
-  return result;
+std::unique_ptr<Server> command_exchange::make_server(CommandServer::Handler handler) {
+  return std::make_unique<PipeServer>(std::move(handler));
 }
 
 CommandResult command_exchange::ask_host(const std::filesystem::path& directory,

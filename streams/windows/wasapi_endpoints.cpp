@@ -136,7 +136,9 @@ bool WasapiEndpoints::open(Listener* listener, std::string* error) {
   }
   relay_ = std::make_shared<Relay>(listener);
   device_callback_ = new DeviceCallback(relay_);
-  enumerator_->RegisterEndpointNotificationCallback(device_callback_.Get());
+  // Without news of another default the mute still works on the one that there is.
+  if (FAILED(enumerator_->RegisterEndpointNotificationCallback(device_callback_.Get())))
+    device_callback_.Reset();
   return true;
 }
 

@@ -99,6 +99,24 @@ TEST(DoctorCapture, NoPictureIsAProblem) {
          "the log of a host that is started with --console says more");
 }
 
+TEST(DoctorGraphics, NamesTheCardsEncoderOrWarnsThatTheProcessorServes) {
+  expect(check_graphics({"\\\\.\\DISPLAY1", "hevc_nvenc", true}), "graphics", Verdict::Ok,
+         "the graphics card captures \\\\.\\DISPLAY1 and encodes it by hevc_nvenc (HEVC)");
+  expect(
+      check_graphics({"\\\\.\\DISPLAY1", "", false}), "graphics", Verdict::Warning,
+      "the graphics card doesn't capture and encode \\\\.\\DISPLAY1: the processor does both, and "
+      "needs longer for it",
+      "install the driver of the card's maker, and see that these FFmpeg DLLs have an encoder for "
+      "that card; the log of a host that is started with --console says which were tried");
+}
+
+TEST(DoctorEncoder, HoweverSlowIsWellWhereTheGraphicsCardsIsUsed) {
+  expect(
+      check_encoder({"libopenh264", false, 90'000, 50'000, true}), "encoder", Verdict::Ok,
+      "libopenh264 (H.264) takes 90.0 ms for a frame of 1920x1080, where the graphics card can't "
+      "be used");
+}
+
 TEST(DoctorEncoder, NamesItAndItsTime) {
   expect(check_encoder({"libopenh264", false, 7'890, 7'000}), "encoder", Verdict::Ok,
          "libopenh264 (H.264) takes 7.9 ms for a frame of 1920x1080");

@@ -74,4 +74,21 @@ TEST(SendInput, TheWheelCarriesItsDeltaAsItIs) {
   EXPECT_EQ(send_input::wheel(WheelAxis::Horizontal, -30), (Mouse{0x1000, 0, 0, 0xFFFFFFE2}));
 }
 
+// 8: by the scan code, 2: released, 1: behind the prefix E0.
+TEST(SendInput, AKeyGoesByItsScanCodeUnlessItHasAVirtualKey) {
+  using send_input::Key;
+  constexpr WinKey LETTER{.scan = 0x1E, .extended = 0, .vk = 0};
+  EXPECT_EQ(send_input::key(LETTER, true), (Key{0, 0x1E, 8}));
+  EXPECT_EQ(send_input::key(LETTER, false), (Key{0, 0x1E, 8 | 2}));
+  constexpr WinKey ARROW{.scan = 0x4B, .extended = 1, .vk = 0};
+  EXPECT_EQ(send_input::key(ARROW, true), (Key{0, 0x4B, 8 | 1}));
+  EXPECT_EQ(send_input::key(ARROW, false), (Key{0, 0x4B, 8 | 2 | 1}));
+  constexpr WinKey PAUSE{.scan = 0x45, .extended = 0, .vk = 0x13};
+  EXPECT_EQ(send_input::key(PAUSE, true), (Key{0x13, 0x45, 0}));
+  EXPECT_EQ(send_input::key(PAUSE, false), (Key{0x13, 0x45, 2}));
+  constexpr WinKey MUTE{.scan = 0x20, .extended = 1, .vk = 0xAD};
+  EXPECT_EQ(send_input::key(MUTE, true), (Key{0xAD, 0x20, 1}));
+  EXPECT_EQ(send_input::key(MUTE, false), (Key{0xAD, 0x20, 2 | 1}));
+}
+
 }  // namespace

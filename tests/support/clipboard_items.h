@@ -16,6 +16,10 @@ inline std::string large_text(std::size_t size) {
   return text;
 }
 
+inline std::string text_of(const std::vector<std::uint8_t>& bytes) {
+  return {bytes.begin(), bytes.end()};
+}
+
 // Square, and nothing that compresses: its PNG is about as large as its pixels.
 inline Image noise_picture(std::uint32_t side, bool opaque = false) {
   Image image{side, side, {}};

@@ -5,6 +5,7 @@
 // clang-format on
 
 #include <algorithm>
+#include <cstdlib>
 #include <vector>
 
 #include "apps/lunderhaze/doctor_probe.h"
@@ -191,6 +192,12 @@ bool may_be_made(const std::filesystem::path& directory) {
              static_cast<bool>(opened(above, FILE_ADD_SUBDIRECTORY));
     if (above == above.parent_path()) return false;
   }
+}
+
+// ExitProcess would ask each DLL to end, the graphics driver's among them.
+void end_at_once(int status) {
+  TerminateProcess(GetCurrentProcess(), static_cast<UINT>(status));
+  std::abort();
 }
 
 }  // namespace doctor_platform

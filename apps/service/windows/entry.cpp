@@ -86,7 +86,7 @@ ServiceExit install(const ServiceOptions& options) {
       return fail(EXIT_LOCAL, registered.text + ", but its events have no source (error " +
                                   std::to_string(status) + ")");
   }
-  return tell(registered, ", and starts with Windows; \"sc start Lunderhaze\" starts it now");
+  return tell(registered, ", and starts with Windows; \"net start Lunderhaze\" starts it now");
 }
 
 ServiceExit uninstall(const ServiceOptions&) {
@@ -112,7 +112,7 @@ const char* const DESCRIPTION =
     "keeps\n"
     "it running, and takes orders of lunderhaze-ctl. It is a service of Windows: \"install\" it as "
     "an\n"
-    "administrator, with the options that it is to run with, and \"sc start Lunderhaze\".";
+    "administrator, with the options that it is to run with, and \"net start Lunderhaze\".";
 const char* const EXIT_STATUSES =
     "Exit status: 0 stopped or done, 1 wrong arguments, 2 not LocalSystem, no administrator, or\n"
     "programs that others can change, 3 another service runs, 4 another failure here.";

@@ -14,7 +14,7 @@ Ready prepare(std::string* error) {
   if (host_service::system_process(host_service::Process::current(), nullptr)) return Ready::Yes;
   *error =
       "it must run as LocalSystem, as it rules who may see and use this computer's screens: "
-      "\"lunderhaze-service install\", then \"sc start Lunderhaze\"";
+      "\"lunderhaze-service install\", then \"net start Lunderhaze\"";
   return Ready::NotTheSystem;
 }
 

@@ -1,14 +1,15 @@
 #include "apps/terminal/requests.h"
 
-#include <windows.h>
+#include "apps/terminal/windows/control_event.h"
 
 namespace {
 
 Requests g_requests;  // set before the handler is
 
-// On a thread of its own. A program that has windows isn't told of a logging off this way: it is
-// ended.
-BOOL WINAPI on_control(DWORD kind) {
+}  // namespace
+
+// A program that has windows isn't told of a logging off this way: it is ended.
+BOOL WINAPI answer_control_event(DWORD kind) {
   if (kind == CTRL_BREAK_EVENT && g_requests.report != nullptr) {
     g_requests.report();
     return TRUE;
@@ -20,11 +21,9 @@ BOOL WINAPI on_control(DWORD kind) {
   return TRUE;
 }
 
-}  // namespace
-
 const char* const REPORT_REQUEST = "Ctrl+Break";
 
 void watch_requests(const Requests& requests) {
   g_requests = requests;
-  SetConsoleCtrlHandler(on_control, TRUE);
+  SetConsoleCtrlHandler(answer_control_event, TRUE);
 }

@@ -10,6 +10,7 @@
 #include "connection/clock.h"
 #include "media/cpu_codec.h"
 #include "tests/capture/realtime/h264_decoder.h"
+#include "tests/capture/realtime/untouched_device.h"
 #include "tests/support/captured_log.h"
 
 namespace {
@@ -228,20 +229,9 @@ TEST_F(EncoderTest, EncoderOfAnotherKindIsRefused) {
   EXPECT_EQ(log.count("encoder: libopus is not H264 or HEVC"), 1);
 }
 
-// Nothing of it is asked for where no encoder takes its surfaces.
-class NoDevice final : public EncoderDevice {
- public:
-  void fill(AVHWDeviceContext*) override { ADD_FAILURE(); }
-  void fill(AVHWFramesContext*) override { ADD_FAILURE(); }
-  std::unique_ptr<SurfaceReadBack> make_read_back(int, int, std::uint32_t*) override {
-    ADD_FAILURE();
-    return nullptr;
-  }
-};
-
 TEST_F(EncoderTest, SoftwareEncoderTakesNoDevicesFrames) {
   const CapturedLog log;
-  NoDevice device;
+  UntouchedDevice device;
   EncoderSettings settings;
   settings.width = 640;
   settings.height = 360;

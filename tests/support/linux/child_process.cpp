@@ -96,15 +96,6 @@ bool ChildProcess::read_some(Clock::time_point deadline) {
   return true;
 }
 
-bool ChildProcess::wait_for_output(const std::string& text, std::chrono::milliseconds deadline,
-                                   std::size_t from) {
-  const auto until = Clock::now() + deadline;
-  while (output_.find(text, from) == std::string::npos) {
-    if (!read_some(until)) return false;
-  }
-  return true;
-}
-
 void ChildProcess::reap(bool block) {
   int status = 0;
   if (status_ || waitpid(parts_->pid, &status, block ? 0 : WNOHANG) != parts_->pid) return;

@@ -120,15 +120,6 @@ bool ChildProcess::read_some(Clock::time_point deadline) {
   return !std::exchange(parts_->unread, {}).empty();
 }
 
-bool ChildProcess::wait_for_output(const std::string& text, std::chrono::milliseconds deadline,
-                                   std::size_t from) {
-  const auto until = Clock::now() + deadline;
-  while (output_.find(text, from) == std::string::npos) {
-    if (!read_some(until)) return false;
-  }
-  return true;
-}
-
 void ChildProcess::reap(bool block) {
   DWORD status = 0;
   const DWORD wait_ms = block ? EXIT_MS : 0;

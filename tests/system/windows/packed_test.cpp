@@ -3,9 +3,10 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <chrono>
 #include <cstdint>
 #include <filesystem>
-#include <map>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -156,37 +157,75 @@ TEST_F(PackedForWindowsTest, SaysOfEachProgramAndLibraryWhatItIs) {
   }
   EXPECT_GE(programs, 5);
   EXPECT_GE(libraries, 3);
-  for (const std::string& text : {readme, notices})
+  const std::string page = file_content(packed / "docs/windows.md");
+  EXPECT_TRUE(holds(readme, "docs\\windows.md"));
+  for (const char* linked : {"service.md", "ctl.md"}) {
+    EXPECT_TRUE(holds(page, linked)) << linked;
+    EXPECT_TRUE(fs::exists(packed / "docs" / linked)) << linked;
+  }
+  for (const std::string& text : {readme, notices, page})
     EXPECT_EQ(std::ranges::count(text, '\n'), std::ranges::count(text, '\r'));
 }
 
-TEST_F(PackedForWindowsTest, RunsFromAFolderOfAnyName) {
-  if (!WineDesk::missing().empty()) GTEST_SKIP() << WineDesk::missing();
-  const WineDesk desk;
-  ASSERT_TRUE(desk.running());
-  const fs::path place = desk.drive_c() / "Lunderhaze für Zuhause";
-  fs::copy(SOURCE / "out/windows", place, fs::copy_options::recursive);
-  const std::string readme = file_content(place / "README.txt");
+// On a PC, in a folder with a name beyond ASCII.
+class UnpackedOnAPcTest : public testing::Test {
+ protected:
+  void SetUp() override {
+    if (!WineDesk::missing().empty()) GTEST_SKIP() << WineDesk::missing();
+    desk_.emplace();
+    ASSERT_TRUE(desk_->running());
+    fs::copy(SOURCE / "out/windows", place(), fs::copy_options::recursive);
+  }
+  fs::path place() const { return desk_->drive_c() / "Lunderhaze für Zuhause"; }
+  // Wine takes the names of files, and what a program is called with, as this computer's locale has
+  // them.
+  RunResult run(const std::string& program, const std::vector<std::string>& arguments) const {
+    return desk_->run((place() / program).string(), arguments, std::chrono::seconds(60),
+                      {{"LC_ALL", "C.UTF-8"}});
+  }
+
+  std::optional<WineDesk> desk_;
+};
+
+TEST_F(UnpackedOnAPcTest, EachProgramRunsAndSaysWhatItIs) {
+  const std::string readme = file_content(place() / "README.txt");
   const std::size_t at = readme.find("(revision ") + 10;
   const std::string revision = readme.substr(at, readme.find(')', at) - at);
-  // Wine takes the names of files as this computer's locale has them.
-  const std::map<std::string, std::string> locale = {{"LC_ALL", "C.UTF-8"}};
   int programs = 0;
-  for (const auto& entry : fs::directory_iterator(place)) {
+  for (const auto& entry : fs::directory_iterator(place())) {
     if (entry.path().extension() != ".exe") continue;
     ++programs;
-    const std::string program = entry.path().string();
-    const RunResult version = desk.run(program, {"--version"}, std::chrono::seconds(60), locale);
+    const std::string program = entry.path().filename().string();
+    const RunResult version = run(program, {"--version"});
     EXPECT_EQ(version.status, 0) << program << version.output;
     EXPECT_TRUE(version.output.starts_with("Lunderhaze ")) << program << version.output;
     EXPECT_TRUE(holds(version.output, " (" + revision + ")")) << program << version.output;
     if (entry.path().stem() == "lunderhaze-worker") continue;  // its service's alone
-    const RunResult help = desk.run(program, {"--help"}, std::chrono::seconds(60), locale);
+    const RunResult help = run(program, {"--help"});
     EXPECT_EQ(help.status, 0) << program << help.output;
     EXPECT_TRUE(holds(help.output, "--version")) << program << help.output;
     EXPECT_TRUE(holds(help.output, entry.path().stem().string())) << program << help.output;
   }
   EXPECT_GE(programs, 5);
+}
+
+TEST_F(UnpackedOnAPcTest, PathsBeyondAsciiAreReadMadeAndShownAsTheyAre) {
+  const std::string office = "B\u00fcro \u20ac", japan = "\u65e5\u672c";
+  const RunResult refused =
+      run("lunderhaze-rendezvous.exe", {"--key-file", "C:\\" + office + "\\" + japan});
+  EXPECT_EQ(refused.status, 1);
+  EXPECT_TRUE(holds(refused.output, "cannot read a key from C:\\" + office + "\\" + japan))
+      << refused.output;
+
+  const std::string store = "C:\\" + office + "\\" + japan;
+  const RunResult added =
+      run("lunderhaze-client.exe",
+          {"--store", store, "relay", "add", "lunderhaze-relay://relay.example.org#key"});
+  EXPECT_EQ(added.status, 0) << added.output;
+  EXPECT_TRUE(fs::exists(desk_->drive_c() / office / japan / "relays"));
+  const RunResult listed = run("lunderhaze-client.exe", {"--store", store, "relay", "list"});
+  EXPECT_EQ(listed.status, 0) << listed.output;
+  EXPECT_TRUE(holds(listed.output, "relay.example.org")) << listed.output;
 }
 
 }  // namespace

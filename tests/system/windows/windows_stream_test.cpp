@@ -2,14 +2,21 @@
 // its end.
 #include <signal.h>
 
+#include <set>
+
+#include "apps/client/paint_marker.h"
 #include "tests/system/loss_support.h"
 #include "tests/system/windows/windows_host_support.h"
 
 namespace system_test {
 namespace {
 
-// A picture that moves, and not a speed: with nothing else to do two processors manage 50.
-constexpr int LEAST_FPS = 15;
+// What a computer with nothing else to do shows in 6 s; one that is loaded has a minute for it.
+constexpr int FRAMES = 300;
+constexpr seconds FRAMES_BY{60};
+// One in so many shows another picture than all others, at the least: the loaded computer paints,
+// too.
+constexpr int FRAMES_A_PICTURE = 3;
 
 class WindowsStreamTest : public WindowsHostTest {
  protected:
@@ -22,12 +29,53 @@ class WindowsStreamTest : public WindowsHostTest {
     EXPECT_EQ(decoded.status, 0);
     EXPECT_EQ(decoded.output, "");
   }
+  // For as long as that, and until as many frames have come; a line of the client's is a second.
+  void receive(int length_s, int frames) {
+    ChildProcess& receiver = start_receiver({"--out", out().string()});
+    const auto until = std::chrono::steady_clock::now() + FRAMES_BY + seconds(length_s);
+    double come = 0;
+    std::size_t said = 0;
+    for (int second = 0; second < length_s || come < frames; ++second) {
+      ASSERT_LT(std::chrono::steady_clock::now(), until) << receiver.output();
+      ASSERT_TRUE(receiver.wait_for_output(" fps", seconds(30), said)) << receiver.output();
+      const std::string& output = receiver.output();
+      const std::size_t at = output.find(" fps", said);
+      come += std::stod(output.substr(output.rfind('\n', at) + 1));
+      said = at + 1;
+    }
+    receiver.signal(SIGINT);
+    EXPECT_EQ(receiver.wait(seconds(20)), 0) << receiver.output();
+  }
+  // How many of the recording's pictures differ in the time that is painted in them.
+  std::size_t distinct_pictures() const {
+    const std::string side = std::to_string(MARKER_PIXELS);
+    const std::string squares = std::to_string(MARKER_SQUARES);
+    const std::string levels =
+        run_program({"ffmpeg", "-v", "error", "-i", recording().string(), "-vf",
+                     "crop=" + side + ":" + side + ":0:0,scale=" + squares + ":" + squares +
+                         ":flags=area,format=gray",
+                     "-f", "rawvideo", "-"})
+            .output;
+    constexpr std::size_t PICTURE = MARKER_SQUARES * MARKER_SQUARES;
+    EXPECT_EQ(levels.size() % PICTURE, 0u) << levels;
+    std::set<std::string> seen;
+    for (std::size_t at = 0; at + PICTURE <= levels.size(); at += PICTURE) {
+      std::string bits;
+      for (const char level : levels.substr(at, PICTURE))
+        bits += static_cast<unsigned char>(level) < 128 ? '0' : '1';
+      seen.insert(bits);
+    }
+    return seen.size();
+  }
   void stream_a_moving_picture(int length_s) {
     serve_a_moving_picture();
-    stream(length_s);
+    receive(length_s, FRAMES);
+    if (HasFatalFailure()) return;
     const auto json = report();
-    std::printf("%d s: %s\n", length_s, json.dump().c_str());
-    EXPECT_GT(json["frames"].get<int>(), LEAST_FPS * length_s);
+    const std::size_t pictures = distinct_pictures();
+    std::printf("%d s, %zu distinct pictures: %s\n", length_s, pictures, json.dump().c_str());
+    EXPECT_GE(json["seconds"].get<double>(), length_s);
+    EXPECT_GE(pictures, std::size_t{FRAMES / FRAMES_A_PICTURE});
     EXPECT_EQ(json["frames_undecodable"], 0);
     EXPECT_EQ(json["frames_lost"], 0);
     expect_a_clean_recording();
@@ -49,14 +97,17 @@ TEST_F(WindowsStreamSoakTest, AMinuteOfAMovingPictureArrivesCompleteAndDecodable
 // Windows's clock begins elsewhere than this computer's: where the client would take them for one,
 // the way from the one to the other would take days, or no time.
 TEST_F(WindowsStreamTest, TimesOnTheWayAreThoseOfOneClock) {
+  constexpr double LONGEST_MS = 10'000;  // of a computer under whatever load
+  constexpr int SOME_FRAMES = 60;
   serve_a_moving_picture();
-  stream(3);
+  receive(1, SOME_FRAMES);
+  if (HasFatalFailure()) return;
   const auto latency = report()["latency_ms"];
   ASSERT_TRUE(latency.contains("paint")) << latency.dump();
-  EXPECT_GT(latency["paint"]["samples"].get<int>(), 60);
+  EXPECT_GE(latency["paint"]["samples"].get<int>(), SOME_FRAMES / FRAMES_A_PICTURE);
   for (const char* stage : {"paint", "transport", "total"}) {
     EXPECT_GT(latency[stage]["p50"].get<double>(), 0.0) << stage << ": " << latency.dump();
-    EXPECT_LT(latency[stage]["p50"].get<double>(), 200.0) << stage << ": " << latency.dump();
+    EXPECT_LT(latency[stage]["p50"].get<double>(), LONGEST_MS) << stage << ": " << latency.dump();
   }
 }
 

@@ -1,19 +1,10 @@
 #include <gtest/gtest.h>
 
 #include "capture/encoder.h"
+#include "tests/capture/realtime/untouched_device.h"
 #include "tests/support/captured_log.h"
 
 namespace {
-
-class UntouchedDevice final : public EncoderDevice {
- public:
-  void fill(AVHWDeviceContext*) override { ADD_FAILURE(); }
-  void fill(AVHWFramesContext*) override { ADD_FAILURE(); }
-  std::unique_ptr<SurfaceReadBack> make_read_back(int, int, std::uint32_t*) override {
-    ADD_FAILURE();
-    return nullptr;
-  }
-};
 
 TEST(HardwareEncoders, OfThisBuildAreNoneSoAllSixAreTriedAndNoSoftware) {
   const CapturedLog log;

@@ -155,6 +155,24 @@ TEST_F(GdiSourceTest, SizesOutOfRangeAreRefused) {
   EXPECT_TRUE(open(part_of_desktop(0, 0, 8192, 4096)));
 }
 
+TEST_F(GdiSourceTest, WithoutObjectsOfGdisItIsNotOpen) {
+  const CapturedLog log;
+  for (const std::size_t left : {0, 1}) {
+    const FewGdiObjectsLeft few(left);
+    source_ = make_gdi_source();
+    EXPECT_FALSE(open(part_of_desktop(0, 0, 320, 200))) << left;
+  }
+  EXPECT_EQ(log.count("GDI CPU capture"), 0);
+  EXPECT_TRUE(open(part_of_desktop(0, 0, 320, 200))) << "what was taken in vain has gone back";
+}
+
+TEST_F(GdiSourceTest, PictureThatCannotBeTakenLosesTheCapture) {
+  AcquiredPicture acquired;
+  EXPECT_EQ(source_->acquire(0, wake_, &acquired), AcquireResult::Lost) << "there is no bitmap yet";
+  EXPECT_FALSE(source_->has_picture());
+  EXPECT_FALSE(source_->picture(&picture_));
+}
+
 TEST_F(GdiSourceTest, SourceGivesBackAllThatItTook) {
   const FewGdiObjectsLeft few(100);
   for (int i = 0; i < 200; ++i) {

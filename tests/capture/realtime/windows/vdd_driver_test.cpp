@@ -281,6 +281,66 @@ TEST_F(VddLease, WithoutPipeAndRightsTheDriverIsUsedAsItIs) {
   EXPECT_EQ(file_content(settings_file), SETTINGS);
 }
 
+// Every call of the system's is a record here, but for the look at whether the mode has come: it
+// never does.
+class VddLeaseCalls : public VddLease {
+ protected:
+  VddLeaseCalls() {
+    displays.modes[device] = {FakeDisplays::mode(1280, 720, 60), FakeDisplays::mode(800, 600, 60)};
+    displays.settings[{device, ENUM_CURRENT_SETTINGS}] = HAD;
+    displays.settings[{device, ENUM_REGISTRY_SETTINGS}] = HAD;
+    driver = std::make_unique<WindowsVddDriver>(devices.record(), displays.record());
+  }
+
+  static inline const DEVMODEW HAD = FakeDisplays::mode(1280, 720, 60, 32, {-1280, 7});
+  DisplayInfo out;
+  std::string reason;
+};
+
+TEST_F(VddLeaseCalls, AModeAndItsPlaceAreStoredThenAppliedAndGoBackTheSameWay) {
+  LeasedVirtualDisplays leases(std::move(driver));
+  const DesktopPoint place = {1920, 0};
+  ASSERT_TRUE(leases.acquire(0, 800, 600, 60, &place, &out, &reason)) << reason;
+  ASSERT_EQ(displays.stored.size(), 1u);
+  EXPECT_EQ(displays.applied, 1);
+  // As the monitor would then be.
+  displays.settings[{device, ENUM_CURRENT_SETTINGS}] =
+      FakeDisplays::mode(800, 600, 60, 32, {1920, 0});
+  leases.restore_now();
+  ASSERT_EQ(displays.stored.size(), 2u);
+  EXPECT_EQ(displays.applied, 2);
+  const DEVMODEW wanted[] = {FakeDisplays::mode(800, 600, 60, 32, {1920, 0}), HAD};
+  for (int i = 0; i < 2; ++i) {
+    const FakeDisplays::Change& change = displays.stored[static_cast<std::size_t>(i)];
+    EXPECT_EQ(change.device, device);
+    EXPECT_EQ(change.flags, DWORD{CDS_UPDATEREGISTRY | CDS_NORESET});
+    EXPECT_EQ(change.mode.dmFields, 0x580020u);
+    EXPECT_EQ(change.mode.dmPelsWidth, wanted[i].dmPelsWidth);
+    EXPECT_EQ(change.mode.dmPelsHeight, wanted[i].dmPelsHeight);
+    EXPECT_EQ(change.mode.dmDisplayFrequency, wanted[i].dmDisplayFrequency);
+    EXPECT_EQ(change.mode.dmPosition.x, wanted[i].dmPosition.x);
+    EXPECT_EQ(change.mode.dmPosition.y, wanted[i].dmPosition.y);
+  }
+  EXPECT_EQ(log.count("vdd: " + to_utf8(device) + " back to 1280x720@60: ok"), 1);
+  EXPECT_THAT(devices.calls, testing::IsEmpty());
+}
+
+TEST_F(VddLeaseCalls, AModeThatIsRefusedIsNotAppliedAndOneThatIsNotAppliedIsNoLease) {
+  LeasedVirtualDisplays leases(std::move(driver));
+  displays.store_result = DISP_CHANGE_BADMODE;
+  EXPECT_FALSE(leases.acquire(0, 800, 600, 60, nullptr, &out, &reason));
+  EXPECT_EQ(reason, "could not set the virtual monitor's mode");
+  EXPECT_EQ(log.count("-> 800x600@60: mode not supported"), 1);
+  EXPECT_EQ(displays.applied, 0);
+  displays.store_result = DISP_CHANGE_SUCCESSFUL;
+  displays.apply_result = DISP_CHANGE_RESTART;
+  EXPECT_FALSE(leases.acquire(0, 800, 600, 60, nullptr, &out, &reason));
+  EXPECT_EQ(reason, "could not set the virtual monitor's mode");
+  EXPECT_EQ(log.count("-> 800x600@60: needs a restart"), 1);
+  EXPECT_EQ(displays.applied, 1);
+  EXPECT_EQ(leases.status_line(), "Virtual display: ready, 1 monitor, 0 streamed");
+}
+
 // ---- This computer's own driver, if any
 
 TEST(VirtualDisplaysOfTheSystem, WithoutADriverAreNotInstalled) {

@@ -1,17 +1,15 @@
-// The machine's log: what happens must be on record and out of others' reach, or the store fails.
+// The machine's log: out of others' reach, or the store fails.
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <string>
 
-#include "control/keystore.h"
 #include "control/keystore_internal.h"
-#include "control/log.h"
 #include "control/log_format.h"
+#include "tests/control/realtime/machine_log.h"
 #include "tests/support/linux/access_list.h"
 #include "tests/support/linux/environment.h"
-#include "tests/support/machine_store.h"
 
 namespace {
 
@@ -22,26 +20,9 @@ mode_t mode_of(const fs::path& path) {
   return lstat(path.c_str(), &status) == 0 ? status.st_mode & 07777 : 0;
 }
 
-class MachineLog : public testing::Test {
- protected:
-  void SetUp() override {
-    if (!MachineStore::possible()) GTEST_SKIP() << MachineStore::WHY_NOT;
-    ASSERT_EQ(store_.configure(), "");
-  }
-  void TearDown() override { log_close(); }
+using MachineLogOnLinux = MachineLog;
 
-  fs::path file() const { return store_ / "host.log"; }
-  void open() const { log_open(false, store_.path()); }
-  // Whether a line reaches the file.
-  bool keeps_a_record() const {
-    hlog("on record");
-    return file_content(file()).ends_with("] on record\r\n");
-  }
-
-  MachineStore store_;
-};
-
-TEST_F(MachineLog, LiesInTheStoreForTheSystemAloneAndPassesItsListing) {
+TEST_F(MachineLogOnLinux, LiesInTheStoreForTheSystemAloneAndPassesItsListing) {
   const mode_t former = umask(0);
   open();
   umask(former);
@@ -51,18 +32,7 @@ TEST_F(MachineLog, LiesInTheStoreForTheSystemAloneAndPassesItsListing) {
   EXPECT_EQ(store_.configure(), "");
 }
 
-TEST_F(MachineLog, IsContinuedByTheNextProcess) {
-  open();
-  hlog("before");
-  log_close();
-  ASSERT_EQ(store_.configure(), "");
-  open();
-  EXPECT_EQ(store_failure(), "");
-  EXPECT_NE(file_content(file()).find("] before\r\n"), std::string::npos);
-  EXPECT_TRUE(keeps_a_record());
-}
-
-TEST_F(MachineLog, WithAWrongOwnerModeOrListItFailsTheStoreAndOpensNothing) {
+TEST_F(MachineLogOnLinux, WithAWrongOwnerModeOrListItFailsTheStoreAndOpensNothing) {
   const auto spoil = [this](int way) {
     switch (way) {
       case 0:
@@ -87,7 +57,7 @@ TEST_F(MachineLog, WithAWrongOwnerModeOrListItFailsTheStoreAndOpensNothing) {
   }
 }
 
-TEST_F(MachineLog, ALinkIsNotFollowedAndFailsTheStore) {
+TEST_F(MachineLogOnLinux, ALinkIsNotFollowedAndFailsTheStore) {
   for (const bool leads_somewhere : {true, false}) {
     if (leads_somewhere) write_private_text(store_ / "target", "");
     fs::create_symlink(store_ / "target", file());
@@ -102,36 +72,20 @@ TEST_F(MachineLog, ALinkIsNotFollowedAndFailsTheStore) {
   }
 }
 
-TEST_F(MachineLog, ThatCannotBeOpenedFailsTheStore) {
-  ASSERT_TRUE(fs::create_directory(file()));
-  fs::permissions(file(), fs::perms::owner_all);
-  open();
-  EXPECT_EQ(store_failure(), "machine log open failed");
-}
-
-TEST_F(MachineLog, APipeInItsPlaceFailsTheStoreAndHoldsNobodyUp) {
+TEST_F(MachineLogOnLinux, APipeInItsPlaceFailsTheStoreAndHoldsNobodyUp) {
   ASSERT_EQ(mkfifo(file().c_str(), 0600), 0);
   open();
   EXPECT_EQ(store_failure(), "machine log open failed");
 }
 
-TEST_F(MachineLog, WithoutAStoreToLieInFailsTheStore) {
-  fs::remove_all(store_.path());
-  open();
-  EXPECT_EQ(store_failure(), "machine log open failed");
-  store_.restart();
-  log_open(false, fs::path());
-  EXPECT_EQ(store_failure(), "machine log open failed");
-}
-
-TEST_F(MachineLog, OnAReadOnlyDiskFailsTheStore) {
+TEST_F(MachineLogOnLinux, OnAReadOnlyDiskFailsTheStore) {
   const Mount disk = Mount::read_only(store_.path());
   if (!disk.ok()) GTEST_SKIP() << "needs the right to mount";
   open();
   EXPECT_EQ(store_failure(), "machine log open failed");
 }
 
-TEST_F(MachineLog, ThatTheDirectoryWouldShareWithOthersFailsTheStore) {
+TEST_F(MachineLogOnLinux, ThatTheDirectoryWouldShareWithOthersFailsTheStore) {
   if (!set_access_list(store_.path(), DEFAULT_ACCESS_LIST, 7, 4, 7))
     GTEST_SKIP() << "there are no access lists here";
   open();
@@ -139,7 +93,7 @@ TEST_F(MachineLog, ThatTheDirectoryWouldShareWithOthersFailsTheStore) {
   EXPECT_EQ(file_content(file()), "");
 }
 
-TEST_F(MachineLog, ALineThatAFullDiskDropsDoesNotFailTheStore) {
+TEST_F(MachineLogOnLinux, ALineThatAFullDiskDropsDoesNotFailTheStore) {
   const Mount disk = Mount::tmpfs(store_.path(), "size=64k,mode=0700");
   if (!disk.ok()) GTEST_SKIP() << "needs the right to mount";
   open();
@@ -189,7 +143,7 @@ TEST_F(MachineLogAtItsLimit, AFileThatCannotBeSetAsideGoesOn) {
   EXPECT_EQ(store_failure(), "");
 }
 
-TEST_F(MachineLog, InTheUsersScopeTheSameCostsNothing) {
+TEST_F(MachineLogOnLinux, InTheUsersScopeTheSameCostsNothing) {
   write_private_text(file(), "before\r\n");
   ASSERT_EQ(chmod(file().c_str(), 0644), 0);
   keystore::internal::reset_for_test(keystore::User, store_.path());

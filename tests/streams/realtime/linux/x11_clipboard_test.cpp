@@ -9,7 +9,7 @@
 #include "streams/clipboard_access.h"
 #include "streams/png_codec.h"
 #include "tests/streams/realtime/bridge_ends.h"
-#include "tests/support/clipboard_items.h"
+#include "tests/streams/realtime/clipboard_user.h"
 #include "tests/support/linux/other_program.h"
 #include "tests/support/linux/xclip.h"
 #include "tests/support/xvfb.h"
@@ -21,20 +21,9 @@ using testing::Not;
 using Bytes = std::vector<std::uint8_t>;
 
 constexpr std::uint32_t SOON_MS = 10'000;
-constexpr std::uint64_t TEXT_MAX = 2 << 20;
 constexpr std::uint64_t PICTURE_MAX = 64 << 20;
 
-std::string text_of(const Bytes& bytes) {
-  return {bytes.begin(), bytes.end()};
-}
-
-std::shared_ptr<const ClipboardContent> text_content(const std::string& text) {
-  auto content = std::make_shared<ClipboardContent>();
-  content->text = text;
-  return content;
-}
-
-class X11ClipboardTest : public testing::Test {
+class X11ClipboardTest : public testing::Test, protected ClipboardUser {
  protected:
   void SetUp() override {
     ASSERT_TRUE(server_.running());
@@ -52,25 +41,7 @@ class X11ClipboardTest : public testing::Test {
     return xclip;
   }
   std::string paste(const std::string& target) { return xclip_paste(server_.display(), target); }
-  std::optional<ClipboardBlock> read(ClipboardForm form, std::uint64_t most) {
-    if (!access_->open()) {
-      ADD_FAILURE() << "can't be opened";
-      return std::nullopt;
-    }
-    EXPECT_TRUE(access_->has(form));
-    auto block = access_->read(form, most);
-    access_->close();
-    return block;
-  }
-  std::string read_text() {
-    const auto block = read(ClipboardForm::Text, TEXT_MAX);
-    return block ? text_of(block->bytes) : "nothing";
-  }
-  std::uint32_t put(const std::shared_ptr<const ClipboardContent>& content) {
-    const auto sequence = access_->write(content);
-    EXPECT_TRUE(sequence);
-    return sequence.value_or(0);
-  }
+  ClipboardAccess& access() override { return *access_; }
   std::uint32_t put_text(const std::string& text) { return put(text_content(text)); }
   // What the listener does while the test plays the other program.
   std::future<bool> opening() {
@@ -204,7 +175,7 @@ TEST_F(X11ClipboardTest, AClipboardThatNobodyOwnsIsEmpty) {
   ASSERT_TRUE(access_->open());
   EXPECT_FALSE(access_->has(ClipboardForm::Png));
   EXPECT_FALSE(access_->has(ClipboardForm::PrivateMark));
-  EXPECT_FALSE(access_->read(ClipboardForm::Text, TEXT_MAX));
+  EXPECT_FALSE(access_->read(ClipboardForm::Text, CLIPBOARD_TEXT_MAX));
 }
 
 TEST_F(X11ClipboardTest, SeveralTargetsAreServedAtOnceAndThoseItHasNotAreNamed) {
@@ -252,7 +223,7 @@ TEST_F(X11ClipboardTest, AnOwnerThatNeverAnswersHoldsUpNobodyForLong) {
   // And one who has answered at first.
   OtherProgram hopeful;
   open_for(hopeful, {hopeful.atoms.utf8_string});
-  EXPECT_FALSE(access_->read(ClipboardForm::Text, TEXT_MAX));
+  EXPECT_FALSE(access_->read(ClipboardForm::Text, CLIPBOARD_TEXT_MAX));
   // The clipboard is of use again.
   put_text("mine");
   EXPECT_EQ(paste("UTF8_STRING"), "mine");
@@ -261,7 +232,7 @@ TEST_F(X11ClipboardTest, AnOwnerThatNeverAnswersHoldsUpNobodyForLong) {
 TEST_F(X11ClipboardTest, AnOwnerThatStopsBetweenPiecesHoldsUpNobodyForLong) {
   OtherProgram program;
   open_for(program, {program.atoms.utf8_string});
-  auto block = reading(ClipboardForm::Text, TEXT_MAX);
+  auto block = reading(ClipboardForm::Text, CLIPBOARD_TEXT_MAX);
   const auto request = program.announce(program.atoms.utf8_string, 1'000'000);
   program.piece(request, program.atoms.utf8_string, "the first");
   EXPECT_FALSE(block.get());
@@ -271,7 +242,7 @@ TEST_F(X11ClipboardTest, AnOwnerThatStopsBetweenPiecesHoldsUpNobodyForLong) {
 TEST_F(X11ClipboardTest, AnOwnerThatDiesBetweenPiecesEndsTheTransfer) {
   auto program = std::make_unique<OtherProgram>();
   open_for(*program, {program->atoms.utf8_string});
-  auto block = reading(ClipboardForm::Text, TEXT_MAX);
+  auto block = reading(ClipboardForm::Text, CLIPBOARD_TEXT_MAX);
   const auto request = program->announce(program->atoms.utf8_string, 1'000'000);
   program->piece(request, program->atoms.utf8_string, "the first");
   program.reset();
@@ -283,7 +254,7 @@ TEST_F(X11ClipboardTest, AnOwnerThatDiesBetweenPiecesEndsTheTransfer) {
 TEST_F(X11ClipboardTest, ANewChangeEndsTheReadingOfTheLast) {
   OtherProgram program;
   open_for(program, {program.atoms.utf8_string});
-  auto block = reading(ClipboardForm::Text, TEXT_MAX);
+  auto block = reading(ClipboardForm::Text, CLIPBOARD_TEXT_MAX);
   program.announce(program.atoms.utf8_string, 1'000'000);
   OtherProgram newer;
   newer.own();
@@ -295,7 +266,7 @@ TEST_F(X11ClipboardTest, ANewChangeEndsTheReadingOfTheLast) {
 TEST_F(X11ClipboardTest, PiecesOfAnySizeMakeTheWhole) {
   OtherProgram program;
   open_for(program, {program.atoms.text_utf8});
-  auto block = reading(ClipboardForm::Text, TEXT_MAX);
+  auto block = reading(ClipboardForm::Text, CLIPBOARD_TEXT_MAX);
   const auto request = program.announce(program.atoms.text_utf8, 0);
   for (const char* piece : {"a", "bcd", "efghijklm", ""})
     program.piece(request, program.atoms.text_utf8, piece);
@@ -407,7 +378,7 @@ TEST_F(X11ClipboardTest, APrivateMarkIsTheHintThatSaysSecret) {
 TEST_F(X11ClipboardTest, AnOldProgramsLatin1IsRead) {
   OtherProgram program;
   open_for(program, {XCB_ATOM_STRING});
-  auto block = reading(ClipboardForm::Text, TEXT_MAX);
+  auto block = reading(ClipboardForm::Text, CLIPBOARD_TEXT_MAX);
   program.answer(XCB_ATOM_STRING, XCB_ATOM_STRING,
                  "gr\xFC\xDF"
                  "e");
@@ -426,7 +397,7 @@ TEST_F(X11ClipboardTest, AProgramThatKnowsNoTargetsHasText) {
   program.refuse(program.atoms.targets);
   ASSERT_TRUE(opened.get());
   EXPECT_TRUE(access_->has(ClipboardForm::Text));
-  auto block = reading(ClipboardForm::Text, TEXT_MAX);
+  auto block = reading(ClipboardForm::Text, CLIPBOARD_TEXT_MAX);
   program.answer(XCB_ATOM_STRING, XCB_ATOM_STRING, "old");
   EXPECT_EQ(text_of(block.get().value().bytes), "old");
 }
@@ -485,7 +456,7 @@ TEST_F(X11ClipboardTest, AServerThatDiesAndComesBackIsUsedAgain) {
 TEST_F(X11ClipboardTest, InterruptedItWaitsForNothing) {
   OtherProgram program;
   open_for(program, {program.atoms.utf8_string});
-  auto block = reading(ClipboardForm::Text, TEXT_MAX);
+  auto block = reading(ClipboardForm::Text, CLIPBOARD_TEXT_MAX);
   program.announce(program.atoms.utf8_string, 1'000'000);
   access_->interrupt();
   EXPECT_FALSE(block.get());

@@ -8,6 +8,7 @@
 #include "capture/windows/input_desktop.h"
 #include "streams/input.h"
 #include "tests/support/captured_log.h"
+#include "tests/support/windows/desktops/desktop_calls.h"
 #include "tests/support/windows/input_hook.h"
 #include "tests/support/windows/input_window.h"
 
@@ -257,6 +258,38 @@ TEST_F(SendInputDesktopTest, HandlesThatAreGivenOutAreTheOnesThatAreTaken) {
   EXPECT_FALSE(sink.attach_this_thread(first));
   EXPECT_TRUE(sink.desktop_name(second, &name));
   sink.close_desktop(second);
+}
+
+// On desktops that are made up, by events that send nothing.
+TEST(SendInputDesktopCalls, EachEventLooksWhereTheInputIsAndAttachesTheThreadWhereItIsNotYet) {
+  DesktopCalls calls;
+  {
+    InputInjector injector(make_send_input_sink());
+    injector.mouse_wheel(0, 0);
+    EXPECT_THAT(calls.take(), IsEmpty());
+    injector.set_input_desktop_tracking(true);
+    injector.mouse_wheel(0, 0);
+    EXPECT_THAT(calls.take(), ElementsAre("open a1: 1", "attach 1"));
+    injector.mouse_wheel(0, 0);
+    EXPECT_THAT(calls.take(), ElementsAre("open a1: 2", "close 2"));
+    calls.input = L"Winlogon";
+    calls.attaches = false;
+    injector.mouse_wheel(0, 0);
+    EXPECT_THAT(calls.take(), ElementsAre("open a1: 3", "attach 3", "close 3"));
+    calls.attaches = true;
+    injector.mouse_wheel(0, 0);
+    EXPECT_THAT(calls.take(), ElementsAre("open a1: 4", "attach 4", "close 1"));
+    calls.tells_names = false;
+    injector.mouse_wheel(0, 0);
+    EXPECT_THAT(calls.take(), ElementsAre("open a1: 5", "close 5"));
+    calls.opens = false;
+    injector.mouse_wheel(0, 0);
+    EXPECT_THAT(calls.take(), IsEmpty());
+    EXPECT_EQ(calls.open_handles(), 1);
+    calls.leave();
+  }
+  EXPECT_THAT(calls.take(), ElementsAre("close 4"));
+  EXPECT_EQ(calls.open_handles(), 0);
 }
 
 }  // namespace

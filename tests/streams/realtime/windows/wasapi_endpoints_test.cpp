@@ -201,6 +201,14 @@ TEST_F(WasapiEndpointsTest, CallbacksThatTheSystemKeepsReachNobodyOnceClosed) {
   EXPECT_EQ(device_callback->Release(), 1U);
 }
 
+TEST_F(WasapiEndpointsTest, ACallbackThatIsRefusedIsNotTakenBackAndTheRestWorks) {
+  devices_.stage.fail<&IMMDeviceEnumerator::RegisterEndpointNotificationCallback>(E_OUTOFMEMORY);
+  open();
+  EXPECT_EQ(endpoints_.is_muted("speakers"), 0);
+  endpoints_.close();
+  EXPECT_EQ(devices_.stage.count("IMMDeviceEnumerator::UnregisterEndpointNotificationCallback"), 0);
+}
+
 TEST_F(WasapiEndpointsTest, ACallbackIsWhatItIsRegisteredAsAndNothingElse) {
   open();
   IMMNotificationClient& callback = *devices_.device_callbacks[0].Get();

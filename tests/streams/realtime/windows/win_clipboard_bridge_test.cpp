@@ -27,14 +27,21 @@ using other_program::UNICODE_TEXT;
 
 constexpr char TOO_BUSY_TO_READ[] = "clipboard: could not open the clipboard to read a change";
 
-std::string text_of(const Bytes& bytes) {
-  return {bytes.begin(), bytes.end()};
-}
+// Where the listener says that it has come, and waits until it may go on.
+struct Gate {
+  void pass() {
+    come.set();
+    go.wait(ClipboardAccess::FOREVER_MS);
+  }
+  WakeEvent come{WakeEvent::Reset::Auto};
+  WakeEvent go{WakeEvent::Reset::Manual};
+};
 
-// The real one, whose listener can be stopped between hearing of a change and looking at it.
+// The real one, with a gate between hearing of a change and looking at it, and one behind finding
+// the clipboard busy, where they aren't null.
 class GatedClipboard final : public ClipboardAccess {
  public:
-  explicit GatedClipboard(WakeEvent* heard, WakeEvent* go) : heard_(heard), go_(go) {}
+  GatedClipboard(Gate* change, Gate* refusal) : change_(change), refusal_(refusal) {}
 
   const ClipboardTraits& traits() const override { return real_->traits(); }
   bool start(const ClipboardLog& log) override { return real_->start(log); }
@@ -42,14 +49,15 @@ class GatedClipboard final : public ClipboardAccess {
   bool has_pictures() override { return real_->has_pictures(); }
   bool wait(std::uint32_t timeout_ms) override {
     const bool changed = real_->wait(timeout_ms);
-    if (changed && heard_ != nullptr) {
-      heard_->set();
-      go_->wait(ClipboardAccess::FOREVER_MS);
-    }
+    if (changed && change_ != nullptr) change_->pass();
     return changed;
   }
   std::uint32_t sequence() override { return real_->sequence(); }
-  bool open() override { return real_->open(); }
+  bool open() override {
+    const bool opened = real_->open();
+    if (!opened && refusal_ != nullptr) refusal_->pass();
+    return opened;
+  }
   bool has(ClipboardForm form) override { return real_->has(form); }
   std::optional<ClipboardBlock> read(ClipboardForm form, std::uint64_t most) override {
     return real_->read(form, most);
@@ -62,8 +70,8 @@ class GatedClipboard final : public ClipboardAccess {
   void interrupt() override { real_->interrupt(); }
 
  private:
-  WakeEvent* const heard_;
-  WakeEvent* const go_;
+  Gate* const change_;
+  Gate* const refusal_;
   const std::unique_ptr<ClipboardAccess> real_ = make_clipboard_access();
 };
 
@@ -73,12 +81,14 @@ class WinClipboardBridge : public testing::Test {
     other_program::copy({});
     begin();
   }
-  ~WinClipboardBridge() override { go_.set(); }
+  ~WinClipboardBridge() override {
+    change_.go.set();
+    refusal_.go.set();
+  }
 
-  void begin(bool gated = false) {
+  void begin(Gate* change = nullptr, Gate* refusal = nullptr) {
     session_.reset();
-    host_.emplace(std::make_unique<GatedClipboard>(gated ? &heard_ : nullptr, &go_),
-                  host_lines_.log(), true);
+    host_.emplace(std::make_unique<GatedClipboard>(change, refusal), host_lines_.log(), true);
     ASSERT_TRUE(host_->start());
     if (!client_started_) {
       ASSERT_TRUE(client_.start());
@@ -109,8 +119,7 @@ class WinClipboardBridge : public testing::Test {
   Lines host_lines_;
   Lines client_lines_;
   Desktop desktop_;
-  WakeEvent heard_{WakeEvent::Reset::Auto};
-  WakeEvent go_{WakeEvent::Reset::Manual};
+  Gate change_, refusal_;
   ClipboardSync client_{std::make_unique<DesktopClipboard>(desktop_), client_lines_.log(), true};
   std::optional<ClipboardSync> host_;
   bool client_started_ = false;
@@ -294,25 +303,26 @@ TEST_F(WinClipboardBridge, ABitmapThatIsNoneSaysSoAndTheNextOneGoes) {
 // ---- With a clipboard that is busy
 
 TEST_F(WinClipboardBridge, AClipboardThatIsBusyForAWhileIsReadWhenItIsFree) {
-  begin(true);
+  begin(&change_, &refusal_);
   other_program::copy_text(L"while busy");
-  ASSERT_TRUE(heard_.wait(20'000));
+  ASSERT_TRUE(change_.come.wait(20'000));
   {
     const Holder holder;
-    go_.set();
-    std::this_thread::sleep_for(std::chrono::milliseconds(100));  // of 330 until it gives up
+    change_.go.set();
+    ASSERT_TRUE(refusal_.come.wait(20'000));
   }
+  refusal_.go.set();
   EXPECT_EQ(at_client("while busy"), "while busy");
   EXPECT_THAT(host_lines_.all(), Not(Contains(TOO_BUSY_TO_READ)));
 }
 
 TEST_F(WinClipboardBridge, AClipboardThatStaysBusyIsGivenUpWithOneLineEachWay) {
-  begin(true);
+  begin(&change_);
   other_program::copy_text(L"never read");
-  ASSERT_TRUE(heard_.wait(20'000));
+  ASSERT_TRUE(change_.come.wait(20'000));
   {
     const Holder holder;
-    go_.set();
+    change_.go.set();
     EXPECT_TRUE(host_lines_.wait_for(TOO_BUSY_TO_READ));
     desktop_.copy_text("never written");
     EXPECT_TRUE(host_lines_.wait_for("clipboard: could not open the clipboard to set #1"));

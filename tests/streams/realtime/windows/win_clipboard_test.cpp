@@ -7,8 +7,8 @@
 #include "streams/clipboard_access.h"
 #include "streams/png_codec.h"
 #include "tests/streams/dib_builder.h"
+#include "tests/streams/realtime/clipboard_user.h"
 #include "tests/streams/realtime/windows/other_program.h"
-#include "tests/support/clipboard_items.h"
 
 namespace {
 
@@ -20,21 +20,10 @@ using other_program::PNG;
 using other_program::UNICODE_TEXT;
 
 constexpr std::uint32_t SOON_MS = 10'000;
-constexpr std::uint64_t TEXT_MAX = 2 << 20;
 constexpr std::uint64_t PICTURE_MAX = 64 << 20;
 constexpr wchar_t PRIVATE[] = L"ExcludeClipboardContentFromMonitorProcessing";
 
-std::string text_of(const Bytes& bytes) {
-  return {bytes.begin(), bytes.end()};
-}
-
-std::shared_ptr<const ClipboardContent> text_content(const std::string& text) {
-  auto content = std::make_shared<ClipboardContent>();
-  content->text = text;
-  return content;
-}
-
-class WinClipboardTest : public testing::Test {
+class WinClipboardTest : public testing::Test, protected ClipboardUser {
  protected:
   void SetUp() override {
     ASSERT_TRUE(access_->start([](const std::string& line) { ADD_FAILURE() << line; }));
@@ -51,30 +40,12 @@ class WinClipboardTest : public testing::Test {
     other_program::copy_text(text);
     EXPECT_TRUE(access_->wait(SOON_MS)) << "no change";
   }
-  std::optional<ClipboardBlock> read(ClipboardForm form, std::uint64_t most) {
-    if (!access_->open()) {
-      ADD_FAILURE() << "can't be opened";
-      return std::nullopt;
-    }
-    EXPECT_TRUE(access_->has(form));
-    auto block = access_->read(form, most);
-    access_->close();
-    return block;
-  }
-  std::string read_text() {
-    const auto block = read(ClipboardForm::Text, TEXT_MAX);
-    return block ? text_of(block->bytes) : "nothing";
-  }
+  ClipboardAccess& access() override { return *access_; }
   bool has(ClipboardForm form) {
     EXPECT_TRUE(access_->open());
     const bool there = access_->has(form);
     access_->close();
     return there;
-  }
-  std::uint32_t put(const std::shared_ptr<const ClipboardContent>& content) {
-    const auto sequence = access_->write(content);
-    EXPECT_TRUE(sequence);
-    return sequence.value_or(0);
   }
 
   std::unique_ptr<ClipboardAccess> access_ = make_clipboard_access();
@@ -148,7 +119,7 @@ TEST_F(WinClipboardTest, MoreThanMayBeReadIsCountedAndNotHeld) {
 
 TEST_F(WinClipboardTest, OfAHugeTextTheSizeIsToldAndNothingHeld) {
   copy_text(std::wstring(20'000'000, L'x'));
-  const auto block = read(ClipboardForm::Text, TEXT_MAX);
+  const auto block = read(ClipboardForm::Text, CLIPBOARD_TEXT_MAX);
   ASSERT_TRUE(block);
   EXPECT_TRUE(block->bytes.empty());
   EXPECT_EQ(block->size, 20'000'000u);
@@ -218,7 +189,7 @@ TEST_F(WinClipboardTest, AnEmptyClipboardHasNothing) {
        {ClipboardForm::PrivateMark, ClipboardForm::Text, ClipboardForm::Png, ClipboardForm::Dib})
     EXPECT_FALSE(has(form));
   ASSERT_TRUE(access_->open());
-  EXPECT_FALSE(access_->read(ClipboardForm::Text, TEXT_MAX));
+  EXPECT_FALSE(access_->read(ClipboardForm::Text, CLIPBOARD_TEXT_MAX));
   access_->close();
 }
 

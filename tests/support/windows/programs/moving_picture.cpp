@@ -3,7 +3,8 @@
 //                         (apps/client/paint_marker.h), 60 a second
 //   moving_picture still  text and a grid, of which one small spot blinks, so that frames keep
 //   coming
-// It says "painted" once it is on the screen, and runs until it is ended.
+// It says "painted" once it is on the screen, and runs until Ctrl+C.
+#include <atomic>
 #include <cmath>
 #include <cstdio>
 #include <string>
@@ -119,6 +120,14 @@ HWND open_window(int width, int height) {
                          nullptr);
 }
 
+// Ended from another thread while it paints, it might leave a lock of the drawing's behind, for
+// which its end would wait.
+std::atomic<bool> g_ended{false};
+BOOL WINAPI end_after_this_frame(DWORD) {
+  g_ended = true;
+  return TRUE;
+}
+
 }  // namespace
 
 int main(int count, char** arguments) {
@@ -128,11 +137,12 @@ int main(int count, char** arguments) {
   const HWND window = open_window(width, height);
   if (window == nullptr) return 1;
   timeBeginPeriod(1);
+  SetConsoleCtrlHandler(end_after_this_frame, TRUE);
   const Canvas canvas(window, width, height);
   paint_background(canvas);
   if (still) paint_grid(canvas);
   std::uint64_t due_us = lund_now_us();
-  for (unsigned frame = 0;; ++frame) {
+  for (unsigned frame = 0; !g_ended; ++frame) {
     MSG message;
     while (PeekMessageW(&message, nullptr, 0, 0, PM_REMOVE)) DispatchMessageW(&message);
     if (still)

@@ -133,10 +133,14 @@ json finding(const json& report, const std::string& check) {
 TEST_F(HostProgram, TheDoctorSaysWhatIsThereAndWhatIsMissing) {
   const json report = doctor(L"--port " + to_wide(port_));
   EXPECT_EQ(report["port"], std::stoi(port_));
-  for (const char* check : {"display", "capture", "input", "clipboard", "encoder", "port",
-                            "firewall", "relays", "sound", "store"})
+  for (const char* check : {"display", "capture", "graphics", "input", "clipboard", "encoder",
+                            "port", "firewall", "relays", "sound", "store"})
     EXPECT_THAT(finding(report, check)["text"].get<std::string>(), Not(testing::IsEmpty()));
   EXPECT_EQ(finding(report, "port")["text"], "UDP port " + port_ + " is free");
+  // Wine has no desktop duplication.
+  EXPECT_EQ(finding(report, "graphics")["verdict"], "warning");
+  EXPECT_THAT(finding(report, "graphics")["text"].get<std::string>(),
+              HasSubstr("doesn't capture and encode"));
   EXPECT_EQ(finding(report, "firewall")["verdict"], "warning");
   EXPECT_THAT(finding(report, "firewall")["text"].get<std::string>(),
               HasSubstr("could not be asked"));

@@ -59,7 +59,7 @@ void holds(const ProgramEnd& end, int status, const std::string& text) {
 TEST(ServiceProgram, AnOrdinaryUsersRunEndsWith2AndSaysHowItIsStarted) {
   holds(run_program(L"lunderhaze-service.exe run"), 2,
         "it must run as LocalSystem, as it rules who may see and use this computer's screens: "
-        "\"lunderhaze-service install\", then \"sc start Lunderhaze\"\n");
+        "\"lunderhaze-service install\", then \"net start Lunderhaze\"\n");
 }
 
 TEST(ServiceProgram, WrongArgumentsEndItWith1) {
@@ -171,9 +171,10 @@ class ServiceOfTheSystem : public testing::Test {
 };
 
 TEST_F(ServiceOfTheSystem, InstallMakesItTheSystemsStartedWithWindowsAndSaysWhatIsNext) {
-  holds(install(), 0,
-        "The service \"Lunderhaze\" is installed, and starts with Windows; \"sc start Lunderhaze\" "
-        "starts it now\n");
+  holds(
+      install(), 0,
+      "The service \"Lunderhaze\" is installed, and starts with Windows; \"net start Lunderhaze\" "
+      "starts it now\n");
   alignas(QUERY_SERVICE_CONFIGW) std::array<BYTE, 8'192> bytes;
   auto* config = reinterpret_cast<QUERY_SERVICE_CONFIGW*>(bytes.data());
   DWORD needed = 0;
@@ -241,7 +242,7 @@ TEST_F(ServiceOfTheSystem, TheManagersStopEndsTheWorkerFirstAndThenTheService) {
   EXPECT_EQ(state().dwWin32ExitCode, DWORD{NO_ERROR});
   EXPECT_EQ(WaitForSingleObject(service_process.get(), 10'000), WAIT_OBJECT_0);
   EXPECT_TRUE(running_programs(WORKER_FILE).empty());
-  holds(ctl(L"status"), 4, "start it with \"sc start Lunderhaze\"");
+  holds(ctl(L"status"), 4, "start it with \"net start Lunderhaze\"");
   // And again.
   start_service();
   EXPECT_TRUE(comes_true(worker_runs));

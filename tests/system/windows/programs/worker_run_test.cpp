@@ -210,6 +210,18 @@ TEST_F(WorkerOfTheSystem, ASaveThatFailsIsAnsweredAndEndsItWith6) {
   expect_end(ExitCode::StoreFailed);
 }
 
+TEST_F(WorkerOfTheSystem, ADeviceThatCannotBeSavedEndsItWith6) {
+  start_worker();
+  const std::string pin = ask(Verb::PairingOpen, {60, 0, 0, 0});
+  fs::create_directory(installed_->stored("authorized_clients"));
+  const TempDirectory client;
+  const ProgramEnd paired = run_program(L"lunderhaze-client.exe --store " + client.path().native() +
+                                        L" pair --host 127.0.0.1 --pin " + to_wide(pin));
+  expect_end(ExitCode::StoreFailed);
+  EXPECT_THAT(log(), HasSubstr("paired device persistence failed; authorization was not saved"))
+      << paired.output;
+}
+
 // ---- What else a service needs of it
 
 TEST_F(WorkerOfTheSystem, TheServiceKnowsItsWorkerByItsPipes) {

@@ -1,29 +1,10 @@
-// The machine's log where its store is private: what happens must be on record, or the store fails.
-#include <gtest/gtest.h>
-
-#include "control/keystore.h"
-#include "control/log.h"
+// The machine's log: what happens must be on record, or the store fails.
 #include "control/log_format.h"
-#include "tests/support/machine_store.h"
+#include "tests/control/realtime/machine_log.h"
 
 namespace {
 
 namespace fs = std::filesystem;
-
-class MachineLog : public testing::Test {
- protected:
-  void SetUp() override { ASSERT_EQ(store_.configure(), ""); }
-  void TearDown() override { log_close(); }
-
-  fs::path file() const { return store_ / "host.log"; }
-  void open() const { log_open(false, store_.path()); }
-  bool keeps_a_record() const {
-    hlog("on record");
-    return file_content(file()).ends_with("] on record\r\n");
-  }
-
-  MachineStore store_;
-};
 
 TEST_F(MachineLog, LiesInTheStoreAndIsContinuedByTheNextProcess) {
   open();
@@ -38,6 +19,7 @@ TEST_F(MachineLog, LiesInTheStoreAndIsContinuedByTheNextProcess) {
 
 TEST_F(MachineLog, ThatCannotBeOpenedFailsTheStore) {
   ASSERT_TRUE(fs::create_directory(file()));
+  make_private(file());
   open();
   EXPECT_EQ(store_failure(), "machine log open failed");
 }
@@ -45,6 +27,9 @@ TEST_F(MachineLog, ThatCannotBeOpenedFailsTheStore) {
 TEST_F(MachineLog, WithoutAStoreToLieInFailsTheStore) {
   fs::remove_all(store_.path());
   open();
+  EXPECT_EQ(store_failure(), "machine log open failed");
+  store_.restart();
+  log_open(false, fs::path());
   EXPECT_EQ(store_failure(), "machine log open failed");
 }
 

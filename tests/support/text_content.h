@@ -1,0 +1,10 @@
+// A text file, whichever way the system ends lines.
+#pragma once
+
+#include "tests/support/temp_directory.h"
+
+inline std::string text_content(const std::filesystem::path& path) {
+  std::string text = file_content(path);
+  std::erase(text, '\r');
+  return text;
+}
