@@ -106,6 +106,14 @@ TEST_F(EncoderSurfaces, SurfaceComesRoundAgainOnceTheEncoderIsDoneWithIt) {
   EXPECT_EQ(gpu_.textures.size(), 2u);
 }
 
+TEST_F(EncoderSurfaces, SurfaceIsTheEncodersAloneOnceItWasSent) {
+  ASSERT_TRUE(open_zero_copy());
+  codec().holds_frames = true;
+  EncoderSurface surface;
+  ASSERT_TRUE(encoder_.begin_frame(&surface) && end_frame());
+  EXPECT_EQ(av_buffer_get_ref_count(codec().held[0]->buf[0]), 1);
+}
+
 TEST_F(EncoderSurfaces, SurfaceThatCannotBeMadeIsTold) {
   ASSERT_TRUE(open_zero_copy());
   gpu_.stage.fail<&ID3D11Device::CreateTexture2D>(E_OUTOFMEMORY);
