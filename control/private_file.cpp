@@ -54,3 +54,8 @@ bool write_private_file(const std::filesystem::path& path, const void* data, std
   store_platform::remove_file(temporary);
   return false;
 }
+
+bool ensure_private_file(const std::filesystem::path& path) {
+  return may_write(path) &&
+         (!store_platform::is_absent(path) || store_platform::create_file(path, nullptr, 0));
+}

@@ -22,3 +22,8 @@ store_platform::Read read_private_file(const std::filesystem::path& path, std::s
 // when any of it fails. The machine scope writes only while the store is healthy, and only into a
 // private directory.
 bool write_private_file(const std::filesystem::path& path, const void* data, std::size_t size);
+
+// An empty one, for calls of the system's that would make the file themselves and for more than
+// those whom it is for: the machine's store refuses to start beside such a file. What is there
+// stays. False when there is none afterwards, or it isn't private.
+bool ensure_private_file(const std::filesystem::path& path);

@@ -13,7 +13,7 @@ long profile_file::number(const std::filesystem::path& path, const std::string& 
 
 bool profile_file::set(const std::filesystem::path& path, const std::string& section,
                        const std::string& key, const std::string& value) {
-  return trusted_or_absent(path) &&
+  return ensure_private_file(path) &&
          WritePrivateProfileStringW(to_wide(section).c_str(), to_wide(key).c_str(),
                                     to_wide(value).c_str(), path.c_str()) != FALSE;
 }

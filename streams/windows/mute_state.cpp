@@ -4,7 +4,7 @@
 
 #include <cstdio>
 
-#include "control/store_platform.h"
+#include "control/private_file.h"
 #include "control/windows/handles.h"
 
 namespace {
@@ -12,8 +12,7 @@ namespace {
 using File = Owned<NullableKind<std::FILE*, std::fclose>>;
 
 bool write_to_disk(const std::filesystem::path& path, const std::string& text) {
-  // N: no process that is started meanwhile inherits it.
-  File file(_wfopen(path.c_str(), L"wbN"));
+  File file(_wfopen(path.c_str(), L"r+b"));
   return file && std::fwrite(text.data(), 1, text.size(), file.get()) == text.size() &&
          std::fflush(file.get()) == 0 && _commit(_fileno(file.get())) == 0 &&
          std::fclose(file.release()) == 0;
@@ -24,7 +23,10 @@ bool write_to_disk(const std::filesystem::path& path, const std::string& text) {
 bool write_mute_state(const std::filesystem::path& path, const std::string& text) {
   std::filesystem::path fresh = path;
   fresh += L".new";
-  if (write_to_disk(fresh, text) && store_platform::replace_file(fresh, path)) return true;
+  // A crash may have left one with half a text.
+  if (store_platform::remove_file(fresh) && ensure_private_file(fresh) &&
+      write_to_disk(fresh, text) && store_platform::replace_file(fresh, path))
+    return true;
   store_platform::remove_file(fresh);
   return false;
 }

@@ -7,6 +7,7 @@
 #include "control/keystore_internal.h"
 #include "control/log.h"
 #include "control/log_format.h"
+#include "control/switches.h"
 #include "control/windows/handles.h"
 #include "tests/support/machine_store.h"
 #include "tests/support/windows/machine/system_calls.h"
@@ -135,6 +136,20 @@ TEST_F(MachineCalls, ALogThatCannotBeOpenedFailsTheStore) {
   calls.fail("CreateFileW", ERROR_ACCESS_DENIED);
   log_open(false, store_.path());
   EXPECT_EQ(store_failure(), "machine log open failed");
+}
+
+// Windows itself makes the file of a profile with what its directory hands down, and a store with
+// such a file in it doesn't start again.
+TEST_F(MachineCalls, AProfileIsCreatedForTheSystemAloneBeforeWindowsWritesIt) {
+  SystemCalls calls;
+  EXPECT_TRUE(save_mute_host(store_.path(), false));
+  EXPECT_THAT(calls.take(),
+              ElementsAre(creation("host.ini", MACHINES), "WriteFile 0", "FlushFileBuffers "));
+  EXPECT_FALSE(load_mute_host(store_.path()));
+  EXPECT_TRUE(save_mute_host(store_.path(), true));
+  EXPECT_THAT(calls.take(), ElementsAre());
+  EXPECT_TRUE(load_mute_host(store_.path()));
+  EXPECT_EQ(store_.configure(), "");
 }
 
 class UserCalls : public testing::Test {
