@@ -13,6 +13,7 @@
 #include "control/windows/wide_text.h"
 #include "streams/clipboard_bridge.h"
 #include "tests/streams/realtime/bridge_ends.h"
+#include "tests/streams/realtime/clipboard_user.h"
 #include "tests/streams/realtime/desktop_clipboard.h"
 #include "tests/streams/realtime/windows/other_program.h"
 #include "tests/support/windows/recorded_calls.h"
@@ -199,12 +200,6 @@ namespace {
 std::ptrdiff_t count(const std::vector<std::string>& calls, const std::string& beginning) {
   return std::ranges::count_if(
       calls, [&](const std::string& call) { return call.starts_with(beginning); });
-}
-
-std::shared_ptr<const ClipboardContent> text_content(const std::string& text) {
-  auto content = std::make_shared<ClipboardContent>();
-  content->text = text;
-  return content;
 }
 
 // ---- On the test's own thread
