@@ -96,7 +96,11 @@ class HostByHand {
     }
     // Not before this host is the store's only one: the speakers of another that runs are its own.
     mute_.init(options_.host.no_mute_host);
-    if (!host_.start(&error)) return fail(EXIT_START, error);
+    if (!host_.start(&error)) {
+      const std::string port = std::to_string(options_.host.port);
+      return fail(EXIT_START, error + " on UDP port " + port + "; \"lunderhaze doctor --port " +
+                                  port + "\" looks for the reason");
+    }
     if (!options_.host.pin.empty() &&
         !host_.set_password(options_.host.pin, HostServer::Keep::ThisRun))
       return fail(EXIT_START, "the password of --pin could not be set: out of memory?");

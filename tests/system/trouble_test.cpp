@@ -29,7 +29,10 @@ TEST_F(TroubleTest, APortInUseIsNamed) {
   start_desktop(640, 480);
   const lund_socket taken = lund_udp_open(4, nullptr, static_cast<std::uint16_t>(port_));
   ASSERT_NE(taken, LUND_NO_SOCKET);
-  expect_said(run_host({}), 4, "bind failed");
+  const std::string port = std::to_string(port_);
+  expect_said(run_host({}), 4,
+              "bind failed (errno 98) on UDP port " + port + "; \"lunderhaze doctor --port " +
+                  port + "\" looks for the reason");
   lund_udp_close(taken);
 }
 
