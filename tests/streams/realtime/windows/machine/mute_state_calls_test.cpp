@@ -1,5 +1,5 @@
-// What is asked of Windows for the file that says which outputs are muted, in the machine's store:
-// left behind by a killed worker, it must not keep the next one from starting.
+// What is asked of Windows for the file that says which outputs are muted, where it lies in the
+// machine's store: the store doesn't open beside a file that others than the system may read.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
