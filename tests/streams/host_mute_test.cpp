@@ -6,7 +6,7 @@
 #include "tests/streams/fake_sound_endpoints.h"
 #include "tests/support/temp_directory.h"
 #include "tests/support/temporary_store.h"
-#include "tests/support/text_content.h"
+#include "tests/support/text_file.h"
 #include "tests/support/virtual_time.h"
 
 using testing::ElementsAre;
@@ -343,11 +343,11 @@ TEST_F(HostMuteTest, SwitchedOffDuringAStreamItUnmutesAtOnceAndSwitchedOnItMutes
   EXPECT_FALSE(mute_->enabled());
   EXPECT_FALSE(sound_.muted["speakers"]);
   EXPECT_FALSE(has_state());
-  EXPECT_EQ(text_content(directory() / "host.ini"), "[settings]\nmute_host=0\n");
+  EXPECT_EQ(file_text(directory() / "host.ini"), "[settings]\nmute_host=0\n");
   set_enabled(true);
   EXPECT_TRUE(sound_.muted["speakers"]);
   EXPECT_EQ(file_content(state_file()), "speakers\n");
-  EXPECT_EQ(text_content(directory() / "host.ini"), "[settings]\nmute_host=1\n");
+  EXPECT_EQ(file_text(directory() / "host.ini"), "[settings]\nmute_host=1\n");
 }
 
 TEST_F(HostMuteTest, TheSettingHoldsForTheNextStart) {

@@ -1,41 +1,26 @@
 // The capture loop on desktop duplication: what becomes of a session when the system says no.
 #include <gmock/gmock.h>
 
-#include "capture/windows/duplication_source.h"
-#include "tests/capture/video_fixture.h"
-#include "tests/support/windows/fake_direct3d.h"
+#include "tests/capture/windows/duplication_loop_fixture.h"
 
 namespace {
 
 using testing::ElementsAre;
 using testing::IsEmpty;
 
-class DuplicationRun : public CaptureLoopTest {
+class DuplicationRun : public DuplicationLoopTest {
  protected:
   DuplicationRun() {
-    gpu_.on_wait = [](UINT wait_ms) { virtual_time::advance_ms(wait_ms); };
-    gpu_.coordinates = {-32768, -32768, 32767, 32767};  // wherever the system's own pointer is
-    world_.display = gpu_.display();
-    settings_.display = world_.display;
     D3D11_TEXTURE2D_DESC description{};
     description.ArraySize = 1;
     gpu_.make_texture("surface", description).give(surface_.GetAddressOf());
     world_.surface = {surface_.Get(), 0};
-    CapturePlatform platform =
-        fake_capture::platform(world_, &fake_capture::GPU_NOTIFYING, fake_capture::MEMORY_POLLED);
-    platform.make_gpu_source = [this] { return make_duplication_source(gpu_.api()); };
-    loop_ = std::make_unique<capture_internal::CaptureLoop>(platform, sinks_, requests_, active_);
-    loop_->reset(settings_);
+    run_on(platform());
   }
   void TearDown() override {
     loop_.reset();
     surface_.Reset();
-    EXPECT_THAT(gpu_.stage.complaints(), IsEmpty());
-  }
-  void begin_session() {
-    gpu_.next_frame();
-    begin_settled();
-    gpu_.stage.take_calls();
+    DuplicationLoopTest::TearDown();
   }
   int devices_made() { return gpu_.stage.count("D3D11CreateDevice"); }
   int duplications_tried() { return gpu_.stage.count("IDXGIOutput1::DuplicateOutput"); }
@@ -50,8 +35,6 @@ class DuplicationRun : public CaptureLoopTest {
     EXPECT_EQ(gpu_.duplicate.references(), 0);
   }
 
-  CapturedLog log_;
-  FakeDirect3d gpu_;
   ComPtr<ID3D11Texture2D> surface_;
 };
 

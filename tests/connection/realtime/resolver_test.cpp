@@ -13,21 +13,9 @@
 #include <thread>
 #include <vector>
 
-#include "connection/resolver_internal.h"
+#include "tests/connection/realtime/resolver_support.h"
 
 namespace {
-
-using namespace std::chrono_literals;
-constexpr auto PATIENCE = 20s;  // for another thread to come along
-
-lund_relay_config relays_of(const std::vector<std::string>& hosts) {
-  lund_relay_config config;
-  const std::uint8_t key[] = {1, 2, 3};
-  for (const std::string& host : hosts)
-    EXPECT_EQ(lund_relay_server_set(&config.servers[config.count++], host.c_str(), 9877, key, 3),
-              0);
-  return config;
-}
 
 lund_rv_endpoint endpoint(const char* text) {
   lund_rv_endpoint out;
@@ -63,13 +51,6 @@ class Results {
   std::condition_variable came_;
   std::vector<std::string> lines_;
 };
-
-template <class Done>
-bool soon(Done done) {
-  const auto limit = std::chrono::steady_clock::now() + PATIENCE;
-  while (!done() && std::chrono::steady_clock::now() < limit) std::this_thread::sleep_for(1ms);
-  return done();
-}
 
 }  // namespace
 

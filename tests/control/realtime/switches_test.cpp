@@ -3,7 +3,7 @@
 #include <gtest/gtest.h>
 
 #include "tests/support/temp_directory.h"
-#include "tests/support/text_content.h"
+#include "tests/support/text_file.h"
 
 namespace {
 
@@ -31,7 +31,7 @@ TEST_F(SwitchesTest, WhatIsSavedIsLoaded) {
     EXPECT_TRUE(save_clipboard_sync(directory_, on));
     EXPECT_EQ(load_clipboard_sync(directory_), on);
   }
-  EXPECT_EQ(text_content(directory_ / "host.ini"), "[settings]\nmute_host=1\n");
+  EXPECT_EQ(file_text(directory_ / "host.ini"), "[settings]\nmute_host=1\n");
   EXPECT_EQ(file_content(directory_ / "clipboard_sync"), "1\n");
 }
 

@@ -58,3 +58,8 @@ bool RecordedCalls::refuse(const std::string& call) {
   SetLastError(failure->error);
   return true;
 }
+
+std::ptrdiff_t count_calls(const std::vector<std::string>& calls, const std::string& beginning) {
+  return std::ranges::count_if(
+      calls, [&](const std::string& call) { return call.starts_with(beginning); });
+}

@@ -3,6 +3,7 @@
 // told of nothing while there is none.
 #pragma once
 
+#include <cstddef>
 #include <string>
 #include <vector>
 
@@ -27,6 +28,9 @@ class RecordedCalls {
   // A stand-in's: true when it is to fail, with the error set.
   static bool refuse(const std::string& call);
 };
+
+// How many of the calls begin so.
+std::ptrdiff_t count_calls(const std::vector<std::string>& calls, const std::string& beginning);
 
 // The system's own function, of the type of what stands for it.
 template <class Function>

@@ -3,10 +3,8 @@
 #include <gmock/gmock.h>
 
 #include "capture/windows/d3d11_encoder_device.h"
-#include "capture/windows/duplication_source.h"
-#include "tests/capture/video_fixture.h"
+#include "tests/capture/windows/duplication_loop_fixture.h"
 #include "tests/support/fake_codec.h"
-#include "tests/support/windows/fake_direct3d.h"
 
 extern "C" {
 #include <libavutil/hwcontext.h>
@@ -183,31 +181,22 @@ TEST_F(EncoderSurfaces, MapThatFailsIsToldWithItsCode) {
 }
 
 // From the desktop's picture to the frame sink, with nothing but drivers made up.
-class PictureToPacket : public CaptureLoopTest {
+class PictureToPacket : public DuplicationLoopTest {
  protected:
   PictureToPacket() {
     fake_codec::reset();
-    gpu_.on_wait = [](UINT wait_ms) { virtual_time::advance_ms(wait_ms); };
-    gpu_.coordinates = {-32768, -32768, 32767, 32767};  // wherever the system's own pointer is
-    world_.display = gpu_.display();
-    settings_.display = world_.display;
-    CapturePlatform platform =
-        fake_capture::platform(world_, &fake_capture::GPU_NOTIFYING, fake_capture::MEMORY_POLLED);
-    platform.make_gpu_source = [this] { return make_duplication_source(gpu_.api()); };
-    platform.make_encoder = [] { return std::make_unique<VideoEncoder>(); };
-    loop_ = std::make_unique<capture_internal::CaptureLoop>(platform, sinks_, requests_, active_);
-    loop_->reset(settings_);
+    CapturePlatform with_the_encoder = platform();
+    with_the_encoder.make_encoder = [] { return std::make_unique<VideoEncoder>(); };
+    run_on(with_the_encoder);
   }
   void TearDown() override {
     loop_.reset();
     fake_codec::reset();
-    EXPECT_THAT(gpu_.stage.complaints(), IsEmpty());
+    DuplicationLoopTest::TearDown();
   }
   fake_codec::World& codec() { return fake_codec::world(); }
   void begin_session() {
-    gpu_.next_frame();
-    begin_settled();
-    gpu_.stage.take_calls();
+    DuplicationLoopTest::begin_session();
     gpu_.blts.clear();
     codec().sent.clear();
   }
@@ -216,9 +205,6 @@ class PictureToPacket : public CaptureLoopTest {
     gpu_.next_frame();
     ASSERT_TRUE(pass());
   }
-
-  CapturedLog log_;
-  FakeDirect3d gpu_;
 };
 
 TEST_F(PictureToPacket, PictureIsConvertedIntoTheEncodersOwnSurface) {

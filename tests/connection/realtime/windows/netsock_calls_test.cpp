@@ -123,22 +123,14 @@ int WSAAPI send_to(SOCKET socket, const char* bytes, int size, int flags, const 
 extern "C" {
 // The places through which a call into a DLL goes: the linker takes these ahead of those of the
 // import library.
-extern decltype(&startup) g_startup __asm__("__imp_WSAStartup");
-decltype(&startup) g_startup = startup;
-extern decltype(&make_socket) g_socket __asm__("__imp_socket");
-decltype(&make_socket) g_socket = make_socket;
-extern decltype(&set_option) g_setsockopt __asm__("__imp_setsockopt");
-decltype(&set_option) g_setsockopt = set_option;
-extern decltype(&bind_socket) g_bind __asm__("__imp_bind");
-decltype(&bind_socket) g_bind = bind_socket;
-extern decltype(&control_socket) g_ioctlsocket __asm__("__imp_ioctlsocket");
-decltype(&control_socket) g_ioctlsocket = control_socket;
-extern decltype(&control) g_ioctl __asm__("__imp_WSAIoctl");
-decltype(&control) g_ioctl = control;
-extern decltype(&close_socket) g_closesocket __asm__("__imp_closesocket");
-decltype(&close_socket) g_closesocket = close_socket;
-extern decltype(&send_to) g_sendto __asm__("__imp_sendto");
-decltype(&send_to) g_sendto = send_to;
+decltype(&startup) __imp_WSAStartup = startup;
+decltype(&make_socket) __imp_socket = make_socket;
+decltype(&set_option) __imp_setsockopt = set_option;
+decltype(&bind_socket) __imp_bind = bind_socket;
+decltype(&control_socket) __imp_ioctlsocket = control_socket;
+decltype(&control) __imp_WSAIoctl = control;
+decltype(&close_socket) __imp_closesocket = close_socket;
+decltype(&send_to) __imp_sendto = send_to;
 
 // Callers have this one by its name.
 ULONG WINAPI GetAdaptersAddresses(ULONG family, ULONG flags, void* reserved,

@@ -6,7 +6,7 @@
 #include <memory>
 #include <string>
 
-#include "connection/resolver_internal.h"
+#include "tests/connection/realtime/resolver_support.h"
 #include "tests/support/windows/recorded_calls.h"
 
 namespace {
@@ -47,15 +47,6 @@ decltype(&wake) __imp_WakeConditionVariable = wake;
 
 namespace {
 
-constexpr ULONGLONG PATIENCE_MS = 20'000;
-
-lund_relay_config one_name() {
-  lund_relay_config relays;
-  const std::uint8_t key[] = {1, 2, 3};
-  EXPECT_EQ(lund_relay_server_set(&relays.servers[relays.count++], "a.example", 9877, key, 3), 0);
-  return relays;
-}
-
 int not_found(const char*, std::uint16_t, lund_rv_endpoint*) {
   return -1;
 }
@@ -63,15 +54,8 @@ int not_found(const char*, std::uint16_t, lund_rv_endpoint*) {
 // With something that goes when the resolver does.
 lund_resolver* start_with(std::shared_ptr<int> token) {
   return resolver_start(
-      one_name(), not_found,
+      relays_of({"a.example"}), not_found,
       [token = std::move(token)](const char*, std::uint16_t, const lund_rv_endpoint*) {});
-}
-
-template <class Done>
-bool soon(const Done& done) {
-  const ULONGLONG until = GetTickCount64() + PATIENCE_MS;
-  while (!done() && GetTickCount64() < until) Sleep(1);
-  return done();
 }
 
 TEST(ResolverCalls, WithoutAThreadThereIsNoResolverAndNothingIsKept) {

@@ -203,20 +203,13 @@ static int WSAAPI recorded_ioctl(SOCKET socket, DWORD code, LPVOID in, DWORD in_
 }
 
 // The header has these imported, so callers go through the table of imports.
-extern decltype(&recorded_startup) g_import_of_startup __asm__("__imp_WSAStartup");
-decltype(&recorded_startup) g_import_of_startup = recorded_startup;
-extern decltype(&recorded_cleanup) g_import_of_cleanup __asm__("__imp_WSACleanup");
-decltype(&recorded_cleanup) g_import_of_cleanup = recorded_cleanup;
-extern decltype(&recorded_socket) g_import_of_socket __asm__("__imp_socket");
-decltype(&recorded_socket) g_import_of_socket = recorded_socket;
-extern decltype(&recorded_option) g_import_of_option __asm__("__imp_setsockopt");
-decltype(&recorded_option) g_import_of_option = recorded_option;
-extern decltype(&recorded_bind) g_import_of_bind __asm__("__imp_bind");
-decltype(&recorded_bind) g_import_of_bind = recorded_bind;
-extern decltype(&recorded_close) g_import_of_close __asm__("__imp_closesocket");
-decltype(&recorded_close) g_import_of_close = recorded_close;
-extern decltype(&recorded_ioctl) g_import_of_ioctl __asm__("__imp_WSAIoctl");
-decltype(&recorded_ioctl) g_import_of_ioctl = recorded_ioctl;
+decltype(&recorded_startup) __imp_WSAStartup = recorded_startup;
+decltype(&recorded_cleanup) __imp_WSACleanup = recorded_cleanup;
+decltype(&recorded_socket) __imp_socket = recorded_socket;
+decltype(&recorded_option) __imp_setsockopt = recorded_option;
+decltype(&recorded_bind) __imp_bind = recorded_bind;
+decltype(&recorded_close) __imp_closesocket = recorded_close;
+decltype(&recorded_ioctl) __imp_WSAIoctl = recorded_ioctl;
 }
 
 namespace {

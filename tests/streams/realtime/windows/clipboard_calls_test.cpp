@@ -197,11 +197,6 @@ decltype(&free_block) __imp_GlobalFree = free_block;
 
 namespace {
 
-std::ptrdiff_t count(const std::vector<std::string>& calls, const std::string& beginning) {
-  return std::ranges::count_if(
-      calls, [&](const std::string& call) { return call.starts_with(beginning); });
-}
-
 // ---- On the test's own thread
 
 class ClipboardCalls : public testing::Test {
@@ -225,7 +220,8 @@ TEST_F(ClipboardCalls, ItListensByAWindowOfMessagesAndHasItNoLongerThanItListens
   std::vector<std::string> calls = calls_.take();
   ASSERT_FALSE(calls.empty());
   EXPECT_EQ(calls[0], "CoInitializeEx 2");  // COINIT_APARTMENTTHREADED
-  const auto entered = count(calls, "CoInitializeEx"), left = count(calls, "CoUninitialize");
+  const auto entered = count_calls(calls, "CoInitializeEx"),
+             left = count_calls(calls, "CoUninitialize");
   std::erase_if(calls, [](const std::string& call) {
     return call.starts_with("CoUninit") || call.starts_with("CoInit");
   });
@@ -369,8 +365,8 @@ TEST_F(ClipboardBridgeCalls, AChangeIsReadAtTheTenthRetry) {
   other_program::copy_text(L"at last");
   EXPECT_EQ(desktop_.text_after_waiting_for("at last"), "at last");
   const std::vector<std::string> calls = calls_.take();
-  EXPECT_EQ(count(calls, "OpenClipboard"), 11);
-  EXPECT_GE(count(calls, "SetTimer 1"), 10);
+  EXPECT_EQ(count_calls(calls, "OpenClipboard"), 11);
+  EXPECT_GE(count_calls(calls, "SetTimer 1"), 10);
   EXPECT_THAT(host_lines_.all(), Not(Contains(NOT_READ)));
 }
 
@@ -379,7 +375,7 @@ TEST_F(ClipboardBridgeCalls, AfterTheTenthRetryAChangeIsGivenUpAndTheNextOneIsRe
   calls_.fail("OpenClipboard", ERROR_ACCESS_DENIED, 11);
   other_program::copy_text(L"never");
   EXPECT_TRUE(host_lines_.wait_for(NOT_READ));
-  EXPECT_EQ(count(calls_.take(), "OpenClipboard"), 11);
+  EXPECT_EQ(count_calls(calls_.take(), "OpenClipboard"), 11);
   other_program::copy_text(L"the next one");
   EXPECT_EQ(desktop_.text_after_waiting_for("the next one"), "the next one");
 }
@@ -398,9 +394,9 @@ TEST_F(ClipboardBridgeCalls, AnItemIsTriedTenTimesAndThenGivenUp) {
   desktop_.copy_text("nobody's");
   EXPECT_TRUE(host_lines_.wait_for("clipboard: could not open the clipboard to set #1"));
   const std::vector<std::string> calls = calls_.take();
-  EXPECT_EQ(count(calls, "OpenClipboard"), 10);
-  EXPECT_EQ(count(calls, "GlobalFree"), count(calls, "GlobalAlloc"));
-  EXPECT_EQ(count(calls, "EmptyClipboard"), 0);
+  EXPECT_EQ(count_calls(calls, "OpenClipboard"), 10);
+  EXPECT_EQ(count_calls(calls, "GlobalFree"), count_calls(calls, "GlobalAlloc"));
+  EXPECT_EQ(count_calls(calls, "EmptyClipboard"), 0);
 }
 
 TEST_F(ClipboardBridgeCalls, AnItemForWhichThereIsNoMemoryIsGivenUpWithTheSameLine) {
@@ -408,7 +404,7 @@ TEST_F(ClipboardBridgeCalls, AnItemForWhichThereIsNoMemoryIsGivenUpWithTheSameLi
   calls_.fail("GlobalAlloc", ERROR_NOT_ENOUGH_MEMORY);
   desktop_.copy_text("nobody's");
   EXPECT_TRUE(host_lines_.wait_for("clipboard: could not open the clipboard to set #1"));
-  EXPECT_EQ(count(calls_.take(), "OpenClipboard"), 0);
+  EXPECT_EQ(count_calls(calls_.take(), "OpenClipboard"), 0);
 }
 
 }  // namespace

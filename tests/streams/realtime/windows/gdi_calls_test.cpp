@@ -103,11 +103,6 @@ bool converts(const DibBuilder& dib) {
   return image_from_dib(block, &image);
 }
 
-std::ptrdiff_t count(const std::vector<std::string>& calls, const std::string& beginning) {
-  return std::ranges::count_if(
-      calls, [&](const std::string& call) { return call.starts_with(beginning); });
-}
-
 TEST(GdiCalls, ABitmapIsDrawnWholeIntoOneOfThirtyTwoBitsTopRowFirst) {
   RecordedCalls calls;
   EXPECT_TRUE(converts(SIXTEEN_BITS));
@@ -141,10 +136,12 @@ TEST(GdiCalls, AFailureOfAnyIsOneOfTheConversionAndLeavesNothingBehind) {
     calls.fail(call, ERROR_NOT_ENOUGH_MEMORY, 1);
     EXPECT_FALSE(converts(SIXTEEN_BITS)) << call;
     const std::vector<std::string> asked = calls.take();
-    const auto made = [&](const std::string& name) { return count(asked, name) - (name == call); };
-    EXPECT_EQ(count(asked, "DeleteDC"), made("CreateCompatibleDC")) << call;
-    EXPECT_EQ(count(asked, "DeleteObject"), made("CreateDIBSection")) << call;
-    EXPECT_EQ(count(asked, "GdiFlush"), 0) << call;
+    const auto made = [&](const std::string& name) {
+      return count_calls(asked, name) - (name == call);
+    };
+    EXPECT_EQ(count_calls(asked, "DeleteDC"), made("CreateCompatibleDC")) << call;
+    EXPECT_EQ(count_calls(asked, "DeleteObject"), made("CreateDIBSection")) << call;
+    EXPECT_EQ(count_calls(asked, "GdiFlush"), 0) << call;
   }
 }
 

@@ -8,7 +8,7 @@
 #include <map>
 #include <utility>
 
-#include "control/windows/handles.h"
+#include "tests/support/windows/recorded_calls.h"
 
 namespace {
 
@@ -30,15 +30,8 @@ void tell(const std::string& what, HDESK desktop) {
   record.lines.push_back(what + std::to_string(reinterpret_cast<std::uintptr_t>(desktop) - OWN));
 }
 
-// The system's own, by the type of what stands for it here.
-template <class Function>
-Function* real(const char* name, Function*) {
-  return reinterpret_cast<Function*>(
-      reinterpret_cast<void*>(GetProcAddress(GetModuleHandleW(L"user32"), name)));
-}
-
 HDESK WINAPI open_input(DWORD flags, BOOL inherits, ACCESS_MASK access) {
-  static auto* const call = real("OpenInputDesktop", &open_input);
+  static auto* const call = system_function(L"user32", "OpenInputDesktop", &open_input);
   if (!record.behaviour) return call(flags, inherits, access);
   EXPECT_EQ(flags, 0u);
   EXPECT_FALSE(inherits);
@@ -55,7 +48,8 @@ HDESK WINAPI open_input(DWORD flags, BOOL inherits, ACCESS_MASK access) {
 }
 
 BOOL WINAPI read_information(HANDLE object, int which, void* out, DWORD size, DWORD* needed) {
-  static auto* const call = real("GetUserObjectInformationW", &read_information);
+  static auto* const call =
+      system_function(L"user32", "GetUserObjectInformationW", &read_information);
   if (!record.behaviour) return call(object, which, out, size, needed);
   EXPECT_EQ(which, UOI_NAME);
   EXPECT_EQ(size, 512u);
@@ -70,7 +64,7 @@ BOOL WINAPI read_information(HANDLE object, int which, void* out, DWORD size, DW
 }
 
 BOOL WINAPI attach_thread(HDESK desktop) {
-  static auto* const call = real("SetThreadDesktop", &attach_thread);
+  static auto* const call = system_function(L"user32", "SetThreadDesktop", &attach_thread);
   if (!record.behaviour) return call(desktop);
   tell("attach ", desktop);
   if (!record.behaviour->attaches) {
@@ -82,12 +76,12 @@ BOOL WINAPI attach_thread(HDESK desktop) {
 }
 
 HDESK WINAPI desktop_of_thread(DWORD thread) {
-  static auto* const call = real("GetThreadDesktop", &desktop_of_thread);
+  static auto* const call = system_function(L"user32", "GetThreadDesktop", &desktop_of_thread);
   return record.behaviour ? record.attached : call(thread);
 }
 
 BOOL WINAPI close_desktop(HDESK desktop) {
-  static auto* const call = real("CloseDesktop", &close_desktop);
+  static auto* const call = system_function(L"user32", "CloseDesktop", &close_desktop);
   if (!record.behaviour) return call(desktop);
   tell("close ", desktop);
   EXPECT_NE(desktop, record.attached) << "a desktop that a thread is on can't be closed";

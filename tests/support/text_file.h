@@ -3,7 +3,7 @@
 
 #include "tests/support/temp_directory.h"
 
-inline std::string text_content(const std::filesystem::path& path) {
+inline std::string file_text(const std::filesystem::path& path) {
   std::string text = file_content(path);
   std::erase(text, '\r');
   return text;
