@@ -12,6 +12,7 @@
 #include "apps/client/view/desktop_clipboard.h"
 #include "apps/client/view/desktop_hint.h"
 #include "apps/client/view/keys.h"
+#include "apps/client/view/late_wakeups.h"
 #include "apps/client/view/sound_output.h"
 #include "apps/client/view/viewer.h"
 
@@ -35,6 +36,7 @@ class Sdl {
     SDL_SetHint(SDL_HINT_ALLOW_ALT_TAB_WHILE_GRABBED, "0");  // Alt+Tab is the host's
     SDL_SetHint(SDL_HINT_WINDOWS_NO_CLOSE_ON_ALT_F4, "1");   // and so is Alt+F4
     SDL_SetHint(SDL_HINT_VIDEO_X11_NET_WM_BYPASS_COMPOSITOR, "0");
+    allow_late_wakeups();
     if (SDL_Init(SDL_INIT_VIDEO) != 0 || TTF_Init() != 0) {
       *error = SDL_GetError();
       return false;

@@ -1,18 +1,13 @@
 // A person at the window: sees the host's screen, and what they do reaches the host.
 #include <signal.h>
 
-#include <fstream>
 #include <regex>
 
+#include "tests/support/text_file.h"
 #include "tests/system/view_support.h"
 
 namespace system_test {
 namespace {
-
-std::string file_text(const std::filesystem::path& path) {
-  std::ifstream file(path);
-  return {std::istreambuf_iterator<char>(file), {}};
-}
 
 TEST_F(ViewTest, ColoursInTheWindowAreThoseOfTheHostsScreen) {
   sit_down();
@@ -360,10 +355,10 @@ TEST_F(ViewTest, ADeviceThatTheHostHasRemovedIsToldToPair) {
 
 TEST_F(ViewTest, AnUnreachableHostIsSaid) {
   sit_down();
-  stop_host();
+  EXPECT_EQ(stop_host(), 0);
   open_view();
   EXPECT_TRUE(viewer_->wait_for_output("no answer from the host", seconds(30)));
-  user_->find_window(host_name(), &window_);
+  ASSERT_TRUE(user_->find_window(host_name(), &window_));
   user_->ask_to_close(window_);
   EXPECT_EQ(viewer_->wait(seconds(20)), 2);
 }
