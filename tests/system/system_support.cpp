@@ -9,8 +9,6 @@
 #include <fstream>
 #include <regex>
 
-#include "connection/netsock.h"
-
 namespace system_test {
 
 RgbPicture read_png(const std::filesystem::path& path) {
@@ -48,13 +46,6 @@ double luma_psnr(const RgbPicture& a, const RgbPicture& b) {
 RunResult decode_with_ffmpeg(const std::filesystem::path& recording) {
   return run_program(
       {"ffmpeg", "-v", "warning", "-xerror", "-i", recording.string(), "-f", "null", "-"});
-}
-
-int free_port() {
-  const lund_socket socket = lund_udp_open(4, nullptr, 0);
-  const int port = lund_udp_local_port(socket);
-  lund_udp_close(socket);
-  return port;
 }
 
 void SystemTest::SetUp() {

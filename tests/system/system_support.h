@@ -15,6 +15,7 @@
 
 #include "apps/client/picture.h"
 #include "tests/support/child_process.h"
+#include "tests/support/free_port.h"
 #include "tests/support/xvfb.h"
 
 namespace system_test {
@@ -89,8 +90,5 @@ class SystemTest : public testing::Test {
   std::unique_ptr<ChildProcess> receiver_;
   int port_ = 0;
 };
-
-// A UDP port that is free at this moment.
-int free_port();
 
 }  // namespace system_test

@@ -13,6 +13,7 @@
 #include "control/keystore.h"
 #include "media/video_transport.h"
 #include "tests/support/engine_peer.h"
+#include "tests/support/free_port.h"
 #include "tests/support/server_peer.h"
 #include "tests/support/temporary_store.h"
 
@@ -188,16 +189,10 @@ class HostServerRealtimeTest : public testing::Test {
   void SetUp() override {
     host_key_ = keystore::load_or_create_identity(nullptr);
     save_client();
-    // A port that is free now may be taken a moment later, by another test.
-    for (int tries = 0; tries < 20 && !host; ++tries) {
-      const lund_socket probe = lund_udp_open(4, nullptr, 0);
-      options_.port = lund_udp_local_port(probe);
-      lund_udp_close(probe);
-      host = std::make_unique<HostServer>(options_, DisplayInfo{}, busy_platform());
-      host->on_status_change = [this] { ++changes; };
-      if (!host->start(nullptr)) host.reset();
-    }
-    ASSERT_TRUE(host);
+    options_.port = free_port();
+    host = std::make_unique<HostServer>(options_, DisplayInfo{}, busy_platform());
+    host->on_status_change = [this] { ++changes; };
+    ASSERT_TRUE(host->start(nullptr));
   }
   void save_client() {
     lund_client_list clients;

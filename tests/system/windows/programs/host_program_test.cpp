@@ -4,9 +4,9 @@
 
 #include <nlohmann/json.hpp>
 
-#include "connection/netsock.h"
 #include "control/windows/known_folder.h"
 #include "control/windows/wide_text.h"
+#include "tests/support/free_port.h"
 #include "tests/support/windows/beside_test.h"
 #include "tests/support/windows/heard_program.h"
 #include "tests/support/windows/native_program.h"
@@ -23,15 +23,6 @@ namespace fs = std::filesystem;
 constexpr int WRONG_USAGE = 1, CANNOT_START = 4, NOT_RUNNING = 5, UNREACHABLE = 6,
               SYSTEM_REFUSED = 8, PROBLEM_FOUND = 9;
 constexpr wchar_t RUN_KEY[] = L"Software\\Microsoft\\Windows\\CurrentVersion\\Run";
-
-// One that nobody has now.
-std::uint16_t free_port() {
-  lund_net_init();
-  const lund_socket socket = lund_udp_open(4, nullptr, 0);
-  const std::uint16_t port = lund_udp_local_port(socket);
-  lund_udp_close(socket);
-  return port;
-}
 
 void holds(const ProgramEnd& end, int status, const std::string& text) {
   EXPECT_EQ(end.status, status) << end.output;
