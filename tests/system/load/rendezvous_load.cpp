@@ -7,13 +7,13 @@
 #include <sys/socket.h>
 #include <time.h>
 
-#include <algorithm>
 #include <atomic>
 #include <cstdio>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "tests/support/median.h"
 #include "tests/support/rendezvous_sockets.h"
 
 namespace {
@@ -77,11 +77,6 @@ int stream(const LoopbackSocket& from, const lund_rv_endpoint& through, const Lo
     for (int i = 0; i < BURST; ++i) arrived += to.receive(seconds(1)).has_value();
   }
   return arrived;
-}
-
-double median(std::vector<double> values) {
-  std::nth_element(values.begin(), values.begin() + ROUNDS / 2, values.end());
-  return values[ROUNDS / 2];
 }
 
 int fail(const char* text) {

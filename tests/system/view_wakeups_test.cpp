@@ -1,3 +1,4 @@
+// Of the window alone, with SDL itself and a server of X: which errors of the latter end a program.
 #include "apps/client/view/late_wakeups.h"
 
 #include <SDL.h>
