@@ -4,12 +4,14 @@
 
 #include <chrono>
 #include <thread>
+#include <vector>
 
 #include "capture/source.h"
 #include "capture/video.h"
 #include "connection/clock.h"
 #include "media/cpu_codec.h"
 #include "tests/capture/realtime/received.h"
+#include "tests/support/median.h"
 #include "tests/support/xvfb.h"
 
 namespace {
@@ -143,14 +145,18 @@ TEST_F(PipelineX11Test, ChangeReachesTheSinkWithinAFrameTimeOfAnIdleScreen) {
   ASSERT_TRUE(init());
   pipeline_.start();
   ASSERT_TRUE(received_.wait_for_frames(1));
-  wait_until_still();
-  const int before = received_.frames();
-  const std::uint64_t drawn_us = lund_now_us();
-  painter_.fill(0x4080FF, 0, 0, WIDTH, HEIGHT);
-  ASSERT_TRUE(received_.wait_for_frames(before + 1));
-  const std::uint64_t took_us = received_.last_at_us() - drawn_us;
-  EXPECT_LT(took_us, 100'000u) << "slack for a loaded machine; a poll alone would take up to 50 ms";
-  printf("from drawing to the sink: %.1f ms\n", static_cast<double>(took_us) / 1000);
+  std::vector<double> took_ms;
+  for (const std::uint32_t colour : {0x4080FFU, 0xFF8040U, 0x40FF80U}) {
+    wait_until_still();
+    const int before = received_.frames();
+    const std::uint64_t drawn_us = lund_now_us();
+    painter_.fill(colour, 0, 0, WIDTH, HEIGHT);
+    ASSERT_TRUE(received_.wait_for_frames(before + 1));
+    took_ms.push_back(static_cast<double>(received_.last_at_us() - drawn_us) / 1'000);
+  }
+  EXPECT_LT(median(took_ms), 100)
+      << "slack for a busy computer; a poll alone would take up to 50 ms";
+  printf("from drawing to the sink: %.1f ms\n", median(took_ms));
 }
 
 }  // namespace
