@@ -3,9 +3,9 @@
 #include <gmock/gmock.h>
 
 #include <cstdio>
-#include <fstream>
 
 #include "connection/clock.h"
+#include "tests/support/temp_directory.h"
 #include "tests/system/desk_support.h"
 
 using testing::ElementsAre;
@@ -17,11 +17,6 @@ namespace {
 // USB HID usages, page 7, and the keycodes that X has for these keys.
 constexpr int USAGE_A = 0x04, USAGE_LEFT_SHIFT = 0xE1;
 constexpr int KEYCODE_A = 38, KEYCODE_LEFT_SHIFT = 50;
-
-std::string whole(const std::filesystem::path& path) {
-  std::ifstream file(path, std::ios::binary);
-  return {std::istreambuf_iterator<char>(file), {}};
-}
 
 class InputTest : public DeskTest {
  protected:
@@ -77,8 +72,8 @@ TEST_F(InputTest, XtermGetsTheTypedLineCharacterForCharacter) {
   for (char c = ' '; c <= '~'; ++c) line += c;
   line += "  The quick (brown) fox: \"jumps\" over 10% of {lazy} dogs & returns~\n";
   connect({"--click", "100,100", "--type", line});
-  EXPECT_TRUE(comes_true([&] { return whole(typed).size() >= line.size(); }));
-  EXPECT_EQ(whole(typed), line);
+  EXPECT_TRUE(comes_true([&] { return file_content(typed).size() >= line.size(); }));
+  EXPECT_EQ(file_content(typed), line);
 }
 
 TEST_F(InputTest, AWindowGetsTheCodesOfTheKeysThatTypeTheText) {

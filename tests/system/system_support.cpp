@@ -9,6 +9,8 @@
 #include <fstream>
 #include <regex>
 
+#include "tests/support/temp_directory.h"
+
 namespace system_test {
 
 RgbPicture read_png(const std::filesystem::path& path) {
@@ -156,8 +158,7 @@ nlohmann::json SystemTest::report() const {
 }
 
 std::string SystemTest::host_log() const {
-  std::ifstream file(directory_ / "state" / "lunderhaze" / "host.log");
-  return {std::istreambuf_iterator<char>(file), {}};
+  return file_content(directory_ / "state" / "lunderhaze" / "host.log");
 }
 
 }  // namespace system_test

@@ -3,7 +3,7 @@
 
 #include <regex>
 
-#include "tests/support/text_file.h"
+#include "tests/support/temp_directory.h"
 #include "tests/system/view_support.h"
 
 namespace system_test {
@@ -44,8 +44,8 @@ TEST_F(ViewTest, TypedTextReachesAProgramOnTheHostsDesktop) {
   // The terminal has drawn itself: its ground is white.
   ASSERT_TRUE(shows(0xFFFFFF, 300, 250));
   user_->type("the quick brown fox 0123456789\n");
-  EXPECT_TRUE(comes_true([&] { return !file_text(typed).empty(); }));
-  EXPECT_EQ(file_text(typed), "the quick brown fox 0123456789");
+  EXPECT_TRUE(comes_true([&] { return !file_content(typed).empty(); }));
+  EXPECT_EQ(file_content(typed), "the quick brown fox 0123456789");
   EXPECT_EQ(leave(), 0);
 }
 

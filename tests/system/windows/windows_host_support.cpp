@@ -2,9 +2,8 @@
 
 #include <signal.h>
 
-#include <fstream>
-
 #include "connection/netsock.h"
+#include "tests/support/temp_directory.h"
 
 namespace system_test {
 
@@ -65,10 +64,8 @@ std::optional<int> WindowsHostTest::end(ChildProcess* program) {
 
 std::string WindowsHostTest::host_log() const {
   std::string log;
-  for (const auto& user : std::filesystem::directory_iterator(desk_->drive_c() / "users")) {
-    std::ifstream file(user.path() / "AppData" / "Local" / "Lunderhaze" / "host.log");
-    log.append(std::istreambuf_iterator<char>(file), {});
-  }
+  for (const auto& user : std::filesystem::directory_iterator(desk_->drive_c() / "users"))
+    log += file_content(user.path() / "AppData" / "Local" / "Lunderhaze" / "host.log");
   return log;
 }
 

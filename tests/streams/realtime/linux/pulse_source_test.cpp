@@ -232,8 +232,7 @@ std::chrono::steady_clock::duration usual_stop(const std::function<void()>& star
     capture.stop();
     times.push_back(std::chrono::steady_clock::now() - before);
   }
-  std::ranges::sort(times);
-  return times[2];
+  return median(times);
 }
 
 TEST_F(PulseSourceTest, StopsWithinATenthOfASecond) {
